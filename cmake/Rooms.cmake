@@ -1,0 +1,59 @@
+# One static library a folder; `src` is the include root.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_library(flv_options INTERFACE)
+target_include_directories(flv_options INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+target_compile_options(flv_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+
+# Applied by the targets below, after the cache options exist.
+function(flv_apply_options target)
+  target_link_libraries(${target} PUBLIC flv_options)
+  if(FLV_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(FLV_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${FLV_SANITIZE} -fno-sanitize-recover=all
+                                             -fno-omit-frame-pointer)
+    target_link_options(${target} PUBLIC -fsanitize=${FLV_SANITIZE})
+  endif()
+endfunction()
+
+# flv_room(name folder DEPENDS libs...): every source of the folder in one static library, flv_<name>.
+function(flv_room name folder)
+  cmake_parse_arguments(ROOM "" "" "DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp)
+  if(sources)
+    add_library(flv_${name} STATIC ${sources})
+    target_link_libraries(flv_${name} PUBLIC ${ROOM_DEPENDS})
+    flv_apply_options(flv_${name})
+  else()
+    add_library(flv_${name} INTERFACE)
+    target_link_libraries(flv_${name} INTERFACE flv_options ${ROOM_DEPENDS})
+  endif()
+endfunction()
+
+# flv_tests(name folder DEPENDS libs...): every source of the folder in one test program, <name>_tests.
+function(flv_tests name folder)
+  cmake_parse_arguments(TEST "" "" "DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${name}_tests ${sources})
+  target_link_libraries(${name}_tests PRIVATE ${TEST_DEPENDS} GTest::gmock_main)
+  target_include_directories(${name}_tests PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  flv_apply_options(${name}_tests)
+  gtest_discover_tests(${name}_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

@@ -1,0 +1,51 @@
+// The host's file service: the module's only way to the disk.
+//
+// Paths are UTF-8 with backslashes as separators. A descriptor is an int, -1 meaning none. Every operation is
+// positional or names its file, so a service needs no cursor. One service serves all streams and is called
+// from any thread.
+
+#pragma once
+
+#include <cstddef>
+
+#include "platform/Types.h"
+
+// What stat and fstat fill in. The module reads the size in bytes and the low 32 bits of the modification
+// time; that time must differ after every change of the file, since all refresh rests on it. Its unit is the
+// host's.
+struct FileStat {
+  u8 reserved1[24];
+  i64 size;
+  u8 reserved2[8];
+  i64 modificationTime;
+  u8 reserved3[8];
+};
+static_assert(sizeof(FileStat) == 56 && offsetof(FileStat, size) == 24 &&
+              offsetof(FileStat, modificationTime) == 40);
+
+// The flags and modes that the module passes to open. They are numbers of this contract, not of any platform.
+namespace orv::openflags {
+inline constexpr int readOnly = 0x8000;
+inline constexpr int readWrite = 0x8002;       // the file must exist
+inline constexpr int createTruncate = 0x8302;  // read and write, created or cut to nothing
+inline constexpr int ownerReadWrite = 0x180;   // permission mode
+}  // namespace orv::openflags
+
+class IFileService {
+ public:
+  // A descriptor or -1.
+  virtual int open(const char* path, int flags, int mode, int reserved) = 0;
+  virtual int close(int fd, int reserved) = 0;
+  // Bytes read, perhaps fewer than asked; below 1 at the end of the file or on failure.
+  virtual int read(int fd, i64 position, void* data, u32 size) = 0;
+  // Bytes written.
+  virtual int write(int fd, i64 position, const void* data, u32 size) = 0;
+  // 0 on success, for these three.
+  virtual int fstat(int fd, FileStat* record, int reserved) = 0;
+  virtual int stat(const char* path, FileStat* record, int reserved) = 0;
+  virtual int unlink(const char* path, int reserved) = 0;
+  virtual void mkdir(const char* path) = 0;
+
+ protected:
+  ~IFileService() = default;
+};

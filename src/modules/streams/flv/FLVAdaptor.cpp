@@ -1,0 +1,1 @@
+#include "modules/streams/flv/FLVConfig.h"

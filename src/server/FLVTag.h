@@ -1,0 +1,70 @@
+// The layout of an FLV file and of its tags, once, for messages, engine and host.
+// Numbers are those of the published "Adobe Flash Video File Format Specification", version 10.1, annex E.
+
+#pragma once
+
+#include "platform/Types.h"
+
+namespace orv::flv {
+
+// File header: "FLV", a version byte, a flags byte, the header's size; then the 4-byte size field in front of
+// the first tag, which is 0.
+inline constexpr u32 kFileHeaderSize = 9;
+inline constexpr u32 kSizeFieldSize = 4;
+inline constexpr u32 kFirstTagPosition = kFileHeaderSize + kSizeFieldSize;
+inline constexpr u32 kTypeFlagsPosition = 4;
+inline constexpr u32 kHeaderSizePosition = 5;
+
+// A tag: 11 header bytes, its data, and a trailing field that holds data size + 11.
+inline constexpr u32 kTagHeaderSize = 11;
+inline constexpr u32 kTagOverhead = kTagHeaderSize + kSizeFieldSize;
+inline constexpr u32 kMaxTagDataSize = 0xFFFFFF;
+
+// Tag and message types.
+inline constexpr u8 kTypeAudio = 8;
+inline constexpr u8 kTypeVideo = 9;
+inline constexpr u8 kTypeDataAmf3 = 15;
+inline constexpr u8 kTypeCommandAmf3 = 17;
+inline constexpr u8 kTypeDataAmf0 = 18;
+inline constexpr u8 kTypeCommandAmf0 = 20;
+inline constexpr u8 kTypeAggregate = 22;
+inline constexpr u8 kFilterBit = 0x20;  // Set in the type byte of an encrypted tag.
+inline constexpr u8 kTypeMask = 0x5F;   // A message's type: the type byte without bits 0x20 and 0x80.
+
+inline u32 readU24(const u8* bytes) {
+  return u32{bytes[0]} << 16 | u32{bytes[1]} << 8 | bytes[2];
+}
+inline u32 readU32(const u8* bytes) {
+  return u32{bytes[0]} << 24 | readU24(bytes + 1);
+}
+
+inline void writeU24(u8* bytes, u32 value) {
+  bytes[0] = static_cast<u8>(value >> 16);
+  bytes[1] = static_cast<u8>(value >> 8);
+  bytes[2] = static_cast<u8>(value);
+}
+inline void writeU32(u8* bytes, u32 value) {
+  bytes[0] = static_cast<u8>(value >> 24);
+  writeU24(bytes + 1, value);
+}
+
+// A view of the 11 header bytes of a tag.
+struct TagHeader {
+  const u8* bytes;
+
+  u8 typeByte() const { return bytes[0]; }
+  u32 dataSize() const { return readU24(bytes + 1); }
+  // Milliseconds: 24 low bits, then the 8 high ones.
+  u32 time() const { return readU24(bytes + 4) | u32{bytes[7]} << 24; }
+  u32 streamId() const { return readU24(bytes + 8); }
+};
+
+inline void writeTagHeader(u8* bytes, u8 typeByte, u32 dataSize, u32 time, u32 streamId = 0) {
+  bytes[0] = typeByte;
+  writeU24(bytes + 1, dataSize);
+  writeU24(bytes + 4, time & 0xFFFFFF);
+  bytes[7] = static_cast<u8>(time >> 24);
+  writeU24(bytes + 8, streamId);
+}
+
+}  // namespace orv::flv

@@ -1,0 +1,112 @@
+// The root of all shared objects: an intrusive count and the pointer that holds it.
+//
+// Counts may be raised and dropped from any thread. A KTPtr object itself has one owner; two threads must not
+// assign the same KTPtr at once.
+
+#pragma once
+
+#include <atomic>
+
+#include "platform/Types.h"
+
+// A signed 32-bit word in which every access is one atomic read-modify-write instruction, reads included: a
+// reader always sees the latest value and all that was written before it.
+class KTAtomicCounter {
+ public:
+  explicit KTAtomicCounter(i32 value = 0) : value_(value) {}
+  KTAtomicCounter(const KTAtomicCounter&) = delete;
+  KTAtomicCounter& operator=(const KTAtomicCounter&) = delete;
+
+  i32 increment() { return value_.fetch_add(1, std::memory_order_acq_rel) + 1; }
+  i32 decrement() { return value_.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+  i32 read() const { return value_.fetch_add(0, std::memory_order_acq_rel); }
+  void store(i32 value) { value_.exchange(value, std::memory_order_acq_rel); }
+  void clear() { store(0); }
+
+ private:
+  mutable std::atomic<i32> value_;
+};
+
+// A new object has count 0 and no owner until the first KTPtr takes it. The order of the virtual operations
+// is part of the binary contract; derived classes add theirs behind these.
+class KTObject {
+ public:
+  KTObject() = default;
+  KTObject(const KTObject&) = delete;
+  KTObject& operator=(const KTObject&) = delete;
+
+  virtual i32 getRefCount() { return refCount_.read(); }
+  virtual i32 addRef() { return refCount_.increment(); }
+  // The new count; 0 when the object destroyed itself.
+  virtual i32 release() {
+    const i32 count = refCount_.decrement();
+    if (count > 0) return count;
+    delete this;
+    return 0;
+  }
+  virtual KTObject* self() { return this; }
+  virtual ~KTObject() = default;
+  virtual bool queryTrue(u32) { return true; }
+  virtual void noOperation() {}
+
+ protected:
+  KTAtomicCounter refCount_;
+};
+
+// An owning pointer: one count for as long as it holds. The virtual destructor belongs to the binary
+// contract.
+template <class T>
+class KTPtr {
+ public:
+  KTPtr() = default;
+  // Implicit: wherever a KTPtr is asked for, a raw pointer will do.
+  KTPtr(T* object) : object_(object) {
+    if (object_) object_->addRef();
+  }
+  KTPtr(const KTPtr& other) : KTPtr(other.object_) {}
+  virtual ~KTPtr() {
+    if (object_) object_->release();
+  }
+
+  // The old object is dropped before the new one is counted: an object that only the old one kept alive must
+  // not be assigned without a second owner. Meanwhile this pointer is null for whatever a destructor may do
+  // with it.
+  KTPtr& operator=(const KTPtr& other) {
+    if (this == &other) return *this;
+    T* const old = object_;
+    T* const next = other.object_;
+    object_ = nullptr;
+    if (old) old->release();
+    object_ = next;
+    if (next) next->addRef();
+    return *this;
+  }
+
+  T* get() const { return object_; }
+  T* operator->() const { return object_; }
+  T& operator*() const { return *object_; }
+  explicit operator bool() const { return object_ != nullptr; }
+
+ private:
+  T* object_ = nullptr;
+};
+
+class KTObjectPtr : public KTPtr<KTObject> {
+ public:
+  using KTPtr<KTObject>::KTPtr;
+};
+
+namespace orv::util::hidden {
+
+// Makes copying inaccessible to whatever inherits it.
+class Noncopyable {
+ protected:
+  Noncopyable() = default;
+  ~Noncopyable() = default;
+
+ public:
+  Noncopyable(const Noncopyable&) = delete;
+  Noncopyable& operator=(const Noncopyable&) = delete;
+};
+
+}  // namespace orv::util::hidden
