@@ -1,0 +1,22 @@
+// A counted object that is told when its first activity begins and when its last one ends.
+
+#pragma once
+
+#include "util/IMutex.h"
+#include "util/KTObject.h"
+
+class ActiveObject : public KTObject {
+ public:
+  explicit ActiveObject(IMutex* lock) : lock_(lock) {}
+
+  virtual void onActive() = 0;    // Called with the lock held.
+  virtual void onInactive() = 0;  // The same.
+
+  void activate();
+  void deactivate();
+  bool isActive();
+
+ private:
+  u32 activeCount_ = 0;  // Under the lock.
+  IMutex* const lock_;
+};

@@ -1,0 +1,45 @@
+// A signal that one thread waits for with a mutex in hand, and the library's sleeps.
+
+#pragma once
+
+#include <boost/noncopyable.hpp>
+#include <chrono>
+
+#include "platform/Event.h"
+#include "util/IMutex.h"
+
+// 100 nanoseconds each.
+using KTTicks = std::chrono::duration<i64, std::ratio<1, 10'000'000>>;
+
+// How a wait ended.
+inline constexpr int kWaitFailed = 0;
+inline constexpr int kWaitSignalled = 1;
+inline constexpr int kWaitTimedOut = 2;
+
+// Automatic reset: one signal wakes one waiter, now or later; signals before that are absorbed.
+class KTConditionSignal : private boost::noncopyable {
+ public:
+  KTConditionSignal() = default;
+  virtual ~KTConditionSignal() = default;
+
+  // Each unlocks `held` once, waits, and locks it again, whatever the outcome. A signal between the unlocking
+  // and the waiting isn't lost.
+  int wait(IMutex& held);
+  int wait(IMutex& held, u32 milliseconds);
+  int wait(IMutex& held, KTTicks limit);  // Whole milliseconds; what is left over is dropped.
+
+  void signal() { event_.signal(); }
+
+ private:
+  orv::platform::Event event_;
+};
+
+namespace orv::util {
+
+// All take what is below a millisecond, and whatever is negative, as nothing.
+void yield();
+void sleepSeconds(double seconds);
+void sleepMilliseconds(double milliseconds);
+void sleepTicks(u64 ticks);
+
+}  // namespace orv::util

@@ -1,0 +1,89 @@
+#include "util/KTFiberMutex.h"
+
+using orv::platform::SectionGuard;
+
+namespace {
+
+constexpr int kStateWaiting = 3;
+
+// What the two ends of the line carry in place of a worker.
+constexpr std::uintptr_t kHeadMark = 0xCAAAAAAA;
+constexpr std::uintptr_t kTailMark = 0xCEEEEEEE;
+
+}  // namespace
+
+KTFiberMutex::KTFiberMutex() {
+  head_.worker = reinterpret_cast<IWorker*>(kHeadMark);
+  tail_.worker = reinterpret_cast<IWorker*>(kTailMark);
+  head_.next = &tail_;
+  tail_.previous = &head_;
+}
+
+bool KTFiberMutex::lock() {
+  const SectionGuard guard(section_);
+  IWorker* const me = callingWorker();
+  if (!owner_) {
+    owner_ = me;
+  } else if (owner_ == me) {
+    ++recursion_;
+  } else {
+    waitInLine(*me);
+  }
+  return true;
+}
+
+bool KTFiberMutex::unlock() {
+  const SectionGuard guard(section_);
+  if (recursion_ > 0) {
+    --recursion_;
+    return true;
+  }
+  lastOwner_ = owner_;
+  if (owner_) owner_->setWaitingMutex(nullptr);
+  owner_ = resumeFirst();
+  return true;
+}
+
+// Comes back with `me` as the owner: whoever unlocked has seen to that.
+void KTFiberMutex::waitInLine(IWorker& me) {
+  append(me.waitLink);
+  section_.leave();
+  if (me.workerType() == kWorkerFiber) {
+    me.addRef();  // For the thread that will resume the fiber.
+    me.setWaitingMutex(this);
+    me.setState(kStateWaiting);
+  }
+  me.suspend();
+  section_.enter();
+}
+
+void KTFiberMutex::append(WaitLink& link) {
+  link.previous = tail_.previous;
+  link.next = &tail_;
+  tail_.previous->next = &link;
+  tail_.previous = &link;
+}
+
+// Null when nobody waits.
+IWorker* KTFiberMutex::takeFirst() {
+  WaitLink* const first = head_.next;
+  if (first == &tail_) return nullptr;
+  head_.next = first->next;
+  first->next->previous = &head_;
+  first->next = first->previous = nullptr;
+  return first->worker;
+}
+
+IWorker* KTFiberMutex::resumeFirst() {
+  for (;;) {
+    IWorker* const next = takeFirst();
+    if (!next || next->resume()) return next;
+  }
+}
+
+u32 KTFiberMutex::waitersForTest() {
+  const SectionGuard guard(section_);
+  u32 count = 0;
+  for (const WaitLink* link = head_.next; link != &tail_; link = link->next) ++count;
+  return count;
+}

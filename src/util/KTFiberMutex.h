@@ -1,0 +1,41 @@
+// The recursive mutex that hands itself over, first come, first served, and that lets a fiber wait without
+// blocking its thread.
+
+#pragma once
+
+#include <boost/noncopyable.hpp>
+
+#include "util/IMutex.h"
+#include "util/IWorker.h"
+
+// Owned by a worker, not by a thread: a fiber that locked it may go on and unlock it on another thread. With
+// somebody waiting, `unlock` makes the first in line the owner; nobody can slip in between. `unlock` doesn't
+// check who calls it, and it must not be called with no owner, nor the mutex be destroyed while owned.
+class KTFiberMutex : public IMutex, private boost::noncopyable {
+ public:
+  KTFiberMutex();
+
+  // std::bad_alloc, with nothing locked, when a thread's first lock finds no memory for the thread's
+  // delegate.
+  bool lock() override;
+  bool unlock() override;
+  orv::platform::CriticalSection* nativeHandle() override { return &section_; }
+  u32 setSpinCount(u32 count) override { return section_.setSpinCount(count); }
+  virtual ~KTFiberMutex() = default;
+
+  // How many workers stand in line.
+  u32 waitersForTest();
+
+ private:
+  void waitInLine(IWorker& me);
+  void append(WaitLink& link);
+  IWorker* takeFirst();
+  IWorker* resumeFirst();
+
+  // Guards what follows. Held for moments, never while a worker waits.
+  orv::platform::CriticalSection section_;
+  IWorker* owner_ = nullptr;
+  IWorker* lastOwner_ = nullptr;  // Who released it last; may be gone.
+  WaitLink head_, tail_;          // The line stands between the two.
+  u32 recursion_ = 0;             // The owner's locks beyond the first.
+};

@@ -1,0 +1,29 @@
+// Nine values that each thread keeps for itself.
+//
+// Threads of this library tear their slots down when they end. On a thread of the host nobody does: its
+// cleanups stay unrun.
+
+#pragma once
+
+#include "platform/Types.h"
+
+inline constexpr u32 kSlotPoolCacheFirst = 0;  // 0 to 4: per-thread caches of pools.
+inline constexpr u32 kSlotPoolCacheLast = 4;
+inline constexpr u32 kSlotFiber = 5;         // The ORVFiber that runs on the thread, if one does.
+inline constexpr u32 kSlotMainFiber = 6;     // The thread's own fiber, once it has been converted.
+inline constexpr u32 kSlotWorker = 7;        // The thread's KTThread or ORVThreadMutexDelegate.
+inline constexpr u32 kSlotTrackedDepth = 8;  // How many tracked mutexes the thread holds.
+inline constexpr u32 kSlotCount = 9;
+
+using SlotCleanup = void (*)(void* value);  // May be null.
+
+// The calling thread's value; null for an empty slot and for an index of kSlotCount or above.
+void* slotGet(u32 index);
+
+// Runs the cleanup of the old value, then stores the new one. False for an index of kSlotCount or above. A
+// thread that has no slots yet and no memory for them keeps none, which still gives true: who must know asks
+// slotGet.
+bool slotSet(u32 index, void* value, SlotCleanup cleanup);
+
+// Runs the cleanups of the calling thread and frees its slots. The thread may fill slots again afterwards.
+void slotsTearDown();
