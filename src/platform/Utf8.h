@@ -1,0 +1,19 @@
+// UTF-8 for 16-bit code units, one unit to one sequence: surrogates are not paired, each travels as three
+// bytes of its own, and a lead byte of 0xF0 or above is never valid.
+
+#pragma once
+
+#include <cstddef>
+
+namespace orv::platform {
+
+constexpr std::size_t kMaxUtf8Bytes = 3;
+
+// Bytes written to `out`, which has room for kMaxUtf8Bytes. Every unit can be encoded.
+std::size_t encodeUtf8(char16_t unit, char* out);
+
+// Decodes the sequence that starts at `text` and reads no byte at or behind `text + size`. Gives its bytes
+// and sets `*unit`, or gives 0 and leaves `*unit` when no valid sequence starts there.
+std::size_t decodeUtf8(const char* text, std::size_t size, char16_t* unit);
+
+}  // namespace orv::platform

@@ -1,0 +1,61 @@
+// The tree of exceptions, thrown by value and caught by class, and the report of a check that does not hold.
+
+#pragma once
+
+#include "util/KTWideString.h"
+
+// Every class is visible in the type information of the shared library: a host may catch it by class.
+class ORV_EXPORT KTThrowable {
+ public:
+  KTThrowable() = default;
+  KTThrowable(const KTThrowable&) = default;
+  KTThrowable& operator=(const KTThrowable&) = default;
+  virtual ~KTThrowable();
+};
+
+class ORV_EXPORT KTException : public KTThrowable {
+ public:
+  KTException() = default;
+  explicit KTException(const KTWideString& text) : message(text) {}
+  KTException(const KTException&) = default;
+  KTException& operator=(const KTException&) = default;
+  ~KTException() override;
+
+  KTWideString message;
+};
+
+// An allocation of the library failed. Making one allocates nothing.
+class ORV_EXPORT KTOutOfMemory : public KTException {
+ public:
+  KTOutOfMemory() = default;
+  KTOutOfMemory(const KTOutOfMemory&) = default;
+  KTOutOfMemory& operator=(const KTOutOfMemory&) = default;
+  ~KTOutOfMemory() override;
+};
+
+// The data in hand can't be parsed; the connection or stream that delivered it should go.
+class ORV_EXPORT KTBreakConnection : public KTException {
+ public:
+  static constexpr u32 kMalformedData = 0xC0000405;
+
+  explicit KTBreakConnection(u32 reason = kMalformedData) : code(reason) {}
+  KTBreakConnection(const KTBreakConnection&) = default;
+  KTBreakConnection& operator=(const KTBreakConnection&) = default;
+  ~KTBreakConnection() override;
+
+  u32 code;
+};
+
+// A check that didn't hold. Reports nothing, stops nothing and changes nothing: the code behind the check
+// goes on. This is the place for a breakpoint.
+void assertFailed(const char* file, int line);
+
+#define KT_ASSERT(condition) ((condition) ? void() : assertFailed(__FILE__, __LINE__))
+
+namespace orv::util {
+
+// The part of a source path that starts at the project's own folders; the whole path when it holds none of
+// them.
+const char* projectPath(const char* file);
+
+}  // namespace orv::util
