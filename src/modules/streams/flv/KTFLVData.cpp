@@ -1,0 +1,96 @@
+// The life of a stream: construction, opening, the end.
+
+#include "modules/streams/flv/KTFLVData.h"
+
+#include <atomic>
+#include <cstring>
+
+#include "server/FLVTag.h"
+
+namespace orv::flv {
+namespace {
+
+// The host's file service. A host has one, so that every stream stores the same value.
+std::atomic<IFileService*> moduleFileService{nullptr};
+
+}  // namespace
+
+IFileService* KTFLVData::fileService() {
+  return moduleFileService.load(std::memory_order_relaxed);
+}
+
+KTFLVData::KTFLVData(const KTWideString& path, const FLVConfig& config, const IBackupConnPtr& conn,
+                     IQVStreamContext* streamContext, IFileService* service)
+    : KTFLVPersist(path + u".flv", conn, service),
+      streamPath(path + u".flv"),
+      readSize(config.readSize),
+      maxFrameScan(config.maxFrameScan),
+      maxBackFrameScan(config.maxBackFrameScan),
+      playIncompleteFLVs(config.playIncompleteFLVs),
+      retryCorruptedFLVs(config.retryCorruptedFLVs),
+      enableAggMsgs(config.enableAggMsgs),
+      maxAggMsgSize(config.maxAggMsgSize),
+      fileBuffer(config.autoBufferReadSize, service),
+      context(streamContext) {
+  moduleFileService.store(service, std::memory_order_relaxed);
+  for (const u8 type : config.frameTypes) frameTypes.set(type);
+}
+
+KTFLVData::~KTFLVData() {
+  KTFLVPersist::close();
+}
+
+bool KTFLVData::open(u32 mode) {
+  constexpr u32 kForRecording = 1;
+  if (mode & kForRecording) return openForRecord();
+  const ReadHandle file(fileService(), narrowPath().c_str());
+  return file.isOpen() && checkHeader(file.fd()) && scan(file.fd());
+}
+
+bool KTFLVData::openForRecord() {
+  return false;
+}
+
+bool KTFLVData::checkHeader(int fd) {
+  if (fd == -1) return false;
+  FileStat record{};
+  if (fileService()->fstat(fd, &record, 0) != 0) return false;
+  if (record.size == 0) return true;
+  dropStaleBlock(static_cast<u32>(record.modificationTime));
+  u8 bytes[4];
+  const u32 got =
+      fileBuffer.readAt(fd, 0, bytes, sizeof bytes, true, ORV_READ_HERE, true, autofilebuffer::forward);
+  return got == sizeof bytes && std::memcmp(bytes, "FLV\x01", sizeof bytes) == 0;
+}
+
+// What the read cache took before the file's last change may not answer for the file as it is now. A time of
+// 0 may mean that the host can't tell.
+void KTFLVData::dropStaleBlock(u32 modifiedTime) {
+  if (modifiedTime == bufferTime && modifiedTime != 0) return;
+  fileBuffer.reset(-1, 0);
+  bufferTime = modifiedTime;
+}
+
+// `format` takes the stream's path.
+void KTFLVData::logPath(const char16_t* format, int level) {
+  KTWideString text;
+  text.format(format, streamPath.c_str());
+  context->logMessage(toNarrow(text).c_str(), level, 1);
+}
+
+bool KTFLVData::erase() {
+  const KTMutexGuard lock(mutex);
+  const bool closed = close();
+  return unlink() && closed;
+}
+
+void KTFLVData::setBackupConn(const IBackupConnPtr& conn) {
+  const KTMutexGuard lock(mutex);
+  KTFLVPersist::setBackupConn(conn);
+}
+
+u32 KTFLVData::getMemoryOverhead() const {
+  return static_cast<u32>(segmentCount * sizeof(SegmentRange) + sizeof(KTFLVData));
+}
+
+}  // namespace orv::flv

@@ -1,0 +1,151 @@
+// One FLV file behind the host's opaque handle.
+
+#pragma once
+
+#include <bitset>
+#include <list>
+#include <set>
+#include <source_location>
+
+#include "modules/streams/contract/IQVStreamAdaptor.h"
+#include "modules/streams/flv/FLVConfig.h"
+#include "modules/streams/flv/FrameRecord.h"
+#include "modules/streams/flv/KTFLVPersist.h"
+#include "modules/streams/flv/SearchWindow.h"
+#include "util/KTFiberMutex.h"
+#include "util/autofilebuffer.h"
+
+namespace orv::flv {
+
+// Everything that is known about one file: where its tags begin and end, its duration, the segments met so
+// far, the read cache and a copy of the settings. Two objects on one path share only the file; a player
+// learns of a recorder's work by the file's modification time alone.
+//
+// The record side (record, flushSegment, erase, setBackupConn) locks `mutex`. The read side takes no lock:
+// the host calls it from one place at a time, and not during a flush of the same stream. A stream holds no
+// descriptor between calls of the read side.
+class KTFLVData : public KTFLVPersist {
+ public:
+  // `path` is without its ".flv". Does no file work. The context and the service must outlive the stream.
+  KTFLVData(const KTWideString& path, const FLVConfig& config, const IBackupConnPtr& conn,
+            IQVStreamContext* context, IFileService* service);
+  ~KTFLVData() override;
+
+  // Bit 0 of `mode`: for recording. False if the file can't be opened, isn't FLV version 1 or can't be
+  // scanned.
+  bool open(u32 mode);
+  using KTFLVPersist::open;
+  bool openForRecord();
+  bool erase();
+  void setBackupConn(const IBackupConnPtr& conn);
+
+  // Summarises the file. False if it can't be read or its first tag is none; what was found until then stays.
+  bool scan(int fd);
+  u32 getModifiedTime() const;  // Low 32 bits; 0 if the host can't tell.
+  // These compare the file's modification time with that of the last scan and, on a change, look again.
+  i64 getSize();
+  i64 getEndPosition();
+  u32 getDuration();
+  u8 getType() const { return typeFlags; }
+  u32 getMemoryOverhead() const;
+
+  // The segment that holds a time, or a byte position. What is found stays in the index.
+  bool findSegmentByTime(u32 time, SegmentRange* range);
+  bool findSegmentByIndex(i64 index, SegmentRange* range);
+  void toBounds(const SegmentRange& range, SegmentBounds* bounds) const;
+  // Delivers the tags of a byte run, one by one or in aggregates, on the caller's thread.
+  bool loadSegment(const SegmentBounds& bounds, ISegmentHolder* holder);
+
+  // The frame that holds `position`, in `range`. Takes the caller's open descriptor.
+  bool findFrameAtOrBefore(i64 position, FrameRecord* frame, SegmentRange range, int fd);
+
+ private:
+  friend class SegmentLoader;
+  using IndexIterator = std::list<SegmentRange>::iterator;
+  enum class HeaderCheck { unreadable, noFrame, frame };
+
+  // Opening (KTFLVData.cpp)
+  bool checkHeader(int fd);
+  void dropStaleBlock(u32 modifiedTime);
+  void logPath(const char16_t* format, int level);
+  static IFileService* fileService();
+
+  // Tag scan
+  void readFirstFrame(int fd);
+
+  // Frame scan
+  HeaderCheck checkFrameHeader(FrameSource& source, i64 position, FrameRecord* frame);
+  bool readFrameHeader(FrameSource& source, i64 position, FrameRecord* frame);
+  bool checkForward(FrameSource& source, i64 position);
+  bool checkBackward(FrameSource& source, i64 position);
+  bool validateFrame(FrameSource& source, i64 position, FrameRecord* frame);
+  i64 likelyCandidate(const SearchWindow::View& view, i64 highest, i64 lowest) const;
+  bool searchBack(i64 position, FrameRecord* frame, const SegmentRange& range, int fd, u32 limit);
+  bool searchDown(SearchWindow& window, i64 highest, i64 lowest, const SegmentRange& range,
+                  FrameRecord* frame);
+  bool findLastFrame(int fd, FrameRecord* frame);
+  void locateEnd(int fd);
+  bool badDataUsedUp() const;
+  void reportBadData(std::source_location where = std::source_location::current());
+
+  // Segment index
+  SegmentRange wholeFile() const { return {firstFrame, lastFrame}; }
+  bool searchIndexByTime(u32 time, SegmentRange* range, IndexIterator* hint);
+  bool searchIndexByPosition(i64 position, SegmentRange* range, IndexIterator* hint);
+  void anchorAtOldEnd(int fd, SegmentRange* range);
+  bool seekSegmentByTime(u32 time, SegmentRange* range, int fd, IndexIterator hint);
+  bool buildSegment(i64 position, SegmentRange* range, int fd, IndexIterator hint);
+  bool insertSegment(const SegmentRange& range, IndexIterator hint);
+
+  KTFiberMutex mutex;
+  bool recordOpen = false;
+  i64 dataEnd = 0;   // End of the last whole tag. During a scan, the size of the file.
+  u32 duration = 0;  // Time of the last tag.
+  u32 scanTime = 0;  // Modification time at the last scan.
+  u8 typeFlags = 0;  // Byte 4 of the file.
+  KTWideString streamPath;
+  u32 badDataCount = 0;
+  FrameRecord firstFrame;
+  FrameRecord lastFrame;  // Behind the last tag: its time is one more than that tag's.
+  u32 segmentCount = 0;   // For the memory estimate only.
+
+  // Settings, see FLVConfig.
+  u32 readSize;
+  u32 maxFrameScan;
+  u32 maxBackFrameScan;
+  bool playIncompleteFLVs;
+  i32 retryCorruptedFLVs;
+  std::bitset<256> frameTypes;
+  bool enableAggMsgs;
+  u32 maxAggMsgSize;
+
+  std::set<i64> sidePositions;  // Tags that are held as media contexts and left out of a load.
+  // Segments found so far, in file order, without overlap. Where two touch, the earlier one's `last` is the
+  // later one's `first`; between others lies what no search has visited yet.
+  std::list<SegmentRange> segmentIndex;
+  autofilebuffer fileBuffer;
+  u32 bufferTime =
+      0;  // All that fileBuffer holds was read when the file had this modification time, or later.
+  IQVStreamContext* context;
+};
+
+// The file of a stream, open for reading for as long as this lives.
+class ReadHandle {
+ public:
+  ReadHandle(IFileService* service, const char* path)
+      : service_(service), fd_(service->open(path, openflags::readOnly, openflags::ownerReadWrite, 0)) {}
+  ~ReadHandle() {
+    if (isOpen()) service_->close(fd_, 0);
+  }
+  ReadHandle(const ReadHandle&) = delete;
+  ReadHandle& operator=(const ReadHandle&) = delete;
+
+  bool isOpen() const { return fd_ != -1; }
+  int fd() const { return fd_; }
+
+ private:
+  IFileService* service_;
+  int fd_;
+};
+
+}  // namespace orv::flv

@@ -1,0 +1,54 @@
+// The writing side of one FLV file.
+
+#pragma once
+
+#include "modules/streams/contract/IBackupConn.h"
+#include "modules/streams/contract/IFileService.h"
+#include "util/KTWideString.h"
+
+namespace orv::flv {
+
+// Opens the file for writing, creating it and its directory when needed, writes at an explicit position,
+// closes and unlinks it, and repeats each of these steps on the backup connection, whose answers it ignores.
+// Borrows the file service. Throws nothing of its own, logs nothing and has no lock: callers hold the
+// stream's.
+class KTFLVPersist {
+ public:
+  // `path` is the full one, suffix included. Opens nothing.
+  KTFLVPersist(const KTWideString& path, const IBackupConnPtr& conn, IFileService* service);
+  KTFLVPersist(const KTFLVPersist&) = delete;
+  KTFLVPersist& operator=(const KTFLVPersist&) = delete;
+  virtual ~KTFLVPersist();
+
+  // An existing file is opened as it is, a missing one created. True when the file is open.
+  virtual bool open();
+  virtual bool close();
+  // The bytes written, as the host tells it, at the write position, which moves by that much; -1 when closed.
+  virtual i64 write(const void* data, u32 size);
+  // Sets the write position; `whence` is 0 from the start or 2 from the end. The new position or -1.
+  virtual i64 seek(i64 offset, int whence);
+  virtual bool unlink();
+  virtual int fd() const;
+
+  // Attaches a connection, once and for good, and sends it a copy of what the file holds by now.
+  void setBackupConn(const IBackupConnPtr& conn);
+
+ protected:
+  const KTString& narrowPath() const { return filePathNarrow_; }
+  IFileService* service() const { return fileService_; }
+  // The size of an open file, -1 if the host can't tell.
+  i64 sizeOf(int fd) const;
+
+ private:
+  void makeDirectory();
+  void sendCopy(int fd);
+
+  KTWideString filePath_;
+  KTString filePathNarrow_;
+  int fd_ = -1;
+  IBackupConnPtr backupConn_;
+  IFileService* fileService_;
+  i64 writePosition_ = 0;
+};
+
+}  // namespace orv::flv
