@@ -12,10 +12,6 @@ using orv::util::FileReadException;
 namespace orv::flv {
 namespace {
 
-// A search gives up on a file once this many of its candidates could not be read at all: a disk that fails
-// must not cost a host call and a line of text for each of millions.
-constexpr u32 kMaxUnreadable = 16;
-
 KTWideString bareName(const char* sourcePath) {
   const char* const slash = std::strrchr(sourcePath, '/');
   return toWide(KTString(slash ? slash + 1 : sourcePath));
@@ -29,22 +25,18 @@ u32 readSizeField(FrameSource& source, i64 position) {
 
 }  // namespace
 
-KTFLVData::HeaderCheck KTFLVData::checkFrameHeader(FrameSource& source, i64 position, FrameRecord* frame) {
+bool KTFLVData::readFrameHeader(FrameSource& source, i64 position, FrameRecord* frame) {
   u8 bytes[kTagHeaderSize];
-  if (source.read(position, bytes, sizeof bytes, false) < sizeof bytes) return HeaderCheck::unreadable;
+  if (source.read(position, bytes, sizeof bytes, false) < sizeof bytes) return false;
   const TagHeader header{bytes};
   *frame = {position, header.time(), position + header.dataSize() + kTagOverhead};
-  if (!frameTypes.test(header.typeByte()) || frame->end > dataEnd) return HeaderCheck::noFrame;
+  if (!frameTypes.test(header.typeByte()) || frame->end > dataEnd) return false;
 
   u8 previous[kSizeFieldSize];
   if (source.read(position - kSizeFieldSize, previous, sizeof previous, false) < sizeof previous)
-    return HeaderCheck::noFrame;
+    return false;
   // A tag of that length must still begin inside the file.
-  return position > i64{readU32(previous)} + kSizeFieldSize ? HeaderCheck::frame : HeaderCheck::noFrame;
-}
-
-bool KTFLVData::readFrameHeader(FrameSource& source, i64 position, FrameRecord* frame) {
-  return checkFrameHeader(source, position, frame) == HeaderCheck::frame;
+  return position > i64{readU32(previous)} + kSizeFieldSize;
 }
 
 bool KTFLVData::checkForward(FrameSource& source, i64 position) {
@@ -81,15 +73,27 @@ bool KTFLVData::validateFrame(FrameSource& source, i64 position, FrameRecord* fr
          checkBackward(source, position);
 }
 
-// The highest position from `highest` down to `lowest`, all inside `view`, whose type and size could open a
-// tag; -1 if none does. Nearly every candidate of a search dies here, on bytes in memory and without a call.
+// What the size field in front of a tag can hold: no more than a tag's size, and no tag from before the first
+// one.
+bool KTFLVData::couldFollow(u32 previousSize, i64 position) const {
+  if (previousSize == 0) return true;
+  return previousSize >= kTagHeaderSize && previousSize <= kMaxTagDataSize + kTagHeaderSize &&
+         position >= firstFrame.position + previousSize + kSizeFieldSize;
+}
+
+// The highest position from `highest` down to `lowest`, all inside `view`, that could pass the checks as far
+// as its own few bytes tell; the one below `lowest` if none could. Nearly every candidate dies here, without
+// a call.
 i64 KTFLVData::likelyCandidate(const SearchWindow::View& view, i64 highest, i64 lowest) const {
   for (i64 position = highest; position >= lowest; --position) {
-    const TagHeader header{view.bytes + (position - view.start)};
-    if (frameTypes.test(header.typeByte()) && position + header.dataSize() + kTagOverhead <= dataEnd)
-      return position;
+    const TagHeader header{view.at(position)};
+    if (!frameTypes.test(header.typeByte()) || position + header.dataSize() + kTagOverhead > dataEnd)
+      continue;
+    const bool fieldInView = position - kSizeFieldSize >= view.start;
+    if (fieldInView && !couldFollow(readU32(header.bytes - kSizeFieldSize), position)) continue;
+    return position;
   }
-  return -1;
+  return lowest - 1;
 }
 
 bool KTFLVData::findFrameAtOrBefore(i64 position, FrameRecord* frame, SegmentRange range, int fd) {
@@ -114,27 +118,21 @@ bool KTFLVData::searchBack(i64 position, FrameRecord* frame, const SegmentRange&
 
 bool KTFLVData::searchDown(SearchWindow& window, i64 highest, i64 lowest, const SegmentRange& range,
                            FrameRecord* frame) {
-  u32 unreadable = 0;
+  // Nothing that starts higher can end inside the data.
+  highest = std::min(highest, dataEnd - kTagOverhead);
   for (i64 position = highest; position >= lowest; --position) {
     const SearchWindow::View view = window.view(position);
-    if (position + kTagHeaderSize <= view.start + view.size) {
-      const i64 bottom = std::max(lowest, view.start);
-      position = likelyCandidate(view, position, bottom);
-      if (position < 0) {
-        position = bottom;
-        continue;
-      }
+    if (!view.holds(position, kTagHeaderSize)) {
+      position = window.skipUnreadable(position);
+      continue;
     }
-    switch (checkFrameHeader(window, position, frame)) {
-      case HeaderCheck::unreadable:
-        if (++unreadable == kMaxUnreadable) return false;
-        continue;
-      case HeaderCheck::noFrame:
-        continue;
-      case HeaderCheck::frame:
-        break;
+    const i64 bottom = std::max(lowest, view.start);
+    position = likelyCandidate(view, position, bottom);
+    if (position < bottom) {
+      position = bottom;
+      continue;
     }
-    if (!checkForward(window, position) || !checkBackward(window, position)) continue;
+    if (!validateFrame(window, position, frame)) continue;
     if (frame->position >= range.first.position && frame->end <= range.last.position) return true;
     reportBadData();
     return false;

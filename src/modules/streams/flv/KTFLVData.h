@@ -62,7 +62,6 @@ class KTFLVData : public KTFLVPersist {
  private:
   friend class SegmentLoader;
   using IndexIterator = std::list<SegmentRange>::iterator;
-  enum class HeaderCheck { unreadable, noFrame, frame };
 
   // Opening (KTFLVData.cpp)
   bool checkHeader(int fd);
@@ -74,11 +73,11 @@ class KTFLVData : public KTFLVPersist {
   void readFirstFrame(int fd);
 
   // Frame scan
-  HeaderCheck checkFrameHeader(FrameSource& source, i64 position, FrameRecord* frame);
   bool readFrameHeader(FrameSource& source, i64 position, FrameRecord* frame);
   bool checkForward(FrameSource& source, i64 position);
   bool checkBackward(FrameSource& source, i64 position);
   bool validateFrame(FrameSource& source, i64 position, FrameRecord* frame);
+  bool couldFollow(u32 previousSize, i64 position) const;
   i64 likelyCandidate(const SearchWindow::View& view, i64 highest, i64 lowest) const;
   bool searchBack(i64 position, FrameRecord* frame, const SegmentRange& range, int fd, u32 limit);
   bool searchDown(SearchWindow& window, i64 highest, i64 lowest, const SegmentRange& range,

@@ -1,46 +1,85 @@
 #include "modules/streams/flv/SearchWindow.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
+
+#include "server/FLVTag.h"
 
 namespace orv::flv {
 namespace {
 
-// A larger read size only makes the pages of a search larger up to here.
-constexpr u32 kMaxPageSize = 0x100000;
-// More than the longest read of a frame check.
-constexpr u32 kOverlap = 16;
-// The farthest that candidates and what they point to lie apart: a search of 16 MiB, and a tag of 16 MiB.
-constexpr u32 kReach = 0x2000000;
+// A larger setting only makes the reads of a search larger up to here.
+constexpr u32 kMaxReadSize = 0x100000;
+// What a read at one place takes in around it: a size field and the tag header behind it, or in front of it.
+constexpr u32 kMargin = 64;
+// A tag up to this long is taken to have neighbours of its length, and they are read along with its ends.
+constexpr i64 kNeighbourhood = 24576;
 
-u32 slotsFor(u32 pageSize) {
-  return std::bit_ceil(kReach / (pageSize - kOverlap) + 2);
-}
+// The grid. Candidates and what they point to lie no farther apart than 32 MiB: a search of 16 MiB, and a tag
+// of 16.
+constexpr i64 kPageSize = 0x10000;
+constexpr i64 kPageOverlap = 16;  // A tag header that starts in a page lies in it whole.
+constexpr i64 kStride = kPageSize - kPageOverlap;
+constexpr std::size_t kPages = 1024;
+static_assert(kPages * kStride > 0x2000000);
 
 }  // namespace
 
-SearchWindow::SearchWindow(autofilebuffer& file, IFileService* service, int fd, i64 origin, u32 pageSize)
+SearchWindow::SearchWindow(autofilebuffer& file, IFileService* service, int fd, i64 origin, u32 readSize)
     : file_(file),
       service_(service),
       fd_(fd),
       origin_(origin),
-      pageSize_(std::clamp(pageSize, 2 * kOverlap, kMaxPageSize)),
-      stride_(pageSize_ - kOverlap),
-      base_((origin + stride_ - pageSize_ / 2) % stride_),
-      pages_(slotsFor(pageSize_)) {}
+      readSize_(std::clamp(readSize, 2 * kMargin, kMaxReadSize)),
+      lastRead_(origin) {}
+
+void SearchWindow::Run::load(autofilebuffer& file, int fd, i64 start, u32 size) {
+  if (capacity_ < size) {
+    bytes_ = std::make_unique_for_overwrite<u8[]>(size);
+    capacity_ = size;
+  }
+  const PassThroughScope stay(file);
+  view_ = {start, bytes_.get(),
+           file.readAt(fd, start, bytes_.get(), size, true, ORV_READ_HERE, true, autofilebuffer::centred)};
+}
 
 SearchWindow::View SearchWindow::view(i64 position) {
-  const Page& page = pageAt(position);
-  return {page.start, page.bytes.get(), page.size};
+  if (const View* known = find(position, kTagHeaderSize)) return *known;
+  if (runCount_ != 0 || !pages_.empty()) {
+    const u32 more = readSize_ / 2;
+    return load(position + kMargin - more, more, position);
+  }
+  // The first read takes in some of what lies behind the origin, for the checks of the frame that holds it.
+  return load(position + readSize_ / 4 - readSize_, readSize_, position);
+}
+
+i64 SearchWindow::skipUnreadable(i64 position) {
+  if (!toldUnreadable_) {
+    toldUnreadable_ = true;
+    u8 bytes[kTagHeaderSize];
+    plainBuffer().readAt(fd_, position, bytes, sizeof bytes, false, ORV_READ_HERE, true,
+                         autofilebuffer::centred);
+  }
+  enterGrid();
+  const View here = page(position);
+  if (here.holds(position, kTagHeaderSize)) return position + 1;
+  return std::max(here.start, here.start + here.size + 1 - kTagHeaderSize);
 }
 
 u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
   if (position >= 0) {
-    const Page& page = pageAt(position);
-    const i64 offset = position - page.start;
-    if (offset + size <= page.size) {
-      std::memcpy(data, page.bytes.get() + offset, size);
+    const i64 jump = position - lastRead_;
+    lastRead_ = position;
+    const View* known = find(position, size);
+    View loaded;
+    if (!known) {
+      const i64 reach = kMargin + (std::abs(jump) <= kNeighbourhood ? std::abs(jump) : 0);
+      const i64 start = jump > 0 ? position : position + kTagHeaderSize - reach;
+      loaded = load(start, static_cast<u32>(reach), position);
+      known = &loaded;
+    }
+    if (known->holds(position, size)) {
+      std::memcpy(data, known->at(position), size);
       return size;
     }
   }
@@ -48,27 +87,43 @@ u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
                               autofilebuffer::centred);
 }
 
-const SearchWindow::Page& SearchWindow::pageAt(i64 position) {
-  const i64 index = (position - base_ + stride_) / stride_;
-  Page& page = pages_[static_cast<std::size_t>(index) & (pages_.size() - 1)];
-  if (page.index != index) load(page, index);
-  return page;
+const SearchWindow::View* SearchWindow::find(i64 position, u32 size) const {
+  for (u32 i = runCount_; i-- > 0;) {
+    if (runs_[i].view().holds(position, size)) return &runs_[i].view();
+  }
+  return nullptr;
 }
 
-void SearchWindow::load(Page& page, i64 index) {
-  if (!page.bytes) page.bytes = std::make_unique_for_overwrite<u8[]>(pageSize_);
-  const i64 start = base_ + (index - 1) * stride_;  // Below 0 for page 0 alone.
-  const PassThroughScope stay(file_);
-  page.index = index;
-  page.start = std::max<i64>(start, 0);
-  const auto wanted = static_cast<u32>(start + pageSize_ - page.start);
-  page.size = file_.readAt(fd_, page.start, page.bytes.get(), wanted, true, ORV_READ_HERE, true,
-                           autofilebuffer::centred);
+// Reads a run, or, where that would be one too many, the page that holds `position`.
+SearchWindow::View SearchWindow::load(i64 start, u32 size, i64 position) {
+  if (runCount_ == kMaxRuns) enterGrid();
+  if (!pages_.empty()) return page(position);
+  const i64 end = start + size;
+  start = std::max<i64>(start, 0);
+  Run& run = runs_[runCount_++];
+  run.load(file_, fd_, start, static_cast<u32>(end - start));
+  return run.view();
+}
+
+void SearchWindow::enterGrid() {
+  runCount_ = 0;
+  pages_.resize(kPages);
+}
+
+SearchWindow::View SearchWindow::page(i64 position) {
+  const i64 index = position / kStride;
+  std::unique_ptr<Page>& slot = pages_[static_cast<std::size_t>(index) % kPages];
+  if (!slot) slot = std::make_unique<Page>();
+  if (slot->index != index) {
+    slot->run.load(file_, fd_, index * kStride, kPageSize);
+    slot->index = index;
+  }
+  return slot->run.view();
 }
 
 autofilebuffer& SearchWindow::plainBuffer() {
   if (!plain_) {
-    plain_.emplace(pageSize_, service_, &file_);
+    plain_.emplace(readSize_, service_, &file_);
     plain_->reset(fd_, origin_);
   }
   return *plain_;

@@ -1,12 +1,14 @@
-// The bytes around a frame search, kept page by page.
+// The bytes around a frame search.
 //
-// A search walks back byte by byte, and each candidate may point far ahead or behind. Every page of the file
-// is read once a search, whatever order hostile bytes ask for it in. What the pages can't serve (the end of
-// the file, a disk that fails) is read through a plain search buffer, so that it ends as such a read always
-// ends.
+// A search walks back byte by byte, and the checks of a candidate look at its neighbours, which may lie far
+// away. An honest file needs a few small reads, and they are placed where its tags want them. Hostile bytes
+// may ask for any place in any order: after those few reads the file is read in pages of a fixed grid, each
+// of them once. What the file can't serve (its end, a disk that fails) is read through a plain search buffer,
+// and ends as such a read ends.
 
 #pragma once
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -45,37 +47,62 @@ class SearchWindow : public FrameSource {
     i64 start = 0;
     const u8* bytes = nullptr;
     u32 size = 0;
+
+    bool holds(i64 position, u32 count) const {
+      return position >= start && position + count <= start + size;
+    }
+    const u8* at(i64 position) const { return bytes + (position - start); }
   };
 
-  // A search that starts at `origin`, which falls into the middle of its page. Borrows both; reads `pageSize`
-  // bytes at a time through `file`, whose block stays in place.
-  SearchWindow(autofilebuffer& file, IFileService* service, int fd, i64 origin, u32 pageSize);
+  // A search that walks back from `origin` and reads `readSize` bytes at a time, through `file`, whose block
+  // stays in place. Borrows the file and the service.
+  SearchWindow(autofilebuffer& file, IFileService* service, int fd, i64 origin, u32 readSize);
 
-  // The page that holds `position`, perhaps too short to reach it. Good until the next call of this object.
+  // Bytes at and below `position`, to walk down in; perhaps not even `position`'s own. Good until the next
+  // call.
   View view(i64 position);
+  // The file doesn't give the bytes of a candidate at `position`: answers the lowest of the candidates below
+  // for which that holds in a row, without asking for each; `position` + 1 if it does give them after all.
+  // The first time, the failure is told as any short read is.
+  i64 skipUnreadable(i64 position);
+  // A look at the neighbours of a candidate.
   u32 read(i64 position, u8* data, u32 size, bool raise) override;
 
  private:
+  class Run {
+   public:
+    // Reads what the file has of [start, start + size).
+    void load(autofilebuffer& file, int fd, i64 start, u32 size);
+    const View& view() const { return view_; }
+
+   private:
+    std::unique_ptr<u8[]> bytes_;
+    u32 capacity_ = 0;
+    View view_;
+  };
   struct Page {
     i64 index = -1;
-    i64 start = 0;
-    u32 size = 0;
-    std::unique_ptr<u8[]> bytes;
+    Run run;
   };
+  static constexpr u32 kMaxRuns = 16;
 
-  const Page& pageAt(i64 position);
-  void load(Page& page, i64 index);
+  const View* find(i64 position, u32 size) const;
+  View load(i64 start, u32 size, i64 position);
+  void enterGrid();
+  View page(i64 position);
   autofilebuffer& plainBuffer();
 
   autofilebuffer& file_;
   IFileService* service_;
   int fd_;
   i64 origin_;
-  u32 pageSize_;
-  i64 stride_;  // From one page's start to the next; the overlap lets a tag header lie in one page.
-  i64 base_;    // Start of page 1.
-  std::vector<Page> pages_;
+  u32 readSize_;
+  i64 lastRead_;                    // Where the checks looked last.
+  std::array<Run, kMaxRuns> runs_;  // The few reads, in the order of their need.
+  u32 runCount_ = 0;
+  std::vector<std::unique_ptr<Page>> pages_;  // By index, modulo the size; empty while runs serve.
   std::optional<autofilebuffer> plain_;
+  bool toldUnreadable_ = false;
 };
 
 }  // namespace orv::flv
