@@ -107,8 +107,7 @@ TEST(KTStringPool, readsItsLimitFromTheEnvironment) {
       {"0", 0}, {"8", 8}, {"-3", 0}, {"12abc", 12}, {"text", 0}, {"", 0}, {"99999999999999999999", 16777215}};
   for (const auto& c : kCases) {
     setenv("ORV_STRING_POOL", c.value, 1);
-    EXPECT_EXIT(exitGood(c.limit), testing::ExitedWithCode(0), "")
-        << c.value;
+    EXPECT_EXIT(exitGood(c.limit), testing::ExitedWithCode(0), "") << c.value;
   }
   setenv("ORV_STRING_POOL", "8", 1);
 }
