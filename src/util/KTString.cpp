@@ -1,13 +1,12 @@
 #include "util/KTString.h"
 
-#include <algorithm>
 #include <boost/lexical_cast.hpp>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 #include <string>
 
+#include "platform/Numbers.h"
 #include "util/KTThrowable.h"
 
 namespace {
@@ -85,8 +84,7 @@ KTString KTString::hexOf(const void* bytes, u32 length) {
 }
 
 i32 KTString::toInt() const {
-  return static_cast<i32>(
-      std::clamp<i64>(toInt64(), std::numeric_limits<i32>::min(), std::numeric_limits<i32>::max()));
+  return orv::platform::parseInt32(text_);
 }
 
 i64 KTString::toInt64() const {
@@ -112,7 +110,7 @@ KTString KTString::urlEncode(bool encodeBlank) const {
 
 KTString& KTString::urlDecode() {
   if (find('%') < 0) return *this;
-  text_ = KTStringPool::instance().makePrivate(text_);
+  text_ = KTStringPool::makePrivate(text_);
   const i32 end = length();
   i32 to = 0;
   for (i32 from = 0; from < end; ++to) {
@@ -125,6 +123,6 @@ KTString& KTString::urlDecode() {
     text_[to] = static_cast<char>(low < 0 ? high : high * 16 + low);
     from += low < 0 ? 2 : 3;
   }
-  text_ = KTStringPool::instance().truncate(text_, to);
+  text_ = KTStringPool::truncate(text_, to);
   return *this;
 }

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <limits>
+#include <memory>
 #include <new>
 #include <string>
 
+#include "platform/Numbers.h"
 #include "util/KTStringShelf.h"
 #include "util/KTThrowable.h"
 
@@ -14,11 +15,11 @@ namespace {
 using orv::util::hidden::newTextBlock;
 using orv::util::hidden::setTextHeader;
 
-constexpr i64 kCapacityStep = 32;
+constexpr u32 kCapacityStep = 32;
 
 // Characters for which a private block of this length has room, its NUL included.
-i64 capacityFor(i64 length) {
-  return ((length + 1) / kCapacityStep + 1) * kCapacityStep;
+u32 capacityFor(i32 length) {
+  return ((static_cast<u32>(length) + 1) / kCapacityStep + 1) * kCapacityStep;
 }
 
 i32 checkedLength(i64 length) {
@@ -53,17 +54,16 @@ void setLength(Char* block, i32 length) {
 
 // The block was made with the capacity of its longest text so far, which is never less than that of `length`.
 template <class Char>
-bool hasRoom(const Char* block, i64 length) {
+bool hasRoom(const Char* block, i32 length) {
   return KTStringPool::kind(block) == KTStringPool::kPrivate &&
          capacityFor(length) <= capacityFor(KTStringPool::length(block));
 }
 
-// As atoi reads it, held within 32 bits. Longer texts than a header can tell of don't exist.
+// As atoi reads it; texts longer than a header can tell of don't exist.
 i32 limitFromEnvironment() {
   const char* const value = std::getenv("ORV_STRING_POOL");
   if (!value) return 0;
-  const long long limit = std::strtoll(value, nullptr, 10);
-  return static_cast<i32>(std::clamp<long long>(limit, 0, KTStringPool::kMaxLength));
+  return std::clamp(orv::platform::parseInt32(value), 0, KTStringPool::kMaxLength);
 }
 
 }  // namespace
@@ -96,7 +96,8 @@ template <class Char>
 Char* KTStringPool::create(const Char* text, i64 length) {
   const i32 count = measure(text, length);
   if (count == 0) return empty<Char>();
-  if (count <= poolLimit_) return shelf<Char>().take({text, static_cast<std::size_t>(count)});
+  KTStringPool& pool = instance();
+  if (count <= pool.poolLimit_) return pool.shelf<Char>().take({text, static_cast<std::size_t>(count)});
   Char* const block = newPrivate<Char>(count);
   copyText(block, text, count);
   return block;
@@ -108,7 +109,7 @@ void KTStringPool::release(Char* block) {
     case kPrivate:
       return orv::util::hidden::deleteTextBlock(block);
     case kPooled:
-      return shelf<Char>().drop(block);
+      return instance().shelf<Char>().drop(block);
     case kEmpty:
       return;
   }
@@ -133,12 +134,15 @@ Char* KTStringPool::append(Char* block, const Char* text, i64 length) {
   if (added == 0) return block;
   const i32 old = KTStringPool::length(block);
   const i32 sum = checkedLength(i64{old} + added);
-  const bool inPlace = hasRoom(block, sum);
-  Char* const result = inPlace ? block : newPrivate<Char>(sum);
-  if (!inPlace) copyText(result, block, old);
+  if (hasRoom(block, sum)) {
+    copyText(block + old, text, added);
+    setLength(block, sum);
+    return block;
+  }
+  Char* const result = newPrivate<Char>(sum);
+  copyText(result, block, old);
   copyText(result + old, text, added);
-  setLength(result, sum);
-  if (!inPlace) release(block);
+  release(block);
   return result;
 }
 

@@ -40,22 +40,22 @@ class KTStringPool {
   i32 limit() const { return poolLimit_; }
 
   template <class Char>
-  Char* create(const Char* text, i64 length = -1);
+  static Char* create(const Char* text, i64 length = -1);
 
   template <class Char>
-  void release(Char* block);
+  static void release(Char* block);
 
   // These take over `block` and give the block that stands for it from now on. `text` may lie inside `block`.
   template <class Char>
-  Char* assign(Char* block, const Char* text, i64 length);
+  static Char* assign(Char* block, const Char* text, i64 length);
   template <class Char>
-  Char* append(Char* block, const Char* text, i64 length);
+  static Char* append(Char* block, const Char* text, i64 length);
   template <class Char>
-  Char* makePrivate(Char* block);
+  static Char* makePrivate(Char* block);
 
   // Shortens a private block, which stays where it is unless nothing is left.
   template <class Char>
-  Char* truncate(Char* block, i32 length);
+  static Char* truncate(Char* block, i32 length);
 
   // A private block with the two texts one behind the other; the empty text when both are empty.
   template <class Char>

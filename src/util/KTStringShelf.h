@@ -7,15 +7,13 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string_view>
 
 #include "util/KTStringPool.h"
+#include "util/KTThreadOnlyMutex.h"
 
 namespace orv::util::hidden {
-
-using BucketLock = std::recursive_mutex;
 
 inline void setTextHeader(void* block, i32 length, KTStringPool::Kind kind) {
   const u32 header = __builtin_bswap32(static_cast<u32>(length) << 8 | kind);
@@ -24,8 +22,8 @@ inline void setTextHeader(void* block, i32 length, KTStringPool::Kind kind) {
 
 // Room for `capacity` characters, the NUL at `length` included; the text itself is left to the caller.
 template <class Char>
-Char* newTextBlock(i64 capacity, i32 length, KTStringPool::Kind kind) {
-  const std::size_t bytes = kTextHeaderSize + static_cast<std::size_t>(capacity) * sizeof(Char);
+Char* newTextBlock(u32 capacity, i32 length, KTStringPool::Kind kind) {
+  const std::size_t bytes = kTextHeaderSize + std::size_t{capacity} * sizeof(Char);
   Char* const block = reinterpret_cast<Char*>(static_cast<u8*>(::operator new(bytes)) + kTextHeaderSize);
   setTextHeader(block, length, kind);
   block[length] = 0;
@@ -52,7 +50,7 @@ class KTStringShelf {
   // The one block of this text, with one more holder.
   Char* take(Text text) {
     Bucket& bucket = bucketOf(text.size());
-    const std::lock_guard guard(bucket.lock);
+    const KTMutexGuard guard(bucket.lock);
     auto entry = bucket.holders.find(text);
     if (entry == bucket.holders.end()) {
       entry = add(bucket, text);
@@ -67,7 +65,7 @@ class KTStringShelf {
   void drop(const Char* block) {
     const auto length = static_cast<std::size_t>(KTStringPool::length(block));
     Bucket& bucket = bucketOf(length);
-    const std::lock_guard guard(bucket.lock);
+    const KTMutexGuard guard(bucket.lock);
     const auto entry = bucket.holders.find(Text(block, length));
     if (entry != bucket.holders.end() && entry->second > 0) --entry->second;
   }
@@ -84,13 +82,14 @@ class KTStringShelf {
 
   KTStringPoolCounts counts(i32 length) {
     Bucket& bucket = bucketOf(static_cast<std::size_t>(length));
-    const std::lock_guard guard(bucket.lock);
+    const KTMutexGuard guard(bucket.lock);
     return bucket.counts;
   }
 
  private:
   struct Bucket {
-    orv::util::hidden::BucketLock lock;
+    Bucket() { lock.setSpinCount(1000); }  // A bucket is held for moments only.
+    KTThreadOnlyMutex lock{true};
     KTStringPoolCounts counts;    // Under lock, as is the map.
     std::map<Text, u64> holders;  // The keys point into the blocks.
   };
@@ -117,7 +116,8 @@ class KTStringShelf {
 
   auto add(Bucket& bucket, Text text) {
     const auto length = static_cast<i32>(text.size());
-    Char* const block = orv::util::hidden::newTextBlock<Char>(i64{length} + 1, length, KTStringPool::kPooled);
+    Char* const block =
+        orv::util::hidden::newTextBlock<Char>(static_cast<u32>(length) + 1, length, KTStringPool::kPooled);
     text.copy(block, text.size());
     try {
       const auto entry = bucket.holders.emplace(Text(block, text.size()), 0).first;
@@ -131,7 +131,7 @@ class KTStringShelf {
   }
 
   static i64 sweepBucket(Bucket& bucket) {
-    const std::lock_guard guard(bucket.lock);
+    const KTMutexGuard guard(bucket.lock);
     i64 freed = 0;
     for (auto entry = bucket.holders.begin(); entry != bucket.holders.end();) {
       if (entry->second > 0) {

@@ -38,27 +38,24 @@ i32 indexOf(std::size_t position) {
   return position == std::string_view::npos ? -1 : static_cast<i32>(position);
 }
 
-KTStringPool& pool() {
-  return KTStringPool::instance();
-}
-
 }  // namespace
 
 template <class Text, class Char>
-KTText<Text, Char>::KTText(const Char* text) : text_(pool().create(text)) {}
+KTText<Text, Char>::KTText(const Char* text) : text_(KTStringPool::create(text)) {}
 
 template <class Text, class Char>
-KTText<Text, Char>::KTText(const Char* text, i64 length) : text_(pool().create(text, length)) {}
+KTText<Text, Char>::KTText(const Char* text, i64 length) : text_(KTStringPool::create(text, length)) {}
 
 template <class Text, class Char>
-KTText<Text, Char>::KTText(Char character) : text_(pool().create(&character, 1)) {}
+KTText<Text, Char>::KTText(Char character) : text_(KTStringPool::create(&character, 1)) {}
 
 template <class Text, class Char>
-KTText<Text, Char>::KTText(const KTText& other) : text_(pool().create<Char>(other.text_, other.length())) {}
+KTText<Text, Char>::KTText(const KTText& other)
+    : text_(KTStringPool::create<Char>(other.text_, other.length())) {}
 
 template <class Text, class Char>
 KTText<Text, Char>::~KTText() {
-  pool().release(text_);
+  KTStringPool::release(text_);
 }
 
 template <class Text, class Char>
@@ -75,13 +72,13 @@ KTText<Text, Char>& KTText<Text, Char>::operator=(KTText&& other) noexcept {
 
 template <class Text, class Char>
 Text& KTText<Text, Char>::assign(const Char* text, i64 length) {
-  text_ = pool().assign(text_, text, length);
+  text_ = KTStringPool::assign(text_, text, length);
   return static_cast<Text&>(*this);
 }
 
 template <class Text, class Char>
 Text& KTText<Text, Char>::append(const Char* text, i64 length) {
-  text_ = pool().append(text_, text, length);
+  text_ = KTStringPool::append(text_, text, length);
   return static_cast<Text&>(*this);
 }
 

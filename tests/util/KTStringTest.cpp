@@ -198,4 +198,18 @@ TEST(KTWideString, oneBadSequenceEmptiesTheConversion) {
   EXPECT_EQ(toWide("\xED\xA0\xBD\xED\xB8\x80"), u"\xD83D\xDE00");  // Surrogates travel one by one.
 }
 
+TEST(KTWideString, formatsWithSwappedLetters) {
+  KTWideString text;
+  EXPECT_EQ(text.format(u"File contains bad data : %S (%S:%d)", u"a.flv", u"b", 7),
+            u"File contains bad data : a.flv (b:7)");
+  EXPECT_EQ(text.format(u"%s%c%C", "narrow", 'n', 0x2122), u"narrown\x2122");
+  EXPECT_EQ(text.format(u"%-5S|%4s|%ls", "ab", u"cd", u"e"), u"ab   |  cd|e");  // Nothing is swapped here.
+  EXPECT_EQ(text.format(u"<%S>", text.c_str()), u"<ab   |  cd|e>");
+  EXPECT_TRUE(text.format(u"%y").empty());
+  EXPECT_TRUE(text.format(nullptr).empty());
+  for (const i32 length : {2047, 2048, 5119, 5120, 65534, 65535})
+    EXPECT_EQ(length, text.format(u"%*s", length, u"").length());
+  EXPECT_TRUE(text.format(u"%65536d", 1).empty());
+}
+
 }  // namespace

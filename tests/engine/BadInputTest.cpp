@@ -1,0 +1,206 @@
+// Files that lie, hosts that fail, files that change under a reader: a stated result, never a crash, a leak
+// or an endless search.
+
+#include <random>
+
+#include "EngineTest.h"
+
+namespace orv::test {
+namespace {
+
+class BadInputTest : public EngineTest {
+ protected:
+  // Everything a player does with a file, as far as the file lets it. All results stay in their ranges.
+  void playAll() {
+    Stream stream = open();
+    if (!stream) return;
+    const i64 size = stream.size();
+    ASSERT_GE(size, 0);
+    ASSERT_TRUE(stream.endPosition() == size || stream.endPosition() == 0);
+    for (const u32 time : {0u, 25u, stream.duration(), 0xFFFFFFFFu}) check(stream, stream.atTime(time), size);
+    for (const i64 position : {i64{0}, size / 3, size - 1}) check(stream, stream.atPosition(position), size);
+    stream.load({0, size, 0, 0});
+  }
+  void check(Stream& stream, const std::optional<SegmentBounds>& found, i64 size) {
+    if (!found) return;
+    ASSERT_TRUE(0 <= found->startPosition && found->startPosition <= found->endPosition &&
+                found->endPosition < size);
+    std::size_t delivered = 0;
+    for (const Message& message : stream.load(*found)) delivered += message.data.size();
+    ASSERT_LE(static_cast<i64>(delivered), found->endPosition - found->startPosition + 1);
+  }
+};
+
+const FlvBuilder& shortFilm() {
+  static const FlvBuilder film = FlvBuilder()
+                                     .tag(kVideo, 0, 9)
+                                     .tag(kAudio, 10, 0)
+                                     .tag(kVideo, 20, 17)
+                                     .tag(kAudio, 30, 4)
+                                     .tag(kVideo, 40, 30);
+  return film;
+}
+
+TEST_F(BadInputTest, everyByteFlipped) {
+  for (std::size_t at = 0; at < shortFilm().bytes().size(); ++at) {
+    for (const u8 mask : {0x01, 0x20, 0x80, 0xFF}) {
+      Bytes bytes = shortFilm().bytes();
+      bytes[at] ^= mask;
+      host.put(kFile, bytes);
+      playAll();
+    }
+  }
+}
+
+TEST_F(BadInputTest, noise) {
+  std::mt19937 random(5);
+  for (const u32 size : {1u, 12u, 100u, 5000u, 400'000u}) {
+    for (const int fill : {-1, 0x00, 0x08, 0x09, 0xFF}) {
+      Bytes bytes(size);
+      for (u8& byte : bytes) byte = fill < 0 ? static_cast<u8>(random()) : static_cast<u8>(fill);
+      host.put(kFile, bytes);
+      playAll();  // no header
+      const Bytes header = FlvBuilder().bytes(), tags = FlvBuilder().interleaved(3).bytes();
+      std::copy_n(header.begin(), std::min<std::size_t>(size, 13), bytes.begin());
+      host.put(kFile, bytes);
+      playAll();
+      bytes.insert(bytes.begin(), tags.begin(), tags.end());
+      host.put(kFile, bytes);
+      playAll();  // good tags before it
+    }
+  }
+}
+
+// A player's whole road, with two segments to seek in.
+class FaultTest : public BadInputTest {
+ protected:
+  const FlvBuilder film = FlvBuilder().constantRate(400'000, 3000);
+
+  // Whatever goes wrong, what is delivered are tags of the file in their order.
+  void playRoad() {
+    Stream stream = open();
+    if (!stream) return;
+    const auto all = messagesOf(film);
+    for (const u32 time : {0u, film.lastTime(), 700u}) {
+      const auto found = stream.atTime(time);
+      if (!found) continue;
+      auto from = all.begin();
+      for (const Message& tag : unpack(stream.load(*found))) {
+        from = std::find(from, all.end(), tag);
+        ASSERT_NE(from, all.end());
+      }
+    }
+    stream.size();
+    stream.duration();
+  }
+};
+
+TEST_F(FaultTest, everyCallFailsOnce) {
+  for (const Fault fault : {Fault::fails, Fault::fallsShort}) {
+    for (const bool andAllLater : {false, true}) {
+      u32 n = 1;
+      for (bool fired = true; fired; ++n) {
+        host.put(kFile, film.bytes());
+        host.failCall(n, fault, {}, andAllLater);
+        playRoad();
+        fired = host.faultFired();
+        ASSERT_EQ(host.openDescriptors(), 0u) << n;
+      }
+      host.failCall(0);
+      EXPECT_GT(n, 20u);
+    }
+  }
+}
+
+TEST_F(FaultTest, fileChangesBeforeEveryCall) {
+  const std::function<void(MemoryHost&)> kChanges[] = {
+      [](MemoryHost& h) { h.remove(kFile); },
+      [](MemoryHost& h) { h.cut(kFile, 0); },
+      [](MemoryHost& h) { h.cut(kFile, 13); },
+      [](MemoryHost& h) { h.cut(kFile, 100'001); },
+      [](MemoryHost& h) { h.cut(kFile, h.file(kFile).image.size() - 3); },
+      [](MemoryHost& h) { h.append(kFile, Bytes(5000)); },
+  };
+  for (const auto& change : kChanges) {
+    u32 calls = 1;
+    for (u32 n = 1; n <= calls; ++n) {
+      host.put(kFile, film.bytes());
+      calls = 0;
+      host.beforeCall = [&](const Call&) {
+        if (++calls == n) change(host);
+      };
+      playRoad();
+      ASSERT_EQ(host.openDescriptors(), 0u) << n;
+    }
+  }
+  host.beforeCall = nullptr;
+}
+
+TEST_F(FaultTest, aFailureIsForgotten) {
+  Stream stream = open(film);
+  host.failCall(1, Fault::fails, Op::read, true);
+  EXPECT_FALSE(stream.atTime(film.lastTime()));
+  bool good = true;
+  EXPECT_TRUE(stream.load({0, film.size(), 0, 0}, &good).empty());
+  EXPECT_FALSE(good);
+  host.failCall(0);
+  EXPECT_TRUE(stream.atTime(film.lastTime()));
+  EXPECT_EQ(stream.walk().back().endPosition, film.size() - 1);
+}
+
+// A dead disk ends a search early, in calls and in lines of text.
+TEST_F(FaultTest, aDeadDiskIsGivenUpSoon) {
+  host.put(kFile, uniformFlv(1000, 100'000, 5));
+  Stream stream = open();
+  for (const Fault fault : {Fault::fails, Fault::fallsShort}) {
+    host.failCall(1, fault, Op::read, true);
+    if (fault == Fault::fallsShort)
+      host.beforeCall = [this](const Call& c) {
+        if (c.op == Op::read) host.failCall(1, Fault::fails, Op::read, true);
+      };
+    host.clearCalls();
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(stream.atTime(2500));
+    EXPECT_FALSE(stream.atPosition(70'000'000));
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_LE(host.calls.size(), 150u);
+    EXPECT_LE(text.size(), 10'000u);
+  }
+}
+
+TEST_F(BadInputTest, shrunkenFile) {
+  const FlvBuilder film = FlvBuilder().interleaved(400, 1);
+  Stream stream = open(film);
+  const SegmentBounds all = stream.atPosition(0).value();
+  const BuiltTag& cutTag = film.tags()[200];
+  host.cut(kFile, cutTag.position + 20);
+  bool good = true;
+  stream.load(all, &good);
+  EXPECT_FALSE(good);  // the summary still promises more
+  EXPECT_EQ(stream.size(), film.tags()[198].end());
+  EXPECT_EQ(unpack(stream.load(all, &good)).size(), 199u);
+  EXPECT_TRUE(good);  // cut to the new end
+  host.remove(kFile);
+  EXPECT_TRUE(stream.load(all, &good).empty());
+  EXPECT_FALSE(good);
+}
+
+TEST_F(BadInputTest, settingsThatAreGarbage) {
+  const FlvBuilder film = FlvBuilder().scenes(600'000).raw(Bytes(9));
+  const char* const kKeys[] = {"FrameReserveCheck", "PlayIncompleteFLVs", "RetryCorruptedFLVs",
+                               "MinSegSize",        "MaxSegSize",         "ReadSize",
+                               "MaxFrameScan",      "MaxBackFrameScan",   "AutoBufferReadSize",
+                               "EnableAggMsgs",     "MaxAggMsgSize",      "FrameTypes"};
+  for (const std::string& value :
+       {std::string(), std::string("-1"), std::string("4294967295"), std::string("2147483647"),
+        std::string("9 8 x"), std::string(70'000, '9'), std::string("\xFF\x01")}) {
+    for (const char* const key : kKeys) {
+      configure({{key, value}});
+      host.put(kFile, film.bytes());
+      playAll();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orv::test

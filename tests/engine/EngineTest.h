@@ -1,0 +1,65 @@
+// What the tests of the reading road share: the loaded module over a host in memory.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "support/FlvBuilder.h"
+#include "support/MemoryHost.h"
+#include "support/Module.h"
+
+namespace orv::test {
+
+inline constexpr i64 kBlock = 0x40000;  // Segments are cut where tags hold multiples of it.
+inline constexpr u8 kAudio = flv::kTypeAudio;
+inline constexpr u8 kVideo = flv::kTypeVideo;
+
+// Each test must leave no descriptor open and must have used none wrongly.
+class EngineTest : public testing::Test {
+ protected:
+  static inline const char* const kName = "c:\\media\\film";
+  static inline const char* const kFile = "c:\\media\\film.flv";
+  using Settings = std::map<std::string, std::string>;
+
+  void TearDown() override {
+    adaptor_.reset();
+    EXPECT_EQ(host.openDescriptors(), 0u);
+    EXPECT_EQ(host.misuses(), 0u);
+  }
+
+  static const Module& module() {
+    static const Module loaded(FLV_MODULE_PATH);
+    return loaded;
+  }
+  // Takes effect with streams opened from now on.
+  void configure(const Settings& settings) {
+    host.settings = settings;
+    adaptor_ = module().create(host);
+  }
+  Stream open(const FlvBuilder& film) { return open(FileImage(film.bytes())); }
+  Stream open(FileImage image) {
+    host.put(kFile, std::move(image));
+    return open();
+  }
+  Stream open() {
+    if (!adaptor_) adaptor_ = module().create(host);
+    return Stream(*adaptor_, kName);
+  }
+
+  MemoryHost host;
+
+ private:
+  std::unique_ptr<IQVStreamAdaptor> adaptor_;
+};
+
+// The tags of a file as a load with single tags delivers them.
+inline std::vector<Message> messagesOf(const FlvBuilder& film) {
+  std::vector<Message> messages;
+  for (const BuiltTag& tag : film.tags()) {
+    const auto data = film.bytes().begin() + tag.position + flv::kTagHeaderSize;
+    messages.push_back({tag.type, tag.time, Bytes(data, data + tag.size)});
+  }
+  return messages;
+}
+
+}  // namespace orv::test

@@ -1,0 +1,125 @@
+// The frame search against a plain reading of its rules, over files damaged at random.
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "ReferenceScan.h"
+#include "modules/streams/flv/KTFLVData.h"
+#include "support/FlvBuilder.h"
+#include "support/MemoryHost.h"
+
+namespace orv::test {
+namespace {
+
+using flv::FrameRecord;
+using flv::SegmentRange;
+
+class RandomFilm {
+ public:
+  explicit RandomFilm(u32 seed) : random_(seed) {}
+
+  u32 below(u32 limit) { return random_() % limit; }
+  bool oneIn(u32 n) { return below(n) == 0; }
+
+  // Tags that mostly follow from one another, with wrong sizes, odd types, junk and a torn end among them.
+  Bytes make() {
+    static constexpr u8 kTypes[] = {8, 9, 15, 17, 18, 20, 40, 41, 1, 22, 0};
+    FlvBuilder film(oneIn(10) ? 9 + below(40) : 9);
+    const u32 count = 1 + below(25), damage = 3 + below(30);
+    for (u32 i = 0; i < count; ++i) {
+      Bytes data = payload(9, dataSize(), random_());
+      if (data.size() > 30 && oneIn(3)) plantTag(&data);
+      film.tag(kTypes[below(oneIn(damage) ? 11 : 8)], oneIn(damage) ? random_() : i * 20, data);
+      if (oneIn(damage)) film.trailing(below(200));
+      if (oneIn(damage)) film.raw(Bytes(below(40), static_cast<u8>(below(12))));
+    }
+    Bytes bytes = film.bytes();
+    if (oneIn(2)) bytes.resize(13 + below(static_cast<u32>(bytes.size()) - 12));
+    if (oneIn(4)) bytes[9 + below(static_cast<u32>(bytes.size()) - 9)] ^= static_cast<u8>(1 + below(255));
+    return bytes;
+  }
+
+ private:
+  u32 dataSize() {
+    u32 size = oneIn(12) ? below(40'000) : below(90);
+    // A trailing field that is torn and ends in one of these could be completed by what a read past the end
+    // wraps to.
+    while (std::string_view("\1FLV").find(static_cast<char>(size + 11)) != std::string_view::npos) ++size;
+    return size;
+  }
+  // A whole tag inside a tag's data: rejected by its neighbours' sizes alone.
+  void plantTag(Bytes* data) {
+    const Bytes tag = tagBytes(9, 5, Bytes(below(10)));
+    std::copy(tag.begin(), tag.end(), data->begin() + below(static_cast<u32>(data->size() - tag.size())));
+  }
+
+  std::mt19937 random_;
+};
+
+struct Result {
+  i64 position = -1, end = 0;
+  u32 time = 0;
+  std::size_t reports = 0;
+  bool operator==(const Result&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const Result& r) {
+  return out << '[' << r.position << ", " << r.end << ") at " << r.time << ", " << r.reports << " reports";
+}
+
+FrameRecord anyPlace(RandomFilm& random, const ReferenceScan& scan) {
+  const i64 position =
+      scan.first.position + random.below(static_cast<u32>(scan.dataEnd - scan.first.position));
+  FrameRecord frame{position, 0, position};
+  if (random.oneIn(2)) scan.validateFrame(position, &frame);
+  return frame;
+}
+
+TEST(FrameSearchTest, sameAsAPlainReading) {
+  u32 found = 0, missed = 0, bad = 0;
+  for (u32 seed = 0; seed < 4000; ++seed) {
+    RandomFilm random(seed);
+    MemoryHost host;
+    ReferenceScan scan{.file = random.make()};
+    host.put("f.flv", scan.file);
+    flv::FLVConfig config;
+    if (random.oneIn(3)) config.autoBufferReadSize = 1024 + random.below(20'000);
+    if (random.oneIn(5)) config.maxFrameScan = scan.maxFrameScan = 0x20000;
+    config.playIncompleteFLVs = scan.playIncomplete = !random.oneIn(4);
+    flv::KTFLVData stream(KTWideString(u"f"), config, nullptr, &host, &host);
+    const bool opened = scan.open();
+    ASSERT_EQ(stream.open(0), opened) << seed;
+    ASSERT_TRUE(host.log.empty()) << seed;
+    if (!opened) continue;
+    ASSERT_EQ(stream.getSize(), scan.dataEnd) << seed;
+    ASSERT_EQ(stream.getDuration(), scan.duration) << seed;
+    if (scan.dataEnd == scan.first.position) continue;
+
+    const int fd = host.open("f.flv", openflags::readOnly, 0, 0);
+    for (int query = 0; query < 20; ++query) {
+      SegmentRange range{scan.first, scan.last};
+      if (random.oneIn(2)) range.first = anyPlace(random, scan);
+      if (random.oneIn(3)) range.last = anyPlace(random, scan);
+      if (range.span() <= 0) continue;
+      const i64 position = range.first.position + random.below(static_cast<u32>(range.span()));
+
+      FrameRecord frame;
+      const auto outcome = scan.findFrameAtOrBefore(position, &frame, range, scan.maxFrameScan);
+      Result expected{.reports = outcome == ReferenceScan::Outcome::badData};
+      if (outcome == ReferenceScan::Outcome::found) expected = {frame.position, frame.end, frame.time, 0};
+      host.log.clear();
+      Result result{.reports = 0};
+      if (stream.findFrameAtOrBefore(position, &frame, range, fd))
+        result = {frame.position, frame.end, frame.time, 0};
+      result.reports = host.log.size();
+      ASSERT_EQ(result, expected) << "seed " << seed << ", position " << position << " in "
+                                  << range.first.position << " to " << range.last.position;
+      ++(outcome == ReferenceScan::Outcome::found ? found : expected.reports ? bad : missed);
+    }
+    host.close(fd, 0);
+  }
+  EXPECT_GT(std::min({found, missed, bad}), 1000u);  // the films reach every outcome often
+}
+
+}  // namespace
+}  // namespace orv::test
