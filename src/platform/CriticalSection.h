@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <sys/single_threaded.h>
+
 #include <atomic>
 
 #include "platform/Thread.h"
@@ -20,10 +22,7 @@ class CriticalSection {
 
   void enter() {
     const ThreadId me = currentThreadId();
-    u32 seen = 0;
-    if (!word_.compare_exchange_strong(seen, me, std::memory_order_acquire, std::memory_order_relaxed)) {
-      enterHeld(me, seen);
-    }
+    if (const u32 held = claim(me)) enterHeld(me, held);
   }
 
   // Once for each `enter`. Nothing of the section is touched once another thread can have it, so that the one
@@ -34,7 +33,7 @@ class CriticalSection {
       depth_.store(depth - 1, std::memory_order_relaxed);
       return;
     }
-    if (word_.exchange(0, std::memory_order_release) & kSleepers) wakeSleeper();
+    if (clearWord() & kSleepers) wakeSleeper();
   }
 
   bool isHeldByCaller() const {
@@ -47,10 +46,28 @@ class CriticalSection {
  private:
   static constexpr u32 kSleepers = 0x80000000;  // Somebody may be asleep on the word.
 
-  void enterHeld(ThreadId me, u32 seen);
+  // Takes the section if it is free; gives what the word held. In both of these the thread that is alone may
+  // go without atomic instructions: whoever starts a second one hands it all that was stored before.
+  u32 claim(u32 mark) {
+    u32 held = 0;
+    if (!__libc_single_threaded) {
+      word_.compare_exchange_strong(held, mark, std::memory_order_acquire, std::memory_order_relaxed);
+    } else if (held = word_.load(std::memory_order_relaxed); held == 0) {
+      word_.store(mark, std::memory_order_relaxed);
+    }
+    return held;
+  }
+
+  u32 clearWord() {
+    if (!__libc_single_threaded) return word_.exchange(0, std::memory_order_release);
+    const u32 held = word_.load(std::memory_order_relaxed);
+    word_.store(0, std::memory_order_relaxed);
+    return held;
+  }
+
+  void enterHeld(ThreadId me, u32 held);
   void sleepUntilTaken(ThreadId me);
   void wakeSleeper();
-  bool tryTake(u32 mark);
 
   std::atomic<u32> word_{0};   // The holder's thread id and kSleepers; 0 when free.
   std::atomic<u32> depth_{0};  // Entries beyond the first. The holder's.

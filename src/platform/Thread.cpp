@@ -2,9 +2,11 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 
 #include "platform/Event.h"
@@ -36,6 +38,10 @@ __attribute__((noinline)) ThreadId currentThreadId() {
   thread_local ThreadId id = 0;
   if (id == 0) id = static_cast<ThreadId>(gettid());
   return id;
+}
+
+bool threadHasEnded(ThreadId id) {
+  return syscall(SYS_tgkill, getpid(), id, 0) == -1 && errno == ESRCH;  // Signal 0 only asks.
 }
 
 u32 currentProcessId() {

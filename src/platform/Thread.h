@@ -14,6 +14,10 @@ using ThreadId = u32;
 ThreadId currentThreadId();
 u32 currentProcessId();
 
+// Whether the thread of this process that had the number has ended. False, too, when a later thread has it
+// now.
+bool threadHasEnded(ThreadId id);
+
 using ThreadEntry = u32 (*)(void* argument);
 
 // Runs `entry` on a new thread that nobody waits for; what `entry` returns is its exit code. 0 when the

@@ -1,5 +1,11 @@
 #include "util/ActiveObject.h"
 
+#include "util/KTThrowable.h"
+
+ActiveObject::ActiveObject(IMutex* lock) : lock_(lock) {
+  KT_ASSERT(lock_);
+}
+
 void ActiveObject::activate() {
   const KTMutexGuard guard(*lock_);
   if (++activeCount_ == 1) onActive();

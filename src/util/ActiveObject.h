@@ -7,7 +7,7 @@
 
 class ActiveObject : public KTObject {
  public:
-  explicit ActiveObject(IMutex* lock) : lock_(lock) {}
+  explicit ActiveObject(IMutex* lock);  // Borrowed; never null.
 
   virtual void onActive() = 0;    // Called with the lock held.
   virtual void onInactive() = 0;  // The same.

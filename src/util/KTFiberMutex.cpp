@@ -1,5 +1,7 @@
 #include "util/KTFiberMutex.h"
 
+#include "util/ThreadSlots.h"
+
 using orv::platform::SectionGuard;
 
 namespace {
@@ -10,6 +12,16 @@ constexpr int kStateWaiting = 3;
 constexpr std::uintptr_t kHeadMark = 0xCAAAAAAA;
 constexpr std::uintptr_t kTailMark = 0xCEEEEEEE;
 
+constinit std::atomic<u32> mutexesAlive{0};
+
+// Delegates are used by mutexes alone: when the last mutex is gone, so is their use, and they can be freed
+// with the module. A process that ends with mutexes alive may have threads inside them, and keeps everything.
+struct Unload {
+  ~Unload() {
+    if (mutexesAlive.load(std::memory_order_acquire) == 0) slotsUnload();
+  }
+} unload;
+
 }  // namespace
 
 KTFiberMutex::KTFiberMutex() {
@@ -17,6 +29,11 @@ KTFiberMutex::KTFiberMutex() {
   tail_.worker = reinterpret_cast<IWorker*>(kTailMark);
   head_.next = &tail_;
   tail_.previous = &head_;
+  mutexesAlive.fetch_add(1, std::memory_order_relaxed);
+}
+
+KTFiberMutex::~KTFiberMutex() {
+  mutexesAlive.fetch_sub(1, std::memory_order_release);
 }
 
 bool KTFiberMutex::lock() {

@@ -21,7 +21,7 @@ class KTFiberMutex : public IMutex, private boost::noncopyable {
   bool unlock() override;
   orv::platform::CriticalSection* nativeHandle() override { return &section_; }
   u32 setSpinCount(u32 count) override { return section_.setSpinCount(count); }
-  virtual ~KTFiberMutex() = default;
+  virtual ~KTFiberMutex();
 
   // How many workers stand in line.
   u32 waitersForTest();

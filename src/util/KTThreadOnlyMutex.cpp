@@ -2,25 +2,16 @@
 
 #include <atomic>
 
+#include "util/KTThrowable.h"
 #include "util/ThreadSlots.h"
 
 namespace {
 
 constinit std::atomic<bool> tracking{false};
 
-u32* depthOfThread() {
-  return static_cast<u32*>(slotGet(kSlotTrackedDepth));
-}
-
-void deleteDepth(void* depth) {
-  delete static_cast<u32*>(depth);
-}
-
-u32& makeDepthOfThread() {
-  if (u32* const depth = depthOfThread()) return *depth;
-  auto* const depth = new u32{0};
-  slotSet(kSlotTrackedDepth, depth, deleteDepth);
-  return *depth;
+// The slot holds the number itself: counting can't run out of memory with the lock taken.
+void setTrackedDepth(std::uintptr_t depth) {
+  slotSet(kSlotTrackedDepth, reinterpret_cast<void*>(depth), nullptr);
 }
 
 }  // namespace
@@ -33,16 +24,20 @@ bool KTThreadOnlyMutex::lock() {
 
 bool KTThreadOnlyMutex::unlock() {
   onUnlocking();
+  KT_ASSERT(section_.isHeldByCaller());
   section_.leave();
   return true;
 }
 
 void KTThreadOnlyMutex::onLocked() {
-  if (tracked_ && tracking.load(std::memory_order_relaxed)) ++makeDepthOfThread();
+  if (tracked_ && tracking.load(std::memory_order_relaxed)) setTrackedDepth(trackedDepth() + 1);
 }
 
 void KTThreadOnlyMutex::onUnlocking() {
-  if (tracked_ && tracking.load(std::memory_order_relaxed)) --makeDepthOfThread();
+  if (!tracked_ || !tracking.load(std::memory_order_relaxed)) return;
+  const u32 depth = trackedDepth();
+  KT_ASSERT(depth > 0);
+  if (depth > 0) setTrackedDepth(depth - 1);  // 0 for a lock that was taken before tracking went on.
 }
 
 void KTThreadOnlyMutex::setTracking(bool on) {
@@ -50,6 +45,5 @@ void KTThreadOnlyMutex::setTracking(bool on) {
 }
 
 u32 KTThreadOnlyMutex::trackedDepth() {
-  const u32* const depth = depthOfThread();
-  return depth ? *depth : 0;
+  return static_cast<u32>(reinterpret_cast<std::uintptr_t>(slotGet(kSlotTrackedDepth)));
 }

@@ -1,14 +1,18 @@
 #include "util/ThreadSlots.h"
 
+#include <algorithm>
+#include <memory>
 #include <new>
 #include <utility>
 
 #include "platform/CriticalSection.h"
+#include "platform/Thread.h"
 #include "platform/ThreadLocal.h"
 
 namespace {
 
-using orv::platform::SectionGuard;
+namespace platform = orv::platform;
+using platform::SectionGuard;
 
 struct Slot {
   void* value = nullptr;
@@ -18,42 +22,63 @@ struct Slot {
 // The slots of one thread; a node of the list of all.
 struct ThreadSlots {
   Slot slots[kSlotCount];
+  platform::ThreadId thread = platform::currentThreadId();
+  u32 process = platform::currentProcessId();
   ThreadSlots* next = nullptr;
-  ThreadSlots* previous = nullptr;
 };
 
-constinit orv::platform::ThreadLocal slotsOfThread;
+constinit platform::ThreadLocal slotsOfThread;
 
-// Every thread's slots, so that those of threads which have ended stay in reach.
-constinit orv::platform::CriticalSection listSection;
-constinit ThreadSlots* list = nullptr;  // Under listSection.
+// Every thread's slots.
+constinit platform::CriticalSection listSection;
+constinit ThreadSlots* list = nullptr;  // Under listSection, as are the next two.
+constinit u32 listed = 0;
+constinit u32 nextCollection = 64;  // `listed` at which the ended threads are looked for.
 
-void link(ThreadSlots& slots) {
-  const SectionGuard guard(listSection);
-  slots.next = list;
-  if (list) list->previous = &slots;
-  list = &slots;
+// Takes out of the list, and gives, whatever `chosen` picks. Under listSection.
+template <class Choice>
+ThreadSlots* takeFromList(Choice chosen) {
+  ThreadSlots* taken = nullptr;
+  for (ThreadSlots** place = &list; *place;) {
+    ThreadSlots* const slots = *place;
+    if (chosen(*slots)) {
+      *place = std::exchange(slots->next, taken);
+      taken = slots;
+      --listed;
+    } else {
+      place = &slots->next;
+    }
+  }
+  return taken;
 }
 
-void unlink(const ThreadSlots& slots) {
+bool holdsCacheOrFiber(const ThreadSlots& all) {
+  return std::any_of(all.slots, all.slots + kSlotWorker, [](const Slot& slot) { return slot.value; });
+}
+
+// In a forked child the numbers of the parent's threads mean nothing.
+bool isAbandoned(const ThreadSlots& all) {
+  return !holdsCacheOrFiber(all) && all.process == platform::currentProcessId() &&
+         platform::threadHasEnded(all.thread);
+}
+
+// Adds the slots, and takes out what threads that have ended left. Looking for them costs a system call a
+// thread, so that is done only once the list has doubled.
+ThreadSlots* exchangeForAbandoned(ThreadSlots& added) {
   const SectionGuard guard(listSection);
-  (slots.previous ? slots.previous->next : list) = slots.next;
-  if (slots.next) slots.next->previous = slots.previous;
+  ThreadSlots* abandoned = nullptr;
+  if (listed >= nextCollection) {
+    abandoned = takeFromList(isAbandoned);
+    nextCollection = std::max(64u, 2 * listed);
+  }
+  added.next = list;
+  list = &added;
+  ++listed;
+  return abandoned;
 }
 
 ThreadSlots* callersSlots() {
   return static_cast<ThreadSlots*>(slotsOfThread.get());
-}
-
-ThreadSlots* makeCallersSlots() {
-  auto* const made = new (std::nothrow) ThreadSlots;
-  if (!made) return nullptr;
-  if (!slotsOfThread.set(made)) {
-    delete made;
-    return nullptr;
-  }
-  link(*made);
-  return made;
 }
 
 // The slot is empty while its cleanup runs.
@@ -72,6 +97,21 @@ void cleanAll(ThreadSlots& all) {
       found = true;
     }
   }
+}
+
+void destroyEach(ThreadSlots* first) {
+  while (first) {
+    ThreadSlots* const slots = std::exchange(first, first->next);
+    cleanAll(*slots);
+    delete slots;
+  }
+}
+
+ThreadSlots* makeCallersSlots() {
+  auto made = std::unique_ptr<ThreadSlots>(new (std::nothrow) ThreadSlots);
+  if (!made || !slotsOfThread.set(made.get())) return nullptr;
+  destroyEach(exchangeForAbandoned(*made));
+  return made.release();
 }
 
 }  // namespace
@@ -96,6 +136,24 @@ void slotsTearDown() {
   if (!mine) return;
   cleanAll(*mine);
   slotsOfThread.set(nullptr);
-  unlink(*mine);
+  {
+    const SectionGuard guard(listSection);
+    takeFromList([&](const ThreadSlots& slots) { return &slots == mine; });
+  }
   delete mine;
+}
+
+void slotsUnload() {
+  slotsOfThread.giveBack();
+  ThreadSlots* freed = nullptr;
+  {
+    const SectionGuard guard(listSection);
+    freed = takeFromList([](const ThreadSlots& slots) { return !holdsCacheOrFiber(slots); });
+  }
+  destroyEach(freed);
+}
+
+u32 slotOwnersForTest() {
+  const SectionGuard guard(listSection);
+  return listed;
 }

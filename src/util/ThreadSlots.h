@@ -1,7 +1,9 @@
 // Nine values that each thread keeps for itself.
 //
-// Threads of this library tear their slots down when they end. On a thread of the host nobody does: its
-// cleanups stay unrun.
+// Threads of this library tear their slots down when they end. On a thread of the host nobody does: no code
+// of a module that may be unloaded any time hooks into the end of a foreign thread. The caches and fibers
+// that such a thread leaves stay as they are, in reach of the list of all slots; where it leaves only its
+// worker and its depth, as in every use of the plug-in, a later thread's first use frees them.
 
 #pragma once
 
@@ -27,3 +29,10 @@ bool slotSet(u32 index, void* value, SlotCleanup cleanup);
 
 // Runs the cleanups of the calling thread and frees its slots. The thread may fill slots again afterwards.
 void slotsTearDown();
+
+// For the unloading of the module: frees, of all threads, the slots that hold no cache and no fiber, and
+// gives the thread-local index back. No thread may be inside the library; one that comes later starts afresh.
+void slotsUnload();
+
+// Threads that have slots now, ended ones that nobody freed among them.
+u32 slotOwnersForTest();
