@@ -4,7 +4,6 @@ set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
-set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
@@ -16,6 +15,10 @@ endif()
 add_library(flv_options INTERFACE)
 target_include_directories(flv_options INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_compile_options(flv_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # A symbol that must be unique in the process would keep the module loaded for good.
+  target_compile_options(flv_options INTERFACE -fno-gnu-unique)
+endif()
 
 # Applied by the targets below, after the cache options exist.
 function(flv_apply_options target)

@@ -2,12 +2,6 @@
 
 #include <cstring>
 
-// The destructors stand here so that each class has its type information in one place.
-KTThrowable::~KTThrowable() = default;
-KTException::~KTException() = default;
-KTOutOfMemory::~KTOutOfMemory() = default;
-KTBreakConnection::~KTBreakConnection() = default;
-
 void assertFailed(const char* file, [[maybe_unused]] int line) {
   [[maybe_unused]] const char* const place = orv::util::projectPath(file);
 }

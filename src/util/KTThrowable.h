@@ -4,13 +4,15 @@
 
 #include "util/KTWideString.h"
 
-// Every class is visible in the type information of the shared library: a host may catch it by class.
+// A host may catch what the shared library throws by class, without linking against it: every class is
+// visible in the library's type information, and none has a member out of line that a catch clause would
+// need.
 class ORV_EXPORT KTThrowable {
  public:
   KTThrowable() = default;
   KTThrowable(const KTThrowable&) = default;
   KTThrowable& operator=(const KTThrowable&) = default;
-  virtual ~KTThrowable();
+  virtual ~KTThrowable() = default;
 };
 
 class ORV_EXPORT KTException : public KTThrowable {
@@ -19,7 +21,7 @@ class ORV_EXPORT KTException : public KTThrowable {
   explicit KTException(const KTWideString& text) : message(text) {}
   KTException(const KTException&) = default;
   KTException& operator=(const KTException&) = default;
-  ~KTException() override;
+  ~KTException() override = default;
 
   KTWideString message;
 };
@@ -30,7 +32,7 @@ class ORV_EXPORT KTOutOfMemory : public KTException {
   KTOutOfMemory() = default;
   KTOutOfMemory(const KTOutOfMemory&) = default;
   KTOutOfMemory& operator=(const KTOutOfMemory&) = default;
-  ~KTOutOfMemory() override;
+  ~KTOutOfMemory() override = default;
 };
 
 // The data in hand can't be parsed; the connection or stream that delivered it should go.
@@ -41,7 +43,7 @@ class ORV_EXPORT KTBreakConnection : public KTException {
   explicit KTBreakConnection(u32 reason = kMalformedData) : code(reason) {}
   KTBreakConnection(const KTBreakConnection&) = default;
   KTBreakConnection& operator=(const KTBreakConnection&) = default;
-  ~KTBreakConnection() override;
+  ~KTBreakConnection() override = default;
 
   u32 code;
 };
