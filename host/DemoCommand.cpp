@@ -1,0 +1,71 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "Commands.h"
+#include "Console.h"
+#include "FileSummary.h"
+#include "PlayText.h"
+#include "SeekAnswer.h"
+#include "SegmentText.h"
+#include "SegmentWalk.h"
+
+namespace orv::host {
+
+namespace {
+
+constexpr std::size_t kShownSegments = 10;  // Of a longer list: the first ones and the last.
+
+bool showSegments(Stream& stream) {
+  SegmentWalk walk(stream);
+  print("segments\n" + segmentHeading());
+  u64 number = 0;
+  std::string last;
+  for (; const auto bounds = walk.next(); ++number) {
+    last = segmentLine(number, *bounds);
+    if (number < kShownSegments) print(std::exchange(last, {}));
+  }
+  if (number > kShownSegments + 1) print(fmt::format("   ...  {} more\n", number - kShownSegments - 1));
+  print(last);
+  return walk.isComplete();
+}
+
+// Halfway between the file's first time and its last.
+bool showSeek(Session& session, Stream& stream) {
+  const auto first = stream.segmentAtPosition(0);
+  const u32 start = first ? first->startTime : 0;
+  const u32 end = std::max(stream.duration(), start);
+  try {
+    const SeekAnswer answer = seek(session, stream, start + (end - start) / 2);
+    print("seek to the middle\n" + seekText(answer));
+    return answer.isWhole;
+  } catch (const Failure& failure) {
+    tell(failure.what());
+    return false;
+  }
+}
+
+bool showPlayOut(Stream& stream) {
+  TagVerifier verifier(stream);
+  const PlayTally tally = playOut(stream, {}, nullptr, &verifier);
+  print("play-out\n" + tallyText(tally) + "  checked   " + verdictText(verifier) + "\n");
+  return tally.isGood() && verifier.faults() == 0;
+}
+
+}  // namespace
+
+ExitCode runDemo(const DemoOptions& options) {
+  Session session(options.common);
+  Stream stream = session.open(options.file);
+  print(summaryText(summarize(stream, Depth::front)));
+  stream.requirePlayable();
+  const bool segmentsGood = showSegments(stream);
+  const bool seekGood = showSeek(session, stream);
+  const bool playGood = showPlayOut(stream);
+  flushOutput();
+  session.reportStats();
+  return segmentsGood && seekGood && playGood ? ExitCode::good : ExitCode::fileFault;
+}
+
+}  // namespace orv::host

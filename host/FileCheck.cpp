@@ -1,0 +1,102 @@
+#include "FileCheck.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "Failure.h"
+#include "FlvNames.h"
+#include "ReadOnlyFile.h"
+
+namespace orv::host {
+
+namespace {
+
+constexpr u8 kVersion = 1;
+
+std::vector<u8> readBytes(const ReadOnlyFile& file, i64 position, std::size_t size) {
+  std::vector<u8> bytes(size);
+  bytes.resize(file.read(position, bytes.data(), size));
+  return bytes;
+}
+
+std::string printable(const std::vector<u8>& bytes) {
+  std::string text;
+  for (const u8 byte : bytes) {
+    text += byte >= ' ' && byte <= '~' && byte != '"' ? std::string(1, static_cast<char>(byte))
+                                                      : fmt::format("\\x{:02x}", byte);
+  }
+  return text;
+}
+
+std::string explainHeader(const std::vector<u8>& head) {
+  if (head.empty()) return "is empty (0 bytes)";
+  if (std::memcmp(head.data(), "FLV", std::min<std::size_t>(head.size(), 3)) != 0) {
+    return fmt::format(
+        "isn't an FLV file: it starts with \"{}\"",
+        printable({head.begin(), head.begin() + std::min<long>(4, static_cast<long>(head.size()))}));
+  }
+  if (head.size() > 3 && head[3] != kVersion) {
+    return fmt::format("has FLV version {}; only version 1 can be played", head[3]);
+  }
+  if (head.size() < flv::kFileHeaderSize) {
+    return fmt::format("ends inside its header, after {} bytes", head.size());
+  }
+  return {};
+}
+
+std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) {
+  if (headerSize < flv::kFileHeaderSize || headerSize > size) {
+    return fmt::format("has a header that claims {} bytes, in a file of {}", headerSize, size);
+  }
+  const i64 position = i64{headerSize} + flv::kSizeFieldSize;
+  const std::vector<u8> bytes = readBytes(file, position, flv::kTagHeaderSize);
+  if (bytes.size() < flv::kTagHeaderSize) return "ends inside its first tag";
+  const flv::TagHeader tag{bytes.data()};
+  if (std::string_view(tagTypeName(tag.typeByte())) == "other") {
+    return fmt::format("has no valid first tag: type {} at byte {} is none of audio, video, data",
+                       tag.typeByte(), position);
+  }
+  if (tag.dataSize() > size - position - flv::kTagOverhead) {
+    return fmt::format("has a first tag of {} bytes at byte {} that doesn't fit the {} bytes of the file",
+                       tag.dataSize(), position, size);
+  }
+  return fmt::format("has a first tag, of type {} at byte {}, that the module doesn't take", tag.typeByte(),
+                     position);
+}
+
+}  // namespace
+
+FileIdentity checkReadable(const std::string& name) {
+  const ReadOnlyFile file(name);
+  struct stat status {};
+  if (file.fd() < 0 || ::fstat(file.fd(), &status) != 0) {
+    throw hostFault(name + ": " + std::strerror(errno));
+  }
+  if (S_ISDIR(status.st_mode)) throw hostFault(name + ": is a directory");
+  if (!S_ISREG(status.st_mode)) {
+    throw hostFault(name + ": isn't a regular file, so it can't be read at a position");
+  }
+  return {status.st_dev, status.st_ino, status.st_size};
+}
+
+std::string explainRefusal(const std::string& name) {
+  const i64 size = checkReadable(name).size;
+  const ReadOnlyFile file(name);
+  const std::vector<u8> head = readBytes(file, 0, flv::kFileHeaderSize);
+  const std::string fault = explainHeader(head);
+  if (!fault.empty()) return fault;
+  return explainFirstTag(file, flv::readU32(head.data() + flv::kHeaderSizePosition), size);
+}
+
+std::string explainNothingPlayable(const std::string& name, i64 firstTag) {
+  const i64 size = checkReadable(name).size;
+  if (size <= firstTag) return "has a header and no tags";
+  return fmt::format("has nothing playable: no whole tag can be told in the {} bytes behind its header",
+                     size - firstTag);
+}
+
+}  // namespace orv::host

@@ -1,0 +1,24 @@
+// What the numbers in tags mean to a person. The published FLV format names them.
+
+#pragma once
+
+#include <string>
+
+#include "Tags.h"
+
+namespace orv::host {
+
+// Bits of the type flags in the file header.
+inline constexpr u8 kFlagAudio = 4;
+inline constexpr u8 kFlagVideo = 1;
+
+const char* tagTypeName(u8 type);       // "audio", "video", "data", ...
+std::string codecText(const Tag& tag);  // "MP3, 44.1 kHz, stereo, 16 bit"; "" for other than media
+std::string flagsText(u32 flags);       // Of the file header: "audio, video"
+
+// Whether decoding can start at `tag`: a key frame of video, a codec's set-up record excluded.
+bool isKeyFrame(const Tag& tag);
+// Whether `tag` sets up a decoder (AVC, AAC): a player that starts in the middle of a file needs it first.
+bool isCodecSetup(const Tag& tag);
+
+}  // namespace orv::host
