@@ -4,9 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "support/MemoryHost.h"
+#include "support/Random.h"
 
 namespace orv::test {
 namespace {
@@ -146,16 +145,16 @@ TEST_F(AutoFileBufferTest, resetAndRelease) {
 // A read that the file can serve gives the file's bytes, whatever the sizes, the order and the chain.
 TEST_F(AutoFileBufferTest, neverAnythingButTheFile) {
   useFile(7000);
-  std::mt19937 random(1);
+  Random random(1);
   for (const u32 capacity : {4u, 64u, 1000u, 9000u}) {
     autofilebuffer big(capacity, &host), chained(1 + capacity / 3, &host, &big);
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 500; ++i) {
       const u32 size = 1 + random() % (i % 2 ? 15 : 3000);
       const i64 position = random() % (7001 - size);
-      autofilebuffer& buffer = random() % 2 ? big : chained;
-      const u32 placement = random() % 3;
+      autofilebuffer& buffer = random.below(2) ? big : chained;
+      const u32 placement = random.below(3);
       std::optional<PassThroughScope> scope;
-      if (random() % 3 == 0) scope.emplace(big);
+      if (random.below(3) == 0) scope.emplace(big);
       ASSERT_EQ(read(buffer, position, size, placement), fileBytes(position, size))
           << capacity << ' ' << position << ' ' << size << ' ' << placement;
     }

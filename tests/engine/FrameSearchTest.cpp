@@ -2,12 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "ReferenceScan.h"
 #include "modules/streams/flv/KTFLVData.h"
 #include "support/FlvBuilder.h"
 #include "support/MemoryHost.h"
+#include "support/Random.h"
 
 namespace orv::test {
 namespace {
@@ -15,12 +14,9 @@ namespace {
 using flv::FrameRecord;
 using flv::SegmentRange;
 
-class RandomFilm {
+class RandomFilm : public Random {
  public:
-  explicit RandomFilm(u32 seed) : random_(seed) {}
-
-  u32 below(u32 limit) { return random_() % limit; }
-  bool oneIn(u32 n) { return below(n) == 0; }
+  using Random::Random;
 
   // Tags that mostly follow from one another, with wrong sizes, odd types, junk and a torn end among them.
   Bytes make() {
@@ -28,9 +24,9 @@ class RandomFilm {
     FlvBuilder film(oneIn(10) ? 9 + below(40) : 9);
     const u32 count = 1 + below(25), damage = 3 + below(30);
     for (u32 i = 0; i < count; ++i) {
-      Bytes data = payload(9, dataSize(), random_());
+      Bytes data = payload(9, dataSize(), (*this)());
       if (data.size() > 30 && oneIn(3)) plantTag(&data);
-      film.tag(kTypes[below(oneIn(damage) ? 11 : 8)], oneIn(damage) ? random_() : i * 20, data);
+      film.tag(kTypes[below(oneIn(damage) ? 11 : 8)], oneIn(damage) ? (*this)() : i * 20, data);
       if (oneIn(damage)) film.trailing(below(200));
       if (oneIn(damage)) film.raw(Bytes(below(40), static_cast<u8>(below(12))));
     }
@@ -42,7 +38,7 @@ class RandomFilm {
 
  private:
   u32 dataSize() {
-    u32 size = oneIn(12) ? below(40'000) : below(90);
+    u32 size = oneIn(20) ? below(20'000) : below(90);
     // A trailing field that is torn and ends in one of these could be completed by what a read past the end
     // wraps to.
     while (std::string_view("\1FLV").find(static_cast<char>(size + 11)) != std::string_view::npos) ++size;
@@ -53,8 +49,6 @@ class RandomFilm {
     const Bytes tag = tagBytes(9, 5, Bytes(below(10)));
     std::copy(tag.begin(), tag.end(), data->begin() + below(static_cast<u32>(data->size() - tag.size())));
   }
-
-  std::mt19937 random_;
 };
 
 struct Result {
@@ -77,10 +71,11 @@ FrameRecord anyPlace(RandomFilm& random, const ReferenceScan& scan) {
 
 TEST(FrameSearchTest, sameAsAPlainReading) {
   u32 found = 0, missed = 0, bad = 0;
-  for (u32 seed = 0; seed < 4000; ++seed) {
+  for (u32 seed = 0; seed < 2000; ++seed) {
     RandomFilm random(seed);
     MemoryHost host;
-    ReferenceScan scan{.file = random.make()};
+    ReferenceScan scan;
+    scan.file = random.make();
     host.put("f.flv", scan.file);
     flv::FLVConfig config;
     if (random.oneIn(3)) config.autoBufferReadSize = 1024 + random.below(20'000);
@@ -96,7 +91,7 @@ TEST(FrameSearchTest, sameAsAPlainReading) {
     if (scan.dataEnd == scan.first.position) continue;
 
     const int fd = host.open("f.flv", openflags::readOnly, 0, 0);
-    for (int query = 0; query < 20; ++query) {
+    for (int query = 0; query < 10; ++query) {
       SegmentRange range{scan.first, scan.last};
       if (random.oneIn(2)) range.first = anyPlace(random, scan);
       if (random.oneIn(3)) range.last = anyPlace(random, scan);
@@ -118,7 +113,7 @@ TEST(FrameSearchTest, sameAsAPlainReading) {
     }
     host.close(fd, 0);
   }
-  EXPECT_GT(std::min({found, missed, bad}), 1000u);  // the films reach every outcome often
+  EXPECT_GT(std::min({found, missed, bad}), 400u);  // the films reach every outcome often
 }
 
 }  // namespace

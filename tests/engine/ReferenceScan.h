@@ -4,7 +4,7 @@
 #pragma once
 
 #include <optional>
-#include <set>
+#include <string_view>
 
 #include "modules/streams/flv/FrameRecord.h"
 #include "server/FLVTag.h"
@@ -19,11 +19,13 @@ struct ReferenceScan {
   enum class Outcome { found, none, badData };
 
   Bytes file;
-  std::set<u8> types{8, 9, 15, 17, 18, 20, 40, 41, 47, 49, 50, 52};
+  static constexpr std::string_view kTypes = "\x08\x09\x0F\x11\x12\x14\x28\x29\x2F\x31\x32\x34";
   u32 maxFrameScan = 0x1000000;
   u32 maxBackFrameScan = 0x400000;
   bool playIncomplete = true;
 
+  // A size field was cut by the file's end; by chance, an engine may have seen the size there.
+  mutable bool ambiguous = false;
   i64 dataEnd = 0;
   u32 duration = 0;
   FrameRecord first, last;
@@ -31,7 +33,10 @@ struct ReferenceScan {
   // 4 bytes as a number. Past the file's end an engine goes on with bytes that match no size: nothing here.
   std::optional<u32> number(i64 position) const {
     if (position < 0) throw Unreadable();
-    if (position + 4 > static_cast<i64>(file.size())) return {};
+    if (position + 4 > static_cast<i64>(file.size())) {
+      ambiguous = true;
+      return {};
+    }
     return flv::readU32(&file[static_cast<std::size_t>(position)]);
   }
   std::optional<flv::TagHeader> header(i64 position) const {
@@ -45,7 +50,7 @@ struct ReferenceScan {
     const auto tag = header(position);
     if (!tag) return false;
     *frame = {position, tag->time(), position + tag->dataSize() + 15};
-    if (!types.contains(tag->typeByte()) || frame->end > dataEnd) return false;
+    if (kTypes.find(static_cast<char>(tag->typeByte())) == kTypes.npos || frame->end > dataEnd) return false;
     const auto previous = number(position - 4);
     return previous && position > i64{*previous} + 4;
   }

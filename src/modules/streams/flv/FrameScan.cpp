@@ -177,11 +177,10 @@ bool KTFLVData::badDataUsedUp() const {
   return retryCorruptedFLVs >= 0 && badDataCount > static_cast<u32>(retryCorruptedFLVs);
 }
 
-void KTFLVData::reportBadData(std::source_location where) {
+void KTFLVData::reportBadData(const char* file, int line) {
   if (badDataUsedUp()) return;
   KTWideString text;
-  text.format(u"File contains bad data : %S (%S:%d)", streamPath.c_str(), bareName(where.file_name()).c_str(),
-              static_cast<int>(where.line()));
+  text.format(u"File contains bad data : %S (%S:%d)", streamPath.c_str(), bareName(file).c_str(), line);
   context->logMessage(toNarrow(text).c_str(), kLogBadData, 1);
   ++badDataCount;
 }

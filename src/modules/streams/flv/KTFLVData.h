@@ -5,7 +5,6 @@
 #include <bitset>
 #include <list>
 #include <set>
-#include <source_location>
 
 #include "modules/streams/contract/IQVStreamAdaptor.h"
 #include "modules/streams/flv/FLVConfig.h"
@@ -85,7 +84,7 @@ class KTFLVData : public KTFLVPersist {
   bool findLastFrame(int fd, FrameRecord* frame);
   void locateEnd(int fd);
   bool badDataUsedUp() const;
-  void reportBadData(std::source_location where = std::source_location::current());
+  void reportBadData(const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
   // Segment index
   SegmentRange wholeFile() const { return {firstFrame, lastFrame}; }

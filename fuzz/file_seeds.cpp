@@ -1,0 +1,35 @@
+// First inputs for file_fuzz: sound films and broken ones.
+
+#include <fstream>
+#include <string>
+
+#include "support/FlvBuilder.h"
+
+using namespace orv::test;
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  const FlvBuilder small =
+      FlvBuilder().tag(9, 0, 9).tag(8, 10, 0).tag(9, 20, 17).tag(18, 30, 4).tag(9, 40, 30);
+  const Bytes kFilms[] = {
+      FlvBuilder().bytes(),
+      small.bytes(),
+      FlvBuilder(small).trailing(9).interleaved(4, 60).bytes(),
+      FlvBuilder(small).raw(Bytes(40)).bytes(),
+      FlvBuilder(20).interleaved(9).bytes(),
+      FlvBuilder().tag(9, 500, 3).tag(9, 20, 3).tag(41, 0, 3).tag(9, 0xFFFFFFFF, 3).bytes(),
+      FlvBuilder().constantRate(600'000, 20'000).bytes(),
+  };
+  const Bytes kHeads[] = {{0, 255, 0, 0, 0, 0, 0, 20},
+                          {8, 128, 0, 0, 0, 0, 0, 40},
+                          {5, 200, 9, 1, 0, 0, 0, 0},
+                          {18, 255, 0, 0, 0, 9, 0, 0}};
+  int number = 0;
+  for (const Bytes& film : kFilms)
+    for (const Bytes& head : kHeads) {
+      std::ofstream out(std::string(argv[1]) + "/film" + std::to_string(number++), std::ios::binary);
+      out.write(reinterpret_cast<const char*>(head.data()), static_cast<std::streamsize>(head.size()));
+      out.write(reinterpret_cast<const char*>(film.data()), static_cast<std::streamsize>(film.size()));
+      if (!out) return 1;
+    }
+}
