@@ -1,0 +1,85 @@
+#include "shared_ktserver/ktparser.h"
+
+#include <algorithm>
+#include <limits>
+#include <new>
+
+#include "util/KTThrowable.h"
+
+namespace {
+
+constexpr u32 kLongestBuffer = std::numeric_limits<i32>::max();
+constexpr u64 kFirstCapacity = 256;
+constexpr u64 kLinearGrowth = 65536;  // Above this capacity the buffer grows by it, below it doubles.
+constexpr u64 kSpare = 1024;          // Behind a single write that outgrows either step.
+
+u64 nextCapacity(u64 capacity, u64 needed) {
+  const u64 next =
+      std::max(capacity > kLinearGrowth ? capacity + kLinearGrowth : 2 * capacity, kFirstCapacity);
+  return next < needed ? needed + kSpare : next;
+}
+
+}  // namespace
+
+KTParser::KTParser(const u8* data, u32 length, bool throwOnError)
+    : writing_(false), throwOnError_(throwOnError), buffer_(data) {
+  limitTo(data ? length : 0);
+}
+
+void KTParser::limitTo(u32 length) {
+  limit_ = static_cast<i32>(std::min(length, kLongestBuffer));
+}
+
+void KTParser::fail() {
+  if (throwOnError_) throw KTBreakConnection();
+  failed_ = true;
+  if (!writing_) position_ = limit_;
+}
+
+std::unique_ptr<char[]> KTParser::readString(TextKind kind) {
+  const std::string_view text = viewString(kind);
+  auto copy = std::make_unique<char[]>(text.size() + 1);
+  text.copy(copy.get(), text.size());
+  return copy;
+}
+
+std::unique_ptr<u8[]> KTParser::copyBytes(u32 length) {
+  const u8* const bytes = take(length);
+  if (!bytes) return nullptr;
+  std::unique_ptr<u8[]> copy(new u8[length]);
+  if (length) std::memcpy(copy.get(), bytes, length);
+  return copy;
+}
+
+void KTParser::grow(u32 count) {
+  const u64 needed = static_cast<u64>(position_) + count;
+  const u64 capacity = nextCapacity(static_cast<u64>(limit_), needed);
+  std::unique_ptr<u8[]> wider(capacity <= kLongestBuffer ? new (std::nothrow) u8[capacity] : nullptr);
+  if (!wider) throw KTOutOfMemory();
+  if (position_) std::memcpy(wider.get(), buffer_, static_cast<u32>(position_));
+  owned_ = std::move(wider);
+  buffer_ = owned_.get();
+  limit_ = static_cast<i32>(capacity);
+}
+
+u8* KTParser::refuseWrite() {
+  KT_ASSERT(writing_);
+  return nullptr;
+}
+
+void KTParser::writeBytes(const void* data, u32 length) {
+  u8* const bytes = room(length);
+  if (bytes && length) std::memcpy(bytes, data, length);
+}
+
+void KTParser::writeString(std::string_view text, TextKind kind) {
+  u32 length = static_cast<u32>(text.size());
+  if (kind == kShortText) {
+    KT_ASSERT(length <= kMaxShortText);
+    length = std::min(length, kMaxShortText);
+    writeU16(static_cast<u16>(length));
+  } else {
+    writeU32(length);
+  }
+  writeBytes(text.data(), length);
+}

@@ -1,0 +1,145 @@
+// A cursor over bytes, with big-endian numbers, length-prefixed texts and one policy for failures.
+//
+// One object either reads bytes that somebody else owns, or writes into a buffer of its own. A read that runs
+// past the end gives 0 or an empty text and is a soft failure: the reader throws KTBreakConnection if it was
+// told to, else it goes sticky, so that every later read fails too and the caller asks once, by failed().
+// Reading on a writer counts as such a failure; writing on a reader does nothing. Both are faults of the
+// caller.
+
+#pragma once
+
+#include <bit>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "platform/Types.h"
+
+class KTParser {
+ public:
+  // How a text's length goes in front of it.
+  enum TextKind : u8 {
+    kShortText = 2,  // in 16 bits
+    kLongText = 12,  // in 32 bits
+  };
+  static constexpr u32 kMaxShortText = 0xFFFF;
+
+  // A writer without a buffer yet.
+  KTParser() : writing_(true) {}
+  // A reader. `data` must outlive it.
+  KTParser(const u8* data, u32 length, bool throwOnError);
+  KTParser(const KTParser&) = delete;
+  KTParser& operator=(const KTParser&) = delete;
+
+  bool failed() const { return failed_; }
+  bool writing() const { return writing_; }
+  i32 position() const { return position_; }
+  // The readable length; of a writer, the capacity of its buffer.
+  i32 limit() const { return limit_; }
+  // Bytes that are left to read.
+  u32 remaining() const { return writing_ ? 0 : static_cast<u32>(limit_ - position_); }
+  // Of the objects that are written: 0 for AMF0, 3 for AMF3.
+  i32 encoding() const { return encoding_; }
+  void setEncoding(i32 encoding) { encoding_ = encoding; }
+
+  u8 readU8() { return readNumber<u8>(); }
+  u16 readU16() { return readNumber<u16>(); }
+  u32 readU32() { return readNumber<u32>(); }
+  i64 readInt64() { return static_cast<i64>(readNumber<u64>()); }
+  double readDouble() { return std::bit_cast<double>(readNumber<u64>()); }
+  // A copy of the text with a NUL behind it.
+  std::unique_ptr<char[]> readString(TextKind kind);
+  // The text where it lies in the buffer, without a NUL.
+  std::string_view viewString(TextKind kind) { return viewBytes(kind == kShortText ? readU16() : readU32()); }
+  std::string_view viewBytes(u32 length) {
+    const u8* const bytes = take(length);
+    return {reinterpret_cast<const char*>(bytes), bytes ? length : 0};
+  }
+  // The next `length` bytes where they lie; null after a failure.
+  const u8* readBytes(u32 length) { return take(length); }
+  // A copy of them that the caller owns.
+  std::unique_ptr<u8[]> copyBytes(u32 length);
+
+  // Writing throws KTOutOfMemory when the buffer can't grow; nothing is written then.
+  void writeU8(u8 value) { writeNumber(value); }
+  void writeU16(u16 value) { writeNumber(value); }
+  void writeU32(u32 value) { writeNumber(value); }
+  void writeInt64(i64 value) { writeNumber(static_cast<u64>(value)); }
+  void writeDouble(double value) { writeNumber(std::bit_cast<u64>(value)); }
+  // A short text is cut at 65,535 bytes, which its length can just tell.
+  void writeString(std::string_view text, TextKind kind);
+  void writeBytes(const void* data, u32 length);
+
+  // What was written so far; the caller copies it before the writer goes.
+  const u8* bytes() const { return buffer_; }
+  i32 length() const { return position_; }
+
+ protected:
+  ~KTParser() = default;
+
+  // The one place for every short read and bad length.
+  void fail();
+  // Marks the object as failed and does no more.
+  void setFailed() { failed_ = true; }
+  void limitTo(u32 length);
+  // Takes back what was written since `position`.
+  void rewind(i32 position) { position_ = position; }
+
+ private:
+  template <class Number>
+  static Number swapped(Number value) {
+    if constexpr (std::endian::native == std::endian::big || sizeof(Number) == 1) return value;
+    if constexpr (sizeof(Number) == 2) return __builtin_bswap16(value);
+    if constexpr (sizeof(Number) == 4) return __builtin_bswap32(value);
+    if constexpr (sizeof(Number) == 8) return __builtin_bswap64(value);
+  }
+
+  const u8* take(u32 count) {
+    if (count > remaining()) [[unlikely]] {
+      fail();
+      return nullptr;
+    }
+    const u8* const bytes = buffer_ + position_;
+    position_ += static_cast<i32>(count);
+    return bytes;
+  }
+
+  template <class Number>
+  Number readNumber() {
+    const u8* const bytes = take(sizeof(Number));
+    if (!bytes) return 0;
+    Number value;
+    std::memcpy(&value, bytes, sizeof value);
+    return swapped(value);
+  }
+
+  // Room for `count` more bytes; null on a reader.
+  u8* room(u32 count) {
+    if (!writing_) [[unlikely]]
+      return refuseWrite();
+    if (count > static_cast<u32>(limit_ - position_)) [[unlikely]]
+      grow(count);
+    u8* const bytes = owned_.get() + position_;
+    position_ += static_cast<i32>(count);
+    return bytes;
+  }
+  void grow(u32 count);
+  u8* refuseWrite();
+
+  template <class Number>
+  void writeNumber(Number value) {
+    u8* const bytes = room(sizeof value);
+    if (!bytes) return;
+    const Number wire = swapped(value);
+    std::memcpy(bytes, &wire, sizeof wire);
+  }
+
+  bool failed_ = false;
+  const bool writing_;
+  bool throwOnError_ = false;
+  std::unique_ptr<u8[]> owned_;  // A writer's buffer.
+  const u8* buffer_ = nullptr;
+  i32 position_ = 0;
+  i32 limit_ = 0;
+  i32 encoding_ = 0;
+};
