@@ -1,0 +1,83 @@
+// The counted, ordered list of (key, value) entries that stands for every AMF container: objects, associative
+// and dense arrays, and the typed records of AMF3 (dates, byte arrays, vectors, dictionaries).
+//
+// Keys need not be unique and may be empty. Values may refer to arrays in any shape, cycles included; nobody
+// looks for those. For one thread at a time, lookups included.
+
+#pragma once
+
+#include <vector>
+
+#include "server/KTData.h"
+#include "server/KeyList.h"
+#include "util/KTObject.h"
+
+class KTDataArray : public KTObject {
+ public:
+  static constexpr u32 kUsualReserve = 10;
+  static constexpr i32 kNoType = 6;
+
+  // Room for `reserve` entries, at least 1, is taken with the first of them.
+  explicit KTDataArray(u32 reserve = kUsualReserve);
+  // The same entries and type; arrays and blocks among the values are shared.
+  KTDataArray(const KTDataArray& other);
+  KTDataArray& operator=(const KTDataArray&) = delete;
+  // Takes down arrays inside arrays without calling itself, however deep they lie.
+  ~KTDataArray() override;
+
+  u32 size() const { return static_cast<u32>(values_.size()); }
+  // Never shrinks.
+  void reserve(u32 count) { values_.reserve(count); }
+
+  // What the array stands for, by the marker that it was read from; 6 until somebody sets it.
+  i32 type() const { return type_; }
+  void setType(i32 type) { type_ = type; }
+
+  // Replaces the entry, or appends it, behind empty keys and Undefined values if `index` lies further out.
+  // Always true. Values are copied, unless they come as temporaries.
+  bool set(u32 index, orv::KeyView key, KTData value);
+  bool append(orv::KeyView key, KTData value) { return set(size(), key, std::move(value)); }
+  // With the decimal text of its index as key.
+  void appendElement(KTData value);
+
+  // Past the end: a shared Undefined and the empty key. References hold until the array changes.
+  const KTData& valueAt(u32 index) const { return index < size() ? values_[index] : missing; }
+  const KTString& keyAt(u32 index) const;
+  // Past the end, the array is first made longer.
+  KTData& valueAt(u32 index);
+  KTString& keyAt(u32 index);
+
+  // The key as a view, which spares the making of a string; `digits` may hold it.
+  std::string_view keyText(u32 index, orv::KeyList::Digits& digits) const;
+  // True while every key is the decimal text of its index, as in a dense array.
+  bool hasIndexKeys() const { return keys_.areIndices(); }
+
+  // The first entry of that key, without regard to case, or the shared Undefined; that too for a null key.
+  const KTData& find(const char* key) const;
+
+  // The same count, type and keys, with regard to case; values aren't looked at.
+  bool sameShape(const KTDataArray& other) const;
+
+  // Upper bounds of the heap bytes that one more entry takes; 0 while there is room.
+  u64 growthCost(std::string_view key) const { return elementGrowthCost() + keys_.growthCost(key); }
+  u64 elementGrowthCost() const;
+
+ private:
+  static const KTData missing;
+
+  std::size_t nextCapacity() const;
+  void push(KTData&& value);
+  void extendTo(u32 count);
+  KTDataArray* takeDownLast();
+
+  i32 type_ = kNoType;
+  u32 reserve_;
+  orv::KeyList keys_;
+  std::vector<KTData> values_;
+  KTDataArray* above_ = nullptr;  // While a tree of arrays is taken down: the one that held this one.
+};
+
+class KTDataArrayPtr : public KTPtr<KTDataArray> {
+ public:
+  using KTPtr<KTDataArray>::KTPtr;
+};
