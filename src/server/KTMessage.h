@@ -1,0 +1,57 @@
+// The message that this system makes: a tag with a payload block that can grow, and a link to a pool.
+
+#pragma once
+
+#include <atomic>
+
+#include "server/Message.h"
+
+class KTMessagePtr;
+
+class KTMessage : public orv::SingleMessage {
+ public:
+  // With a pool, the message starts with a count of 1, which is the pool's own.
+  KTMessage(u32 size, KTPoolSide<KTMessage>* owner);
+
+  // A pooled message that only its pool still holds drops its block and its attachments and goes back there.
+  i32 release() override;
+
+  // An empty message with a fresh block for `size` bytes, whatever it carried before.
+  void resetPayload(u32 size);
+
+  void setTime(u32 time) { setHeaderTime(time); }
+  void setStreamId(u32 id) { orv::flv::writeU24(header.streamId, id); }
+  // The header's 24 bits; with `updateBlock` the block's own length too.
+  void setLength(u32 length, bool updateBlock);
+
+  // These answer false, and leave the message as it was, when memory or the header's 24 bits don't suffice.
+  // Gives the block the capacity for `length` bytes, be that more or less than it has; what fits is kept.
+  bool reserve(u32 length);
+  bool resize(u32 length);
+  bool append(const void* data, u32 count);
+  bool appendU8(u8 value) { return append(&value, sizeof value); }
+  bool appendU16(u16 value);
+  bool appendU32(u32 value);
+  bool appendU64(u64 value);
+
+  // A new message: the same header and type bit, and the same block or, if `deep`, one of its own. Null when
+  // a block doesn't hold what the header claims.
+  KTMessagePtr clone(bool deep) const;
+
+  KTPoolSide<KTMessage>* const pool;  // May be null.
+  u32 recycleCount = 0;
+
+ private:
+  bool copyPayload(const KTMessage& source);
+};
+
+// The pool that messages are taken from; null, the start, means the heap. Whoever installs a pool keeps it
+// alive until the last of its messages is gone.
+extern std::atomic<KTPoolSide<KTMessage>*> defaultMessagePool;
+
+class KTMessagePtr : public KTPtr<KTMessage> {
+ public:
+  using KTPtr<KTMessage>::KTPtr;
+  // A new message of 256 bytes; for a null pointer, give nullptr.
+  KTMessagePtr();
+};
