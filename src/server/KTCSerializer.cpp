@@ -1,0 +1,159 @@
+#include "server/KTCSerializer.h"
+
+#include <algorithm>
+#include <span>
+
+#include "server/AmfMarkers.h"
+#include "server/Message.h"
+
+using namespace orv;
+
+namespace {
+
+// Room that a read array starts with; objects of a few members are by far the most.
+constexpr u32 kReadReserve = 4;
+constexpr u64 kArrayCost = sizeof(KTDataArray) + amf::kBlockOverhead;
+constexpr u64 kTextCost = 32 + 4 + amf::kBlockOverhead;  // A string's block beyond its text.
+constexpr u64 kBlockCost = sizeof(KTMemory) + 2 * amf::kBlockOverhead;
+
+// In payloads of these types a byte of no meaning comes before the values.
+bool hasLeadingByte(u8 messageType) {
+  return messageType >= flv::kTypeDataAmf3 && messageType <= flv::kTypeCommandAmf3;
+}
+
+// The payload without that byte.
+std::span<const u8> valuesOf(const SingleMessage* message) {
+  if (!message) return {};
+  const std::span<const u8> payload(message->payload(), message->payloadSize());
+  return hasLeadingByte(message->type()) && !payload.empty() ? payload.subspan(1) : payload;
+}
+
+}  // namespace
+
+KTCSerializer::KTCSerializer(const u8* data, u32 length, bool throwOnError)
+    : KTParser(data, length, throwOnError), grant_(amf::kFreeMemory + remaining() * amf::kMemoryPerByte) {}
+
+KTCSerializer::KTCSerializer(const SingleMessage* message, bool throwOnError)
+    : KTCSerializer(valuesOf(message).data(), static_cast<u32>(valuesOf(message).size()), throwOnError) {}
+
+KTCSerializer::~KTCSerializer() {
+  cutBackReferences();
+}
+
+void KTCSerializer::readValue(KTData& value, bool resetTablesAfter) {
+  readMember(value, nullptr);
+  if (resetTablesAfter) resetTables();
+}
+
+void KTCSerializer::writeValue(const KTData& value, bool resetTablesAfter) {
+  writeMember(value, nullptr);
+  if (resetTablesAfter) resetTables();
+}
+
+void KTCSerializer::resetTables() {
+  objects_.clear();
+  traits_.clear();
+}
+
+bool KTCSerializer::mayNest() {
+  if (depth_ < amf::kMaxNesting) return true;
+  fail();
+  return false;
+}
+
+// A new array, or null after a failure. Nobody owns it yet.
+KTDataArray* KTCSerializer::newArray(i32 type, u32 reserve) {
+  if (!mayNest() || !charge(kArrayCost)) return nullptr;
+  auto* const array = new KTDataArray(reserve);
+  array->setType(type);
+  return array;
+}
+
+// The same, with the next index of the table, which owns it.
+KTDataArray* KTCSerializer::newObject(i32 type) {
+  if (!charge(2 * sizeof(KTDataArrayPtr))) return nullptr;
+  makePlace();
+  KTDataArray* const array = newArray(type, kReadReserve);
+  if (array) addObject(array);
+  return array;
+}
+
+// So that entering a new array can't fail and leave it without an owner.
+void KTCSerializer::makePlace() {
+  if (objects_.size() == objects_.capacity()) objects_.reserve(std::max<std::size_t>(8, 2 * objects_.size()));
+}
+
+i64 KTCSerializer::indexOf(const KTDataArray* array) const {
+  const auto isArray = [array](const KTDataArrayPtr& object) { return object.get() == array; };
+  const auto found = std::find_if(objects_.begin(), objects_.end(), isArray);
+  return found == objects_.end() ? -1 : found - objects_.begin();
+}
+
+bool KTCSerializer::isOpen(const KTDataArray* array) const {
+  return std::find(open_, open_ + depth_, array) != open_ + depth_;
+}
+
+void KTCSerializer::enter(KTDataArray& array, std::string_view key, KTData&& value) {
+  if (!charge(array.growthCost(key))) return;
+  noteReference(array, value);
+  array.append(key, std::move(value));
+}
+
+void KTCSerializer::enterElement(KTDataArray& array, KTData&& value) {
+  if (!charge(array.elementGrowthCost())) return;
+  noteReference(array, value);
+  array.appendElement(std::move(value));
+}
+
+// Remembers a value that is about to be entered if it closes a cycle. What is entered nowhere else can't: an
+// array that isn't open was complete before any array around the value was begun.
+void KTCSerializer::noteReference(KTDataArray& holder, const KTData& value) {
+  KTDataArray* const target = value.asArray();
+  if (!target || !isOpen(target) || !charge(2 * sizeof(BackReference))) return;
+  backReferences_.push_back({&holder, holder.size(), target});
+}
+
+void KTCSerializer::cutBackReferences() {
+  for (const BackReference& reference : backReferences_) {
+    if (reference.index >= reference.holder->size()) continue;
+    KTData& value = reference.holder->valueAt(reference.index);
+    if (value.asArray() == reference.target.get()) value.clear();
+  }
+}
+
+// Takes room for a count that is only a claim: no more than would fit the bytes left at their usual size.
+void KTCSerializer::makeRoom(KTDataArray& array, u32 count, u32 usualSize) {
+  const u32 likely = std::min(count, remaining() / usualSize);
+  const u64 cost = likely * sizeof(KTData);
+  if (likely <= kReadReserve || cost > grant_) return;
+  charge(cost);
+  array.reserve(likely);
+}
+
+// A String, empty if memory for it isn't granted.
+void KTCSerializer::readText(KTData& value, std::string_view text) {
+  value.setText(charge(text.size() + kTextCost) ? text : std::string_view());
+}
+
+// A Memory over a copy of the next bytes, or over none after a failure.
+void KTCSerializer::readBlock(KTData& value, u32 length) {
+  KTBuffer block;
+  const bool granted = !failed() && charge(length <= remaining() ? length + kBlockCost : 0);
+  if (const u8* const bytes = granted ? readBytes(length) : nullptr) {
+    block = KTBuffer(length, nullptr);
+    block.append(bytes, length);
+  }
+  value.setMemory(block);
+}
+
+void KTCSerializer::goBackTo(const Mark& mark) {
+  rewind(mark.position);
+  objects_.resize(mark.objects);
+  strings_.resize(mark.strings);
+}
+
+amf::ClassName amf::classNameOf(const KTDataArray& array) {
+  KeyList::Digits digits;
+  if (array.keyText(0, digits) != kClassKey) return {false, kPlainClass};
+  return {true, array.valueAt(0).text()};
+}
