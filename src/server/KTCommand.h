@@ -1,0 +1,77 @@
+// One AMF command or data message: a name, a transaction number, a command object and arguments. A data
+// message has the name and the arguments alone.
+//
+// A reading command is complete when its constructor returns; what a soft failure left unread stays Undefined
+// or, of the arguments, absent, but for the one in which it came (server/KTCSerializer.h tells what that
+// holds). A writing one is filled in, made into one message, and destroyed.
+
+#pragma once
+
+#include <vector>
+
+#include "server/KTCSerializer.h"
+#include "server/KTMessage.h"
+
+class KTCommand : public KTCSerializer {
+ public:
+  // A writer of "_result", transaction 0, with a Null command object.
+  KTCommand();
+  // Read the payload of a message of type 20, 18, 17 or 15; of 17 and 15, a byte 0 comes first. In a message
+  // it is skipped unseen; among raw bytes anything but 0 leaves every field Undefined. Besides memory, an
+  // AMF0 marker that doesn't exist throws (KTBreakConnection), and with `throwOnError` any other failure.
+  KTCommand(const orv::SingleMessagePtr& message, bool throwOnError);
+  KTCommand(u8 type, const u8* data, u32 length, bool throwOnError);
+  // A writer of the same content.
+  KTCommand(const KTCommand& other);
+  KTCommand& operator=(const KTCommand&) = delete;
+  ~KTCommand() = default;
+
+  // The place of the name in the table of reserved names, 0 for any other.
+  i32 commandCode() const { return commandCode_; }
+  const KTData& name() const { return name_; }
+  const KTData& transactionId() const { return transactionId_; }
+  const KTData& commandObject() const { return commandObject_; }
+  u32 argCount() const { return static_cast<u32>(args_.size()); }
+  // Past the end, a shared Undefined.
+  const KTData& arg(u32 index) const;
+
+  void setName(const char* name) { name_.setString(name); }
+  void setResult() { setName("_result"); }
+  void setError() { setName("_error"); }
+  void setTransactionId(const KTData& id) { transactionId_ = id; }
+  void setCommandCode(i32 code) { commandCode_ = code; }
+  void addArg(const KTData& value) { args_.push_back(value); }
+  // Appends to the command object, which becomes an Object if it is no container.
+  void addCommandProperty(orv::KeyView key, const KTData& value);
+  // Append to the first argument, which is made if there is none; one that is no container stays as it is.
+  void addObjectProperty(orv::KeyView key, const KTData& value) { addProperty(KTData::Object, key, value); }
+  void addArrayProperty(orv::KeyView key, const KTData& value) { addProperty(KTData::EcmaArray, key, value); }
+  // As properties of the first argument: "level" and "code", "description" unless null or empty, "details"
+  // unless null.
+  void setStatus(const char* level, const char* code, const char* description, const char* details);
+
+  // Into the serializer's buffer: everything, or the name and the arguments.
+  void serialize();
+  void serializeData();
+  // A new message, of the AMF3 types with encoding 3. Null when the bytes exceed a message's 24-bit length.
+  // Once a command: a second call would send the first one's bytes again.
+  KTMessagePtr toCommandMessage();
+  KTMessagePtr toDataMessage();
+
+  // The code of a name, without regard to case.
+  static i32 codeOf(const KTData& name);
+
+ private:
+  void parse(u8 type);
+  void readArgs();
+  void addProperty(u8 containerType, orv::KeyView key, const KTData& value);
+  void addTextProperty(const char* key, const char* text);
+  KTMessagePtr beginMessage(u8 amf0Type, u8 amf3Type);
+  KTMessagePtr finishMessage(const KTMessagePtr& message) const;
+
+  i32 commandCode_ = 0;
+  KTData name_;
+  KTData transactionId_;
+  KTData commandObject_;
+  std::vector<KTData> args_;
+};
