@@ -19,7 +19,7 @@ constexpr char kExitCodes[] =
 class CommandLine {
  public:
   CommandLine() {
-    app_.require_subcommand(1);
+    app_.require_subcommand(0, 1);
     app_.footer(std::string("flvhost COMMAND --help tells more, with an example.\n") + kExitCodes);
     addInfo();
     addSegments();
@@ -31,6 +31,7 @@ class CommandLine {
   int run(int argc, const char* const* argv) {
     try {
       app_.parse(argc, argv);
+      if (!chosen_) throw hostFault("a command is wanted; see flvhost --help");
       return static_cast<int>(chosen_());
     } catch (const CLI::CallForHelp&) {
       print(app_.help());

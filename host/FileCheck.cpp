@@ -56,7 +56,7 @@ std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) 
   const std::vector<u8> bytes = readBytes(file, position, flv::kTagHeaderSize);
   if (bytes.size() < flv::kTagHeaderSize) return "ends inside its first tag";
   const flv::TagHeader tag{bytes.data()};
-  if (std::string_view(tagTypeName(tag.typeByte())) == "other") {
+  if (!isKnownType(tag.typeByte())) {
     return fmt::format("has no valid first tag: type {} at byte {} is none of audio, video, data",
                        tag.typeByte(), position);
   }

@@ -6,6 +6,7 @@ namespace orv::host {
 
 namespace {
 
+constexpr const char* kOther = "other";
 constexpr u8 kFrameKey = 1;
 constexpr u8 kCodecAvc = 7;
 constexpr u8 kCodecAac = 10;
@@ -91,8 +92,12 @@ const char* tagTypeName(u8 type) {
     case flv::kTypeCommandAmf3:
       return "command";
     default:
-      return "other";
+      return kOther;
   }
+}
+
+bool isKnownType(u8 type) {
+  return tagTypeName(type) != kOther;
 }
 
 std::string codecText(const Tag& tag) {

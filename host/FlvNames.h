@@ -12,7 +12,8 @@ namespace orv::host {
 inline constexpr u8 kFlagAudio = 4;
 inline constexpr u8 kFlagVideo = 1;
 
-const char* tagTypeName(u8 type);       // "audio", "video", "data", ...
+const char* tagTypeName(u8 type);  // "audio", "video", "data", ...
+bool isKnownType(u8 type);
 std::string codecText(const Tag& tag);  // "MP3, 44.1 kHz, stereo, 16 bit"; "" for other than media
 std::string flagsText(u32 flags);       // Of the file header: "audio, video"
 

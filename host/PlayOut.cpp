@@ -86,6 +86,9 @@ PlayTally Player::run() {
   }
   tally_.isComplete = walk.gaps().empty();
   walk.tellGaps();
+  if (tally_.unknownTags > 0) {
+    tell(fmt::format("{}: {} tags of no known type left out", stream_.name(), tally_.unknownTags));
+  }
   if (verifier_ && startsAtFront() && walk.isComplete()) verifier_->endFile();
   return tally_;
 }
@@ -147,6 +150,11 @@ void Player::takeTag(const Tag& tag, bool inAggregate) {
 }
 
 void Player::send(const Tag& tag, bool inAggregate) {
+  // The module delivers whatever lies in the chain of tags, just before a damage often rubbish.
+  if (!isKnownType(tag.type)) {
+    ++tally_.unknownTags;
+    return;
+  }
   if (!started_) {
     started_ = true;
     tally_.firstTime = tag.time;

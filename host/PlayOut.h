@@ -39,6 +39,7 @@ struct PlayTally {
   u64 aggregates = 0;
   u64 segments = 0;
   u64 damagedSegments = 0;
+  u64 unknownTags = 0;  // Of a type that FLV doesn't know; they don't go out.
   Kind sent;
   u32 firstTime = 0;  // Of what went out.
   u32 lastTime = 0;

@@ -1,0 +1,47 @@
+// A directory of a test's own, gone with everything in it at the end.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/Types.h"
+
+namespace orv::host::test {
+
+using Bytes = std::vector<u8>;
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string name = (std::filesystem::temp_directory_path() / "flvhost-test-XXXXXX").native();
+    if (!::mkdtemp(name.data())) throw std::runtime_error("no temporary directory");
+    path_ = name;
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  ~TempDir() { std::filesystem::remove_all(path_); }
+
+  std::string path(const std::string& name) const { return path_ + "/" + name; }
+  // Makes or replaces a file.
+  std::string file(const std::string& name, const Bytes& bytes) const {
+    std::ofstream out(path(name), std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return path(name);
+  }
+  static Bytes read(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    Bytes bytes(std::filesystem::file_size(file));
+    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
+  }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace orv::host::test
