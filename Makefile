@@ -42,13 +42,14 @@ bench:
 	scripts/setup.sh build bench
 	cmake --preset release -DFLV_BENCH=ON
 	cmake --build build/release -j $(JOBS) --target benchmarks
-	scripts/each.sh build/release/bench '*_bench' $(BENCH_ARGS)
+	for program in build/release/bench/*_bench; do $$program $(BENCH_ARGS) || exit 1; done
 
 fuzz:
 	scripts/setup.sh build clang
 	cmake --preset fuzz
 	cmake --build build/fuzz -j $(JOBS) --target fuzzers
-	scripts/each.sh build/fuzz/fuzz '*_fuzz' -max_total_time=$(FUZZ_SECONDS) -print_final_stats=0
+	cd build/fuzz/fuzz && for program in *_fuzz; do \
+	  ./$$program -max_total_time=$(FUZZ_SECONDS) -timeout=10 corpus/$${program%_fuzz} || exit 1; done
 
 format:
 	scripts/setup.sh lint

@@ -16,15 +16,14 @@ char continuation(u32 bits) {
   return static_cast<char>(0x80 | (bits & 0x3F));
 }
 
-// The bytes that a sequence with this lead byte takes, or 0.
-std::size_t sequenceLength(u8 lead) {
+}  // namespace
+
+std::size_t utf8Length(u8 lead) {
   if (lead < 0x80) return 1;
   if (lead < 0xC2) return 0;  // A stray continuation byte, or a form that one byte would hold.
   if (lead < 0xE0) return 2;
   return lead < 0xF0 ? 3 : 0;
 }
-
-}  // namespace
 
 std::size_t encodeUtf8(char16_t unit, char* out) {
   const u32 value = unit;
@@ -46,7 +45,7 @@ std::size_t encodeUtf8(char16_t unit, char* out) {
 std::size_t decodeUtf8(const char* text, std::size_t size, char16_t* unit) {
   if (size == 0) return 0;
   const u8 lead = static_cast<u8>(text[0]);
-  const std::size_t length = sequenceLength(lead);
+  const std::size_t length = utf8Length(lead);
   if (length == 0 || length > size) return 0;
   u32 value = length == 1 ? lead : lead & (0x7FU >> length);
   for (std::size_t i = 1; i < length; ++i) {

@@ -5,9 +5,14 @@
 
 #include <cstddef>
 
+#include "platform/Types.h"
+
 namespace orv::platform {
 
 constexpr std::size_t kMaxUtf8Bytes = 3;
+
+// The bytes of a sequence with this lead byte; 0 when none has it.
+std::size_t utf8Length(u8 lead);
 
 // Bytes written to `out`, which has room for kMaxUtf8Bytes. Every unit can be encoded.
 std::size_t encodeUtf8(char16_t unit, char* out);

@@ -61,17 +61,23 @@ bool KTFiberMutex::unlock() {
   return true;
 }
 
-// Comes back with `me` as the owner: whoever unlocked has seen to that.
+// Whoever unlocked has made `me` the owner; anything else that woke it has no say.
 void KTFiberMutex::waitInLine(IWorker& me) {
   append(me.waitLink);
-  section_.leave();
+  do {
+    section_.leave();
+    suspend(me);
+    section_.enter();
+  } while (owner_ != &me);
+}
+
+void KTFiberMutex::suspend(IWorker& me) {
   if (me.workerType() == kWorkerFiber) {
-    me.addRef();  // For the thread that will resume the fiber.
+    me.addRef();  // Dropped by whoever wakes the fiber.
     me.setWaitingMutex(this);
     me.setState(kStateWaiting);
   }
   me.suspend();
-  section_.enter();
 }
 
 void KTFiberMutex::append(WaitLink& link) {

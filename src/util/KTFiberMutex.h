@@ -28,6 +28,7 @@ class KTFiberMutex : public IMutex, private boost::noncopyable {
 
  private:
   void waitInLine(IWorker& me);
+  void suspend(IWorker& me);
   void append(WaitLink& link);
   IWorker* takeFirst();
   IWorker* resumeFirst();

@@ -24,15 +24,13 @@ flags="-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror"
 
 for compiler in g++ clang++; do
   command -v $compiler >/dev/null || { say "$compiler isn't here"; continue; }
-  for standard in 17 20; do
-    count=0
-    for header in $(find "$headers" -name '*.h'); do
-      $compiler -std=c++$standard $flags -fsyntax-only -I"$headers" -x c++ -include "$header" /dev/null
-      count=$((count + 1))
-    done
-    [ $count -gt 5 ] || { echo "only $count headers in $headers"; exit 1; }
-    say "$compiler, C++$standard: $count headers compile alone"
+  count=0
+  for header in $(find "$headers" -name '*.h'); do
+    $compiler -std=c++17 $flags -fsyntax-only -I"$headers" -x c++ -include "$header" /dev/null
+    count=$((count + 1))
   done
+  [ $count -gt 5 ] || { echo "only $count headers in $headers"; exit 1; }
+  say "$compiler: $count headers compile alone as C++17"
 
   cmake -S "$source/docs/example" -B "$work/$compiler" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER=$compiler \
     -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_FLAGS="$flags" >"$work/log"

@@ -1,0 +1,15 @@
+// The system's clocks.
+
+#pragma once
+
+#include "platform/Types.h"
+
+namespace orv::platform {
+
+// System time in ticks of 100 nanoseconds since 1970-01-01 00:00:00 UTC.
+i64 systemTicks();
+
+// Milliseconds of a clock that never goes back, from a start of its own.
+u64 steadyMilliseconds();
+
+}  // namespace orv::platform

@@ -1,0 +1,141 @@
+#include "util/KTThreads.h"
+
+#include <map>
+#include <memory>
+#include <new>
+
+#include "platform/Thread.h"
+#include "util/ORVFiber.h"
+#include "util/ORVFiberPool.h"
+#include "util/ThreadSlots.h"
+
+namespace {
+
+struct ByAddress {
+  bool operator()(const KTThreadPtr& left, const KTThreadPtr& right) const {
+    return std::less<>()(left.get(), right.get());
+  }
+};
+
+// The library's threads. An owner is known by the argument of its threads.
+struct Registry {
+  KTThreadOnlyMutex lock{true};
+  std::map<KTThreadPtr, void*, ByAddress> threadsByPtr;        // Under the lock.
+  std::map<void*, std::map<u32, KTThreadPtr>> threadsByOwner;  // Under the lock.
+};
+
+// In static storage, and never destroyed: threads of the library may outlive the end of main.
+constinit std::atomic<Registry*> sharedRegistry{nullptr};
+
+Registry& registry() {
+  return *sharedRegistry.load(std::memory_order_acquire);
+}
+
+constinit std::atomic<u32> runningThreads{0};
+constinit std::atomic<bool> fibersOn{true};
+
+// The block of a new thread.
+struct ThreadCall {
+  KTThreadFunction function;
+  void* argument;
+  u32 options;
+  u32 result = 0;
+};
+
+void enroll(const KTThreadPtr& thread, void* owner) {
+  const KTMutexGuard guard(registry().lock);
+  registry().threadsByPtr[thread] = owner;
+  registry().threadsByOwner[owner][thread->threadId] = thread;
+}
+
+void strikeOff(const KTThreadPtr& thread, void* owner) {
+  const KTMutexGuard guard(registry().lock);
+  registry().threadsByPtr.erase(thread);
+  const auto group = registry().threadsByOwner.find(owner);
+  group->second.erase(thread->threadId);
+  if (group->second.empty()) registry().threadsByOwner.erase(group);
+}
+
+// Under the registry's lock; null when no thread of the library has the id.
+KTThread* findThread(u32 threadId) {
+  for (const auto& group : registry().threadsByOwner) {
+    const auto found = group.second.find(threadId);
+    if (found != group.second.end()) return found->second.get();
+  }
+  return nullptr;
+}
+
+// False when there is no fiber to run it on.
+bool callOnFiber(const ThreadCall& call) {
+  if (!(call.options & kThreadWithFiber) || !fibersOn.load(std::memory_order_relaxed)) return false;
+  const ORVFiberPtr fiber = acquireFiber();
+  return fiber && fiber->run(call.function, call.argument);
+}
+
+void callRegistered(ThreadCall& call) {
+  const KTThreadPtr thread(new KTThread);
+  ktInitThread(thread);
+  enroll(thread, call.argument);
+  runningThreads.fetch_add(1, std::memory_order_relaxed);
+  if (!callOnFiber(call)) call.result = call.function(call.argument);
+  runningThreads.fetch_sub(1, std::memory_order_release);
+  strikeOff(thread, call.argument);
+  ORVFiber::fiberToThread();
+  slotsTearDown();
+}
+
+u32 threadEntry(void* block) noexcept {
+  const std::unique_ptr<ThreadCall> call(static_cast<ThreadCall*>(block));
+  callRegistered(*call);
+  return call->result;
+}
+
+}  // namespace
+
+void runOnce(boost::once_flag& flag, orv::util::hidden::IOnce& action) {
+  boost::call_once(flag, [&action] { action.run(); });
+}
+
+KTThread::KTThread()
+    : threadId(orv::platform::currentThreadId()), processId(orv::platform::currentProcessId()) {}
+
+bool ktInitThread(const KTThreadPtr& thread) {
+  class LocalOnce : public orv::util::hidden::IOnce {
+   public:
+    void run() override {
+      alignas(Registry) static unsigned char storage[sizeof(Registry)];
+      sharedRegistry.store(new (storage) Registry, std::memory_order_release);
+    }
+  };
+  static boost::once_flag once = BOOST_ONCE_INIT;
+  LocalOnce makeRegistry;
+  runOnce(once, makeRegistry);
+  const KTMutexGuard guard(registry().lock);
+  slotSet(kSlotWorker, thread.get(), nullptr);
+  return true;
+}
+
+u32 startThread(KTThreadFunction function, void* argument, u32 options) {
+  auto call = std::unique_ptr<ThreadCall>(new (std::nothrow) ThreadCall{function, argument, options});
+  if (!call) return 0;
+  const u32 id = orv::platform::startThread(threadEntry, call.get());
+  if (id != 0) static_cast<void>(call.release());  // The thread's now.
+  return id;
+}
+
+u32 runningThreadCount() {
+  return runningThreads.load(std::memory_order_acquire);
+}
+
+void setUserValues(u32 threadId, u32 value1, u32 value2) {
+  if (!sharedRegistry.load(std::memory_order_acquire)) return;  // Not one thread yet.
+  const KTMutexGuard guard(registry().lock);
+  KTThread* const thread = findThread(threadId);
+  if (!thread) return;
+  thread->userValue1 = value1;
+  thread->userValue2 = value2;
+}
+
+void setThreadFibers(bool on) {
+  fibersOn.store(on, std::memory_order_relaxed);
+}

@@ -1,0 +1,327 @@
+#include "util/ORVFiber.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "util/Gate.h"
+#include "util/KTFiberMutex.h"
+#include "util/ORVFiberPool.h"
+#include "util/ThreadSlots.h"
+
+namespace {
+
+using Work = std::function<void()>;
+
+u32 doWork(void* work) {
+  (*static_cast<Work*>(work))();
+  return 0;
+}
+
+void awaitThreads() {
+  await([] { return runningThreadCount() == 0; });
+}
+
+// A thread that leaves no slots behind.
+template <class Body>
+std::thread cleanThread(Body body) {
+  return std::thread([body] {
+    body();
+    ORVFiber::fiberToThread();
+    slotsTearDown();
+  });
+}
+
+template <class Body>
+void onCleanThread(Body body) {
+  cleanThread(body).join();
+}
+
+TEST(ORVFiber, isAWorkerOfItsThreadWhileItRuns) {
+  onCleanThread([] {
+    const u32 thread = orv::platform::currentThreadId();
+    ORVFiberPtr fiber(new ORVFiber);
+    EXPECT_EQ(kWorkerFiber, fiber->workerType());
+    EXPECT_EQ(ORVFiber::kFresh, fiber->state());
+    Work work = [&] {
+      EXPECT_EQ(fiber.get(), ORVFiber::current());
+      EXPECT_EQ(ORVFiber::kRunning, fiber->state());
+      EXPECT_EQ(thread, fiber->runningThread());
+      EXPECT_FALSE(fiber->run(doWork, nullptr));  // It has work.
+      EXPECT_FALSE(fiber->wake());                // It runs.
+      EXPECT_TRUE(fiber->suspend());
+      EXPECT_EQ(fiber.get(), ORVFiber::current());
+    };
+    EXPECT_TRUE(fiber->run(doWork, &work));
+    EXPECT_EQ(nullptr, ORVFiber::current());
+    EXPECT_EQ(0u, fiber->runningThread());
+    EXPECT_EQ(thread, fiber->lastThread());
+    EXPECT_EQ(1u, fiber->suspendCount());
+    EXPECT_FALSE(fiber->run(doWork, &work));  // Its work isn't done.
+    EXPECT_TRUE(fiber->wake());
+    EXPECT_FALSE(fiber->wake());  // It has ended.
+    EXPECT_EQ(1, fiber->getRefCount());
+    bool again = false;
+    work = [&] { again = true; };
+    EXPECT_TRUE(fiber->run(doWork, &work));
+    EXPECT_TRUE(again);
+    const u32 generation = fiber->generation();
+    fiber->reset();
+    EXPECT_EQ(generation + 1, fiber->generation());
+    EXPECT_EQ(ORVFiber::kFresh, fiber->state());
+    EXPECT_EQ(0u, fiber->lastThread());
+  });
+  EXPECT_EQ(0u, ORVFiber::aliveCount());
+}
+
+TEST(ORVFiber, runsInsideAnotherFiberAndGoesBackToIt) {
+  onCleanThread([] {
+    std::string order;
+    ORVFiberPtr outer(new ORVFiber), inner(new ORVFiber);
+    Work innerWork = [&] {
+      EXPECT_EQ(inner.get(), ORVFiber::current());
+      order += 'i';
+      inner->suspend();
+      order += 'j';
+    };
+    Work outerWork = [&] {
+      inner->run(doWork, &innerWork);
+      EXPECT_EQ(outer.get(), ORVFiber::current());
+      order += 'o';
+      outer->suspend();
+      order += 'p';
+    };
+    outer->run(doWork, &outerWork);
+    order += '|';
+    inner->wake();
+    outer->wake();
+    EXPECT_EQ("io|jp", order);
+  });
+}
+
+// The thread that ran the fiber goes on while the fiber waits; the fiber ends up on another thread, and the
+// mutex knows it there as the same owner.
+TEST(ORVFiber, leavesItsThreadFreeWhileItWaitsForAMutex) {
+  KTFiberMutex mutex;
+  std::atomic<bool> done{false};
+  u32 before = 0, after = 0;
+  ORVFiberPtr fiber(new ORVFiber);
+  Work work = [&] {
+    mutex.lock();
+    mutex.lock();
+    mutex.unlock();
+    after = orv::platform::currentThreadId();
+    mutex.unlock();
+    done = true;
+  };
+  mutex.lock();
+  onCleanThread([&] {
+    before = orv::platform::currentThreadId();
+    fiber->run(doWork, &work);
+    EXPECT_EQ(1u, mutex.waitersForTest());
+    EXPECT_EQ(ORVFiber::kWaiting, fiber->state());
+    EXPECT_EQ(2, fiber->getRefCount());
+  });
+  EXPECT_FALSE(done);
+  mutex.unlock();
+  await([&] { return done.load(); });
+  awaitThreads();
+  EXPECT_NE(before, after);
+  await([&] { return fiber->getRefCount() == 1; });
+}
+
+// A fiber that is woken by mistake must not take itself for the owner.
+TEST(ORVFiber, staysInLineWhenWokenWithoutTheMutex) {
+  KTFiberMutex mutex;
+  ORVFiberPtr fiber(new ORVFiber);
+  std::atomic<bool> done{false};
+  Work work = [&] {
+    const KTMutexGuard guard(mutex);
+    done = true;
+  };
+  mutex.lock();
+  onCleanThread([&] {
+    fiber->run(doWork, &work);
+    EXPECT_TRUE(fiber->wake());
+    EXPECT_FALSE(done);
+    EXPECT_EQ(2, fiber->getRefCount());
+  });
+  mutex.unlock();
+  await([&] { return done.load(); });
+  await([&] { return fiber->getRefCount() == 1; });
+}
+
+TEST(ORVFiber, fibersAndThreadsAreServedInOneLine) {
+  KTFiberMutex mutex;
+  std::string order;  // Under the mutex.
+  std::vector<std::thread> threads;
+  std::vector<Work> works;
+  works.reserve(8);
+  mutex.lock();
+  for (char name = 'a'; name < 'i'; ++name) {
+    works.emplace_back([&, name] {
+      const KTMutexGuard guard(mutex);
+      order += name;
+    });
+    Work* const work = &works.back();
+    if (name % 2) {
+      threads.push_back(cleanThread([=] { (*work)(); }));
+    } else {
+      onCleanThread([=] { ORVFiberPtr(new ORVFiber)->run(doWork, work); });
+    }
+    await([&] { return mutex.waitersForTest() == static_cast<u32>(name - 'a' + 1); });
+  }
+  mutex.unlock();
+  for (auto& thread : threads) thread.join();
+  awaitThreads();
+  EXPECT_EQ("abcdefgh", order);
+  await([] { return ORVFiber::aliveCount() == 0; });
+}
+
+// Fibers by the thousand contend for two mutexes, throwing and catching as they go.
+TEST(ORVFiber, standByTheThousandOnAFewThreads) {
+  constexpr int kThreads = 4, kFibersEach = 500, kRounds = 3;
+  KTFiberMutex first, second;
+  int count = 0;
+  std::atomic<int> done{0};
+  Work work = [&] {
+    for (int round = 0; round < kRounds; ++round) {
+      try {
+        const KTMutexGuard guard(first);
+        ++count;
+        throw round;
+      } catch (int caught) {
+        EXPECT_EQ(round, caught);
+        const KTMutexGuard guard(second);  // Perhaps on another thread, inside the handler.
+        EXPECT_NE(nullptr, std::current_exception());
+      }
+      EXPECT_EQ(nullptr, std::current_exception());
+    }
+    ++done;
+  };
+  first.lock();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.push_back(cleanThread([&] {
+      for (int n = 0; n < kFibersEach; ++n) ORVFiberPtr(new ORVFiber)->run(doWork, &work);
+    }));
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(static_cast<u32>(kThreads * kFibersEach), first.waitersForTest());
+  EXPECT_EQ(static_cast<u32>(kThreads * kFibersEach), ORVFiber::aliveCount());
+  first.unlock();
+  await([&] { return done == kThreads * kFibersEach; });
+  awaitThreads();
+  EXPECT_EQ(kThreads * kFibersEach * kRounds, count);
+  await([] { return ORVFiber::aliveCount() == 0; });
+}
+
+TEST(ORVFiber, boundToItsThreadItBlocksIt) {
+  ORVFiberPtr fiber(new ORVFiber);
+  Gate bound;
+  bool resumed = false;
+  Work work = [&] {
+    fiber->bindToThread();
+    bound.open();
+    resumed = fiber->suspend();
+  };
+  std::thread thread = cleanThread([&] { fiber->run(doWork, &work); });
+  bound.pass();
+  EXPECT_TRUE(fiber->resume());
+  thread.join();
+  EXPECT_TRUE(resumed);
+}
+
+TEST(ORVFiberPool, handsOutTakesBackAndStopsAtItsLimit) {
+  onCleanThread([] {
+    ORVFiberPool pool(2);
+    ORVFiberPtr first = pool.acquire(), second = pool.acquire();
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(2u, pool.activeCount());
+    EXPECT_FALSE(pool.acquire());
+    int runs = 0;
+    Work work = [&] { ++runs; };
+    EXPECT_TRUE(first->run(doWork, &work));
+    pool.recycle(second);
+    EXPECT_EQ(2u, pool.idleCount());
+    EXPECT_EQ(0u, pool.activeCount());
+    const ORVFiberPtr again = pool.acquire();
+    EXPECT_EQ(first.get(), again.get());  // The one that came back first.
+    EXPECT_TRUE(again->run(doWork, &work));
+    EXPECT_EQ(2, runs);
+    EXPECT_EQ(2u, again->generation());
+    EXPECT_FALSE(pool.stop());
+    EXPECT_TRUE(pool.stop());
+    EXPECT_FALSE(pool.acquire());
+  });
+  EXPECT_EQ(0u, ORVFiber::aliveCount());
+}
+
+TEST(ORVFiberPool, stopWaitsForTheActiveOnes) {
+  KTFiberMutex mutex;
+  ORVFiberPool pool(8);
+  bool done = false;
+  Work work = [&] {
+    const KTMutexGuard guard(mutex);
+    done = true;
+  };
+  mutex.lock();
+  onCleanThread([&] { pool.acquire()->run(doWork, &work); });
+  EXPECT_EQ(1u, pool.activeCount());
+  mutex.unlock();
+  EXPECT_FALSE(pool.stop());
+  EXPECT_TRUE(done);
+  EXPECT_EQ(0u, pool.activeCount());
+  awaitThreads();
+}
+
+TEST(ORVFiberPool, trimKeepsFourIdleForEachActive) {
+  const struct {
+    u32 idle, active, left;
+  } kCases[] = {{10, 0, 10}, {11, 0, 0}, {12, 2, 8}, {12, 3, 12}, {13, 3, 12}, {11, 11, 11}};
+  for (const auto& c : kCases) {
+    onCleanThread([&c] {
+      ORVFiberPool pool(64);
+      std::vector<ORVFiberPtr> fibers;
+      for (u32 i = 0; i < c.idle + c.active; ++i) fibers.push_back(pool.acquire());
+      for (u32 i = 0; i < c.idle; ++i) pool.recycle(fibers[i]);
+      pool.trim();
+      EXPECT_EQ(c.left, pool.idleCount()) << c.idle << ' ' << c.active;
+      for (u32 i = 0; i < c.idle; ++i) EXPECT_EQ(i < c.idle - c.left, fibers[i]->stopRequested()) << i;
+      fibers.clear();
+      EXPECT_EQ(c.left, ORVFiber::aliveCount());
+    });
+  }
+}
+
+// Work spread over a pool from several threads, each taking what it can get.
+TEST(ORVFiberPool, servesManyThreads) {
+  constexpr int kThreads = 4, kRounds = 300;
+  KTFiberMutex mutex;
+  ORVFiberPool pool(16);
+  int count = 0;
+  Work work = [&] {
+    const KTMutexGuard guard(mutex);
+    ++count;
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.push_back(cleanThread([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        ORVFiberPtr fiber;
+        while (!(fiber = pool.acquire())) orv::util::yield();
+        EXPECT_TRUE(fiber->run(doWork, &work));
+      }
+    }));
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_FALSE(pool.stop());
+  EXPECT_EQ(kThreads * kRounds, count);
+  awaitThreads();
+}
+
+}  // namespace
