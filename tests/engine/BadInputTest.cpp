@@ -26,7 +26,8 @@ class BadInputTest : public EngineTest {
                 found->endPosition < size);
     std::size_t delivered = 0;
     for (const Message& message : stream.load(*found)) delivered += message.data.size();
-    ASSERT_LE(static_cast<i64>(delivered), found->endPosition - found->startPosition + 1);
+    // The last tag of a run may be as long as the whole of it.
+    ASSERT_LE(static_cast<i64>(delivered), 2 * (found->endPosition - found->startPosition + 1));
   }
 };
 
