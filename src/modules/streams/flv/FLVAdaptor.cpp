@@ -14,6 +14,16 @@ KTFLVData* streamOf(void* handle) {
   return static_cast<KTFLVData*>(handle);
 }
 
+bool copyMetaData(const KTMessagePtr& message, void* value, u32& size) {
+  if (!message || message->length() > size) {
+    size = 0;
+    return false;
+  }
+  size = message->length();
+  if (size > 0) std::memcpy(value, message->memory->data, size);
+  return true;
+}
+
 }  // namespace
 
 FLVAdaptor::FLVAdaptor(IQVStreamContext* streamContext) : context(streamContext) {
@@ -40,6 +50,8 @@ StreamLoadStatus FLVAdaptor::open(const char* path, u32 mode, void* userData, vo
     return StreamLoadOk;
   } catch (const std::bad_alloc&) {
     return StreamLoadFailed;
+  } catch (const KTOutOfMemory&) {
+    return StreamLoadFailed;  // A path longer than any text.
   }
 }
 
@@ -92,11 +104,12 @@ bool FLVAdaptor::loadSegment(void* handle, SegmentBounds* bounds, ISegmentHolder
 // A load leaves nothing behind.
 void FLVAdaptor::onFreeSegment(void*, u32) {}
 
-bool FLVAdaptor::record(void*, unsigned short, const void*, u32, u32) {
-  return false;
+bool FLVAdaptor::record(void* handle, unsigned short type, const void* data, u32 size, u32 time) {
+  return streamOf(handle)->record(type, data, size, time);
 }
-bool FLVAdaptor::flushSegment(void*, SegmentBounds*) {
-  return false;
+
+bool FLVAdaptor::flushSegment(void* handle, SegmentBounds* bounds) {
+  return streamOf(handle)->flushSegment(bounds);
 }
 
 bool FLVAdaptor::getAttribute(void* handle, AttrType_t attribute, void* value, u32& size) const {
@@ -122,17 +135,18 @@ bool FLVAdaptor::getAttribute(void* handle, AttrType_t attribute, void* value, u
       return true;
     }
     case AttrMetaData:
-      size = 0;
-      return false;
+      return copyMetaData(stream->getMetaData(), value, size);
   }
   return false;
 }
 
-bool FLVAdaptor::getMediaContexts(void*, ContextType_t, i64, IContextHolder*) const {
-  return false;
+bool FLVAdaptor::getMediaContexts(void* handle, ContextType_t type, i64 position,
+                                  IContextHolder* holder) const {
+  return streamOf(handle)->getMediaContexts(type, position, holder);
 }
-bool FLVAdaptor::getAllMediaContexts(void*, IAllContextHolder*) const {
-  return false;
+
+bool FLVAdaptor::getAllMediaContexts(void* handle, IAllContextHolder* holder) const {
+  return streamOf(handle)->getAllMediaContexts(holder);
 }
 
 }  // namespace orv::flv

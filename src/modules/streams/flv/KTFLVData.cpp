@@ -47,10 +47,6 @@ bool KTFLVData::open(u32 mode) {
   return file.isOpen() && checkHeader(file.fd()) && scan(file.fd());
 }
 
-bool KTFLVData::openForRecord() {
-  return false;
-}
-
 bool KTFLVData::checkHeader(int fd) {
   if (fd == -1) return false;
   FileStat record{};
@@ -90,7 +86,9 @@ void KTFLVData::setBackupConn(const IBackupConnPtr& conn) {
 }
 
 u32 KTFLVData::getMemoryOverhead() const {
-  return static_cast<u32>(segmentCount * sizeof(SegmentRange) + sizeof(KTFLVData));
+  const u64 bytes = recordBuffer.size + u64{segmentCount} * sizeof(SegmentRange) + sizeof(KTFLVData) +
+                    mediaContexts.byteSize() + (metadata ? metadata->length() : 0);
+  return static_cast<u32>(bytes);
 }
 
 }  // namespace orv::flv

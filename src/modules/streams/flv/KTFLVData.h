@@ -10,9 +10,15 @@
 #include "modules/streams/flv/FLVConfig.h"
 #include "modules/streams/flv/FrameRecord.h"
 #include "modules/streams/flv/KTFLVPersist.h"
+#include "modules/streams/flv/MediaContextStore.h"
+#include "modules/streams/flv/RecordBuffer.h"
 #include "modules/streams/flv/SearchWindow.h"
+#include "server/KTMessage.h"
 #include "util/KTFiberMutex.h"
 #include "util/autofilebuffer.h"
+
+class KTCommand;
+class KTData;
 
 namespace orv::flv {
 
@@ -45,6 +51,7 @@ class KTFLVData : public KTFLVPersist {
   i64 getSize();
   i64 getEndPosition();
   u32 getDuration();
+  KTMessagePtr getMetaData();  // The first "onMetaData"; null if there is none or the file can't be read.
   u8 getType() const { return typeFlags; }
   u32 getMemoryOverhead() const;
 
@@ -54,6 +61,19 @@ class KTFLVData : public KTFLVPersist {
   void toBounds(const SegmentRange& range, SegmentBounds* bounds) const;
   // Delivers the tags of a byte run, one by one or in aggregates, on the caller's thread.
   bool loadSegment(const SegmentBounds& bounds, ISegmentHolder* holder);
+
+  // The head records, from the last scan. False if there is nothing to deliver.
+  bool getMediaContexts(ContextType_t type, i64 position, IContextHolder* holder);
+  bool getAllMediaContexts(IAllContextHolder* holder);
+
+  // Stages one message as a tag; nothing but a new file's header reaches the file before the flush. False
+  // only if the file couldn't be opened for recording. A message that FLV can't carry here, or that there is
+  // no memory for, is dropped. An "onMetaData" that can't be parsed throws KTBreakConnection, with nothing
+  // staged and no lock left.
+  bool record(u16 type, const void* data, u32 size, u32 time);
+  // Appends what is staged, brings the header's flags and the metadata up to date and closes the file. False,
+  // with what is staged kept, if the file isn't open, its end can't be told or its flags can't be written.
+  bool flushSegment(SegmentBounds* bounds);
 
   // The frame that holds `position`, in `range`. Takes the caller's open descriptor.
   bool findFrameAtOrBefore(i64 position, FrameRecord* frame, SegmentRange range, int fd);
@@ -70,6 +90,15 @@ class KTFLVData : public KTFLVPersist {
 
   // Tag scan
   void readFirstFrame(int fd);
+
+  // Head records
+  static u32 classifyRecord(std::string_view name);
+  void scanHeadRecords(int fd);
+  bool readTagHeader(int fd, i64 position, u8* bytes);
+  KTMessagePtr readTagMessage(int fd, i64 position);
+  void considerHeadRecord(const KTMessagePtr& message, i64 position);
+  void storeHeadRecord(const KTCommand& command, const KTMessagePtr& message, i64 position);
+  void addMediaContext(u32 time, u8 type, const u8* data, u32 size, u32 trackID);
 
   // Frame scan
   bool readFrameHeader(FrameSource& source, i64 position, FrameRecord* frame);
@@ -94,6 +123,25 @@ class KTFLVData : public KTFLVPersist {
   bool seekSegmentByTime(u32 time, SegmentRange* range, int fd, IndexIterator hint);
   bool buildSegment(i64 position, SegmentRange* range, int fd, IndexIterator hint);
   bool insertSegment(const SegmentRange& range, IndexIterator hint);
+
+  // Record path and flush, all under `mutex`
+  struct RecordedMessage {
+    u8 type;  // The low 8 bits of the host's.
+    const u8* data;
+    u32 size;
+    u32 time;
+  };
+  bool writeFileHeader();
+  bool checkCodec(const RecordedMessage& message);
+  void warnOnce(bool* due, const char16_t* format);
+  void noteCodecs(const RecordedMessage& message);
+  void noteMetadata(const RecordedMessage& message);
+  static KTMessagePtr parseMetadata(const RecordedMessage& message);
+  FrameRecord appendStagedTags();
+  bool writeTypeFlags();
+  bool rewriteMetadata();
+  KTMessagePtr updatedMetadata() const;
+  bool updateValue(const KTString& key, bool amf3, KTData* value) const;
 
   KTFiberMutex mutex;
   bool recordOpen = false;
@@ -125,6 +173,25 @@ class KTFLVData : public KTFLVPersist {
   u32 bufferTime =
       0;  // All that fileBuffer holds was read when the file had this modification time, or later.
   IQVStreamContext* context;
+  MediaContextStore mediaContexts;
+
+  // The recording.
+  bool warnH264 = true;  // Until it has been logged.
+  bool warnAAC = true;
+  RecordBuffer recordBuffer;
+  u32 videoCodec = 0;  // Of the first message seen; 0: none yet.
+  u32 audioCodec = 0;
+  bool lastVideoKey = false;
+  KTMessagePtr metadata{nullptr};
+  i64 metadataPosition = -1;  // Of its tag; -1: it has no place in the file.
+  // A flush that wrote its tags and then failed: the file's state before it, and how much of the buffer is
+  // written.
+  struct UnfinishedFlush {
+    bool pending = false;
+    i64 dataEnd = 0;
+    u32 duration = 0;
+    u32 written = 0;
+  } unfinishedFlush;
 };
 
 // The file of a stream, open for reading for as long as this lives.

@@ -21,6 +21,7 @@ bool KTFLVData::scan(int fd) {
     dataEnd = sizeOf(fd);
     readFirstFrame(fd);
     locateEnd(fd);
+    scanHeadRecords(fd);
   } catch (const FileReadException&) {
     return false;
   }
@@ -56,6 +57,12 @@ i64 KTFLVData::getSize() {
 i64 KTFLVData::getEndPosition() {
   const i64 size = getSize();
   return size > firstFrame.position ? size : 0;
+}
+
+KTMessagePtr KTFLVData::getMetaData() {
+  if (getModifiedTime() == scanTime) return metadata;
+  const ReadHandle file(fileService(), narrowPath().c_str());
+  return file.isOpen() && scan(file.fd()) ? metadata : KTMessagePtr(nullptr);
 }
 
 u32 KTFLVData::getDuration() {
