@@ -38,8 +38,8 @@ void describe(const struct stat& from, i64 writes, FileStat* record) {
 
 int DiskHost::open(const char* path, int flags, int mode, int) {
   ++callCount;
-  const int fd =
-      nativeFlags(flags) < 0 ? -1 : ::open(native(path).c_str(), nativeFlags(flags) | O_CLOEXEC, mode);
+  if (refuseOpens || nativeFlags(flags) < 0) return -1;
+  const int fd = ::open(native(path).c_str(), nativeFlags(flags) | O_CLOEXEC, mode);
   if (fd >= 0) ++openDescriptors;
   return fd;
 }

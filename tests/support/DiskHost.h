@@ -14,6 +14,7 @@ class DiskHost final : public TestContext, public IFileService {
   std::atomic<i64> callCount{0};
   std::atomic<i64> bytesRead{0};
   std::atomic<i64> openDescriptors{0};
+  std::atomic<bool> refuseOpens{false};
 
   IFileService* getFileService() override { return this; }
   int open(const char* path, int flags, int mode, int reserved) override;
