@@ -25,6 +25,8 @@ class CommandLine {
     addSegments();
     addSeek();
     addPlay();
+    addRecord();
+    addFollow();
     addDemo();
   }
 
@@ -48,6 +50,8 @@ class CommandLine {
   void addSegments();
   void addSeek();
   void addPlay();
+  void addRecord();
+  void addFollow();
   void addDemo();
 
   CLI::App* addCommand(const char* name, const char* description, const char* example, CommonOptions& common);
@@ -55,12 +59,15 @@ class CommandLine {
   CLI::Option* addTime(CLI::App* command, const char* name, const char* description,
                        std::function<void(u32)> take);
 
-  CLI::App app_{"Plays FLV files through the storage module, as a streaming server does.", "flvhost"};
+  CLI::App app_{"Plays and records FLV files through the storage module, as a streaming server does.",
+                "flvhost"};
   std::function<ExitCode()> chosen_;
   InfoOptions info_;
   SegmentsOptions segments_;
   SeekOptions seek_;
   PlayOptions play_;
+  RecordOptions record_;
+  FollowOptions follow_;
   DemoOptions demo_;
 };
 
@@ -147,6 +154,44 @@ void CommandLine::addPlay() {
     if (play_.from && play_.to && *play_.from >= *play_.to) throw hostFault("--from must lie before --to");
     chosen_ = [this] { return runPlay(play_); };
   });
+}
+
+void CommandLine::addRecord() {
+  CLI::App* const command = addCommand(
+      "record", "Records a live FLV stream from standard input into a file that others can already play.",
+      "ffmpeg -re -i in.mp4 -c:v flv1 -c:a libmp3lame -ar 44100 -f flv - | flvhost record live.flv",
+      record_.common);
+  command->add_option("FILE", record_.file, "The FLV file to record into")->required();
+  addTime(command, "--flush-every", "Write what has come to the file each so often; 1s if not given",
+          [this](u32 time) { record_.flushEvery = time; });
+  command->add_option("--backup", record_.backup, "Keep a second file, equal to FILE after each flush")
+      ->type_name("COPY");
+  CLI::Option* const append = command->add_flag_callback(
+      "--append", [this] { record_.onto = Onto::append; },
+      "Go on behind what FILE holds; times are recorded as they come");
+  command
+      ->add_flag_callback(
+          "--overwrite", [this] { record_.onto = Onto::overwrite; },
+          "Erase FILE first, once the stream has begun")
+      ->excludes(append);
+  command->add_flag("--reserve-metadata", record_.reserveMetadata,
+                    "Add to the stream's onMetaData what each flush brings up to date: duration, codecs, "
+                    "canSeekToEnd; make one if the stream has none");
+  command->callback([this] { chosen_ = [this] { return runRecord(record_); }; });
+}
+
+void CommandLine::addFollow() {
+  CLI::App* const command =
+      addCommand("follow", "Plays a file that is being recorded, and goes on as it grows, until Ctrl-C.",
+                 "flvhost follow live.flv -o - | ffplay -", follow_.common);
+  command->add_option("FILE", follow_.file, "An FLV file")->required();
+  command->add_option("-o,--output", follow_.output, "A new FLV file; - for standard output")
+      ->type_name("OUT");
+  command->add_flag_callback(
+      "--force", [this] { follow_.existing = Existing::replace; }, "Replace OUT if it exists");
+  addTime(command, "--until-idle", "Stop once the file hasn't grown for this long",
+          [this](u32 time) { follow_.untilIdle = time; });
+  command->callback([this] { chosen_ = [this] { return runFollow(follow_); }; });
 }
 
 void CommandLine::addDemo() {

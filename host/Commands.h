@@ -8,6 +8,7 @@
 
 #include "Failure.h"
 #include "OutputFile.h"
+#include "RecordTarget.h"
 #include "Session.h"
 
 namespace orv::host {
@@ -43,6 +44,23 @@ struct PlayOptions {
   bool verify = false;
 };
 
+struct RecordOptions {
+  CommonOptions common;
+  std::string file;
+  std::string backup;  // Empty: none.
+  Onto onto = Onto::newFile;
+  u32 flushEvery = 1000;
+  bool reserveMetadata = false;
+};
+
+struct FollowOptions {
+  CommonOptions common;
+  std::string file;
+  std::string output;  // Empty: tell what was delivered.
+  Existing existing = Existing::refuse;
+  std::optional<u32> untilIdle;
+};
+
 struct DemoOptions {
   CommonOptions common;
   std::string file;
@@ -53,6 +71,8 @@ ExitCode runInfo(const InfoOptions& options);
 ExitCode runSegments(const SegmentsOptions& options);
 ExitCode runSeek(const SeekOptions& options);
 ExitCode runPlay(const PlayOptions& options);
+ExitCode runRecord(const RecordOptions& options);
+ExitCode runFollow(const FollowOptions& options);
 ExitCode runDemo(const DemoOptions& options);
 
 }  // namespace orv::host

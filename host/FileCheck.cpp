@@ -32,22 +32,6 @@ std::string printable(const std::vector<u8>& bytes) {
   return text;
 }
 
-std::string explainHeader(const std::vector<u8>& head) {
-  if (head.empty()) return "is empty (0 bytes)";
-  if (std::memcmp(head.data(), "FLV", std::min<std::size_t>(head.size(), 3)) != 0) {
-    return fmt::format(
-        "isn't an FLV file: it starts with \"{}\"",
-        printable({head.begin(), head.begin() + std::min<long>(4, static_cast<long>(head.size()))}));
-  }
-  if (head.size() > 3 && head[3] != kVersion) {
-    return fmt::format("has FLV version {}; only version 1 can be played", head[3]);
-  }
-  if (head.size() < flv::kFileHeaderSize) {
-    return fmt::format("ends inside its header, after {} bytes", head.size());
-  }
-  return {};
-}
-
 std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) {
   if (headerSize < flv::kFileHeaderSize || headerSize > size) {
     return fmt::format("has a header that claims {} bytes, in a file of {}", headerSize, size);
@@ -69,6 +53,22 @@ std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) 
 }
 
 }  // namespace
+
+std::string explainHeader(const std::vector<u8>& head) {
+  if (head.empty()) return "is empty (0 bytes)";
+  if (std::memcmp(head.data(), "FLV", std::min<std::size_t>(head.size(), 3)) != 0) {
+    return fmt::format(
+        "isn't an FLV file: it starts with \"{}\"",
+        printable({head.begin(), head.begin() + std::min<long>(4, static_cast<long>(head.size()))}));
+  }
+  if (head.size() > 3 && head[3] != kVersion) {
+    return fmt::format("has FLV version {}; only version 1 can be played", head[3]);
+  }
+  if (head.size() < flv::kFileHeaderSize) {
+    return fmt::format("ends inside its header, after {} bytes", head.size());
+  }
+  return {};
+}
 
 FileIdentity checkReadable(const std::string& name) {
   const ReadOnlyFile file(name);

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "platform/Types.h"
 
@@ -21,6 +22,9 @@ struct FileIdentity {
 // Throws Failure with the system's reason if `file` can't be read, or isn't a regular file: the module reads
 // at positions, which a pipe doesn't have.
 FileIdentity checkReadable(const std::string& file);
+
+// What is wrong with the first bytes of a file, as far as they were read; empty if they are an FLV header.
+std::string explainHeader(const std::vector<u8>& head);
 
 // Why the module refused `file`, in a few words, from the bytes at its front. Never empty.
 std::string explainRefusal(const std::string& file);

@@ -8,8 +8,6 @@ namespace {
 
 constexpr const char* kOther = "other";
 constexpr u8 kFrameKey = 1;
-constexpr u8 kCodecAvc = 7;
-constexpr u8 kCodecAac = 10;
 constexpr u8 kPacketSetup = 0;  // Second byte of an AVC or AAC tag.
 
 const char* videoCodec(u8 id) {

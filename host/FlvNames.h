@@ -12,6 +12,10 @@ namespace orv::host {
 inline constexpr u8 kFlagAudio = 4;
 inline constexpr u8 kFlagVideo = 1;
 
+// Codecs that the module plays, and doesn't record.
+inline constexpr u8 kCodecAvc = 7;   // Low half of a video tag's first byte.
+inline constexpr u8 kCodecAac = 10;  // High half of an audio tag's.
+
 const char* tagTypeName(u8 type);  // "audio", "video", "data", ...
 bool isKnownType(u8 type);
 std::string codecText(const Tag& tag);  // "MP3, 44.1 kHz, stereo, 16 bit"; "" for other than media

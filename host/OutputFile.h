@@ -25,12 +25,13 @@ class OutputFile {
   bool isFile() const { return isFile_; }
   void write(const void* data, std::size_t size);
   void patch(i64 position, u8 byte);  // For a file alone.
+  void flush();                       // What is buffered goes out.
+  int fd() const { return fd_; }      // To wait for its reader.
   // To be called at the end: what is buffered goes out, and a late error of the disk shows.
   void close();
 
  private:
   int openNew(Existing existing, const FileIdentity& input);
-  void flush();
   void writeOut(const u8* data, std::size_t size);
   [[noreturn]] void fail(int error) const;
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "Console.h"
@@ -13,6 +14,7 @@ namespace orv::host {
 namespace {
 
 constexpr u32 kOpenForPlaying = 0;
+constexpr u32 kOpenForRecording = 1;
 
 void tellWriteFault(const WriteFault& fault) {
   tell(fmt::format("{}: only {} of {} bytes written at position {}: {}", fault.path, fault.written,
@@ -57,21 +59,38 @@ void Stream::requirePlayable() const {
 
 Session::Session(const CommonOptions& options)
     : stats_(options.stats),
-      files_(tellWriteFault),
+      files_([this](const WriteFault& fault) {
+        ++writeFaults_;
+        tellWriteFault(fault);
+      }),
       context_(options.settings, files_, tell),
       module_(findModule(options.module), context_) {}
 
-Stream Session::open(const std::string& file) {
-  const FileIdentity identity = checkReadable(file);
+// Null if the module refuses.
+void* Session::open(const std::string& file, u32 mode, IBackupConn* mirror) {
   const std::string path = toModulePath(file);
   context_.nameFile(moduleFileName(path), file);
   const FileCalls before = calls();
   void* handle = nullptr;
-  const StreamLoadStatus status = module_.adaptor().open(path.c_str(), kOpenForPlaying, nullptr, handle);
+  module_.adaptor().open(path.c_str(), mode, mirror, handle);
   openingCalls_ += calls().total() - before.total();
   openingBytes_ += calls().bytesRead - before.bytesRead;
-  if (status != StreamLoadOk) throw fileFault(file + ": " + explainRefusal(file));
+  return handle;
+}
+
+Stream Session::open(const std::string& file) {
+  const FileIdentity identity = checkReadable(file);
+  void* const handle = open(file, kOpenForPlaying, nullptr);
+  if (!handle) throw fileFault(file + ": " + explainRefusal(file));
   return Stream(module_.adaptor(), handle, file, identity);
+}
+
+RecordStream Session::openForRecording(const std::string& file, IBackupConn* mirror) {
+  errno = 0;
+  void* const handle = open(file, kOpenForRecording, mirror);
+  if (handle) return RecordStream(module_.adaptor(), handle);
+  if (const int error = errno) throw hostFault(file + ": " + std::strerror(error));
+  throw fileFault(file + ": " + explainRefusal(file));
 }
 
 void Session::reportStats() const {
@@ -81,6 +100,7 @@ void Session::reportStats() const {
   tell(fmt::format(
       "in all: {} host calls (open {}, close {}, read {}, write {}, fstat {}, stat {}), {} bytes read",
       c.total(), c.open, c.close, c.read, c.write, c.fstat, c.stat, c.bytesRead));
+  if (c.write > 0) tell(fmt::format("written: {} bytes", c.bytesWritten));
 }
 
 }  // namespace orv::host

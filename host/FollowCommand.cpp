@@ -1,0 +1,119 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+
+#include "Commands.h"
+#include "Console.h"
+#include "FlvWriter.h"
+#include "Follower.h"
+#include "PlayOut.h"
+#include "StopSignals.h"
+#include "TimeText.h"
+
+namespace orv::host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How often the file is looked at: one call to the system while it rests.
+constexpr auto kLookEvery = std::chrono::milliseconds(100);
+
+// An aggregate's tags may be overtaken by one of time 0; what is played keeps the file's order.
+CommonOptions moduleOptions(const FollowOptions& options) {
+  CommonOptions common = options.common;
+  common.settings.setDefault("EnableAggMsgs", "false");
+  return common;
+}
+
+class FollowRun {
+ public:
+  explicit FollowRun(const FollowOptions& options)
+      : options_(options),
+        session_(moduleOptions(options)),
+        stream_(session_.open(options.file)),
+        follower_(stream_) {
+    if (!options.output.empty()) out_.emplace(options.output, options.existing, stream_.identity());
+    if (out_) writer_.emplace(*out_);
+  }
+
+  ExitCode run();
+
+ private:
+  void begin();
+  bool playNew();
+  void play(const Tag& tag);
+  bool isIdle(Clock::time_point lastGrowth) const;
+  void showProgress();
+  ExitCode conclude();
+
+  const FollowOptions& options_;
+  Session session_;
+  Stream stream_;
+  Follower follower_;
+  std::optional<OutputFile> out_;
+  std::optional<FlvWriter> writer_;
+  bool hasBegun_ = false;
+  Progress progress_;
+};
+
+ExitCode FollowRun::run() {
+  const StopSignals signals;
+  Clock::time_point lastGrowth = Clock::now();
+  for (StopSignals::Wake wake; !wake.stop && !wake.ready && !isIdle(lastGrowth);) {
+    if (playNew()) lastGrowth = Clock::now();
+    if (follower_.isGone()) break;
+    wake = signals.waitForReaderGone(out_ ? out_->fd() : -1, kLookEvery);
+  }
+  return conclude();
+}
+
+bool FollowRun::isIdle(Clock::time_point lastGrowth) const {
+  return options_.untilIdle && Clock::now() - lastGrowth >= std::chrono::milliseconds(*options_.untilIdle);
+}
+
+// The header's flags can be told as soon as there are tags.
+void FollowRun::begin() {
+  hasBegun_ = true;
+  if (!writer_) return;
+  writer_->header(expectedFlags(stream_));
+  stream_.headRecords([this](const HeadRecord& record) {
+    if (record.trackId != kTrackControl) writer_->tag(record.tag);
+  });
+}
+
+bool FollowRun::playNew() {
+  if (!follower_.hasGrown()) return false;
+  if (!hasBegun_) begin();
+  follower_.load([this](const Tag& tag) {
+    if (writer_) writer_->tag(tag);
+    showProgress();
+  });
+  if (out_) out_->flush();
+  return true;
+}
+
+void FollowRun::showProgress() {
+  if (!progress_.isDue()) return;
+  progress_.show(fmt::format("{}  {} tags", timeText(follower_.tally().lastTime), follower_.tally().tags));
+}
+
+ExitCode FollowRun::conclude() {
+  if (!hasBegun_) begin();
+  if (writer_) writer_->finish();
+  const FollowTally& tally = follower_.tally();
+  tell(fmt::format("{}: {} tags, {} bytes of data, {} to {}", stream_.name(), tally.tags, tally.bytes,
+                   timeText(tally.firstTime), timeText(tally.lastTime)));
+  session_.reportStats();
+  return follower_.isGone() || tally.damaged > 0 ? ExitCode::fileFault : ExitCode::good;
+}
+
+}  // namespace
+
+ExitCode runFollow(const FollowOptions& options) {
+  return FollowRun(options).run();
+}
+
+}  // namespace orv::host
