@@ -82,18 +82,18 @@ KTWideString toForwardSlashes(const KTWideString& path) {
 
 bool join(const KTWideString& base, const KTWideString& relative, KTWideString* out, bool allowAbsolute,
           bool allowDotDot) {
-  const KTWideString tail(relative);
-  const bool absolute = isAbsolute(tail);
+  const bool absolute = isAbsolute(relative);
   if (absolute && allowAbsolute) {
-    *out = tail;
+    *out = relative;
     return true;
   }
-  *out = base;
-  if (!out->empty() && !endsInSeparator(*out)) *out += kSeparator;
-  if (!allowDotDot && leavesItsDirectory(tail.view())) return false;
-  if (absolute) return false;
-  if (!tail.empty()) *out = toBackslashes(*out + tail.substring(isSeparator(tail[0]) ? 1 : 0));
-  return true;
+  KTWideString joined(base);
+  if (!joined.empty() && !endsInSeparator(joined)) joined += kSeparator;
+  const bool good = !absolute && (allowDotDot || !leavesItsDirectory(relative.view()));
+  if (good && !relative.empty())
+    joined = toBackslashes(joined + relative.substring(isSeparator(relative[0]) ? 1 : 0));
+  *out = joined;
+  return good;
 }
 
 KTWideString safeFileName(const KTWideString& text) {

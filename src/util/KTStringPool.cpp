@@ -82,22 +82,22 @@ KTStringPool::KTStringPool() : poolLimit_(limitFromEnvironment()) {
   narrow_ = narrow.release();
 }
 
-template <>
-KTStringShelf<char>& KTStringPool::shelf() {
-  return *narrow_;
-}
-
-template <>
-KTStringShelf<char16_t>& KTStringPool::shelf() {
-  return *wide_;
+template <class Char>
+KTStringShelf<Char>* KTStringPool::shelfFor(i32 length) {
+  if (length <= 0 || length > poolLimit_) return nullptr;
+  if constexpr (sizeof(Char) == sizeof(char)) {
+    return narrow_;
+  } else {
+    return wide_;
+  }
 }
 
 template <class Char>
 Char* KTStringPool::create(const Char* text, i64 length) {
   const i32 count = measure(text, length);
   if (count == 0) return empty<Char>();
-  KTStringPool& pool = instance();
-  if (count <= pool.poolLimit_) return pool.shelf<Char>().take({text, static_cast<std::size_t>(count)});
+  if (auto* const shelf = instance().shelfFor<Char>(count))
+    return shelf->take({text, static_cast<std::size_t>(count)});
   Char* const block = newPrivate<Char>(count);
   copyText(block, text, count);
   return block;
@@ -109,7 +109,8 @@ void KTStringPool::release(Char* block) {
     case kPrivate:
       return orv::util::hidden::deleteTextBlock(block);
     case kPooled:
-      return instance().shelf<Char>().drop(block);
+      if (auto* const shelf = instance().shelfFor<Char>(length(block))) shelf->drop(block);
+      return;
     case kEmpty:
       return;
   }
@@ -178,15 +179,15 @@ Char* KTStringPool::join(std::basic_string_view<Char> first, std::basic_string_v
 
 i64 KTStringPool::sweep() {
   i64 freed = 0;
-  if (sweeping_.increment() == 1 && poolLimit_ > 0) freed = narrow_->sweep() + wide_->sweep();
+  if (sweeping_.increment() == 1 && narrow_ && wide_) freed = narrow_->sweep() + wide_->sweep();
   sweeping_.decrement();
   return freed;
 }
 
 template <class Char>
 KTStringPoolCounts KTStringPool::counts(i32 length) {
-  if (length <= 0 || length > poolLimit_) return {};
-  return shelf<Char>().counts(length);
+  auto* const shelf = shelfFor<Char>(length);
+  return shelf ? shelf->counts(length) : KTStringPoolCounts{};
 }
 
 // Only two widths of text exist.

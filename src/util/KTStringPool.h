@@ -80,8 +80,9 @@ class KTStringPool {
   KTStringPool();
   ~KTStringPool() = delete;
 
+  // Null when texts of this length are not pooled.
   template <class Char>
-  KTStringShelf<Char>& shelf();
+  KTStringShelf<Char>* shelfFor(i32 length);
 
   i32 poolLimit_ = 0;
   KTStringShelf<char>* narrow_ = nullptr;  // Both set once, when the limit is above 0.

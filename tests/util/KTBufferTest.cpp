@@ -7,27 +7,9 @@
 #include <vector>
 
 #include "util/KTThrowable.h"
+#include "util/Witness.h"
 
 namespace {
-
-// Notes the calls that reach it.
-class Witness : public KTObject {
- public:
-  Witness(std::string name, std::string& log) : name_(std::move(name)), log_(log) {}
-  ~Witness() override { log_ += "~" + name_ + " "; }
-  i32 addRef() override {
-    log_ += "+" + name_ + " ";
-    return KTObject::addRef();
-  }
-  i32 release() override {
-    log_ += "-" + name_ + " ";
-    return KTObject::release();
-  }
-
- private:
-  std::string name_;
-  std::string& log_;
-};
 
 TEST(KTPtr, callsOnlyWhenOwnershipChanges) {
   std::string log;
@@ -43,9 +25,10 @@ TEST(KTPtr, callsOnlyWhenOwnershipChanges) {
     EXPECT_EQ("-a ~a +b ", log);  // The old one goes first.
     EXPECT_EQ(2, b->getRefCount());
     a = nullptr;
-    const KTPtr<Witness> copy(b);
+    KTPtr<Witness> copy(b);
     EXPECT_EQ("-a ~a +b -b +b ", log);
     log.clear();
+    copy = nullptr;
   }
   EXPECT_EQ("-b -b ~b ", log);
 }
@@ -65,12 +48,14 @@ TEST(KTObject, releaseGivesZeroWhenItDestroys) {
 TEST(KTPtr, countsHoldUnderContention) {
   std::string log;
   const KTPtr<KTMemory> shared(new KTMemory(8, nullptr));
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([shared] {
+  std::vector<std::thread> threads(4);
+  for (std::thread& thread : threads) {
+    thread = std::thread([shared] {
+      KTPtr<KTMemory> mine;
       for (int i = 0; i < 20000; ++i) {
-        const KTPtr<KTMemory> mine(shared);
+        mine = shared;
         mine->length.increment();
+        mine = nullptr;
       }
     });
   }

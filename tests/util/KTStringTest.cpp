@@ -53,9 +53,11 @@ TEST(KTString, appendingKeepsTheBlockUntilItsRoomEnds) {
 
 TEST(KTString, copiesAreDuplicatesAndCompareByText) {
   const KTString text("abc\0d", 5);
-  const KTString copy(text);
+  KTString copy(text);
   EXPECT_NE(text.c_str(), copy.c_str());
   EXPECT_TRUE(text == copy && !(text != copy) && text != "abc" && text != KTString("abc\0e", 5));
+  copy += "x";
+  EXPECT_EQ(5, text.length());
   KTString target("something else");
   const char* const place = target.c_str();
   target = text;
