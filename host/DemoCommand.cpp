@@ -32,12 +32,18 @@ bool showSegments(Stream& stream) {
 }
 
 // Halfway between the file's first time and its last.
-bool showSeek(Session& session, Stream& stream) {
+u32 middleOf(Stream& stream) {
   const auto first = stream.segmentAtPosition(0);
   const u32 start = first ? first->startTime : 0;
   const u32 end = std::max(stream.duration(), start);
+  return start + (end - start) / 2;
+}
+
+// In a stream of its own, which knows no segment yet.
+bool showSeek(Session& session, const std::string& file, u32 time) {
+  Stream stream = session.open(file);
   try {
-    const SeekAnswer answer = seek(session, stream, start + (end - start) / 2);
+    const SeekAnswer answer = seek(session, stream, time);
     print("seek to the middle\n" + seekText(answer));
     return answer.isWhole;
   } catch (const Failure& failure) {
@@ -61,7 +67,7 @@ ExitCode runDemo(const DemoOptions& options) {
   print(summaryText(summarize(stream, Depth::front)));
   stream.requirePlayable();
   const bool segmentsGood = showSegments(stream);
-  const bool seekGood = showSeek(session, stream);
+  const bool seekGood = showSeek(session, options.file, middleOf(stream));
   const bool playGood = showPlayOut(stream);
   flushOutput();
   session.reportStats();

@@ -67,8 +67,8 @@ std::string verdictText(const TagVerifier& verifier) {
   if (verifier.faults() > 0) return fmt::format("{} faults; {}", verifier.faults(), verifier.firstFault());
   std::string text =
       fmt::format("{} tags, {} bytes of the file: each one equal", verifier.tags(), verifier.bytes());
-  if (verifier.headRecords()) text += fmt::format("; {} head records kept aside", verifier.headRecords());
-  if (verifier.droppedFrames()) text += fmt::format("; {} empty frames left out", verifier.droppedFrames());
+  if (verifier.headRecords()) text += fmt::format("; head records kept aside: {}", verifier.headRecords());
+  if (verifier.droppedFrames()) text += fmt::format("; empty frames left out: {}", verifier.droppedFrames());
   return text;
 }
 

@@ -87,7 +87,7 @@ PlayTally Player::run() {
   tally_.isComplete = walk.gaps().empty();
   walk.tellGaps();
   if (tally_.unknownTags > 0) {
-    tell(fmt::format("{}: {} tags of no known type left out", stream_.name(), tally_.unknownTags));
+    tell(fmt::format("{}: tags of no known type left out: {}", stream_.name(), tally_.unknownTags));
   }
   if (verifier_ && startsAtFront() && walk.isComplete()) verifier_->endFile();
   return tally_;
