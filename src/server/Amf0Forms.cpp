@@ -30,6 +30,7 @@ u8 KTCSerializer::readMember(KTData& value, std::string_view* key) {
     readForm(marker, value);
     return failed() ? u8{KTData::ObjectEnd} : marker;
   } catch (const KTOutOfMemory&) {
+    giveUp();  // Where the next value starts is unknown.
     return KTData::ObjectEnd;
   }
 }
@@ -265,7 +266,7 @@ void KTCSerializer::writeContent(u8 marker, const KTDataArray& array) {
 
 // In the place of what can't be said.
 u8 KTCSerializer::writeRefused() {
-  setFailed();
+  giveUp();
   writeU8(KTData::Undefined);
   return KTData::Undefined;
 }

@@ -132,7 +132,7 @@ void KTCSerializer::writeAmf3(const KTData& value) {
 
 // In the place of what can't be said.
 void KTCSerializer::writeAmf3Refused() {
-  setFailed();
+  giveUp();
   writeU8(amf3::kUndefined);
 }
 

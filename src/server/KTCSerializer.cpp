@@ -94,23 +94,22 @@ bool KTCSerializer::isOpen(const KTDataArray* array) const {
 }
 
 void KTCSerializer::enter(KTDataArray& array, std::string_view key, KTData&& value) {
-  if (!charge(array.growthCost(key))) return;
-  noteReference(array, value);
-  array.append(key, std::move(value));
+  if (charge(array.growthCost(key)) && noteReference(array, value)) array.append(key, std::move(value));
 }
 
 void KTCSerializer::enterElement(KTDataArray& array, KTData&& value) {
-  if (!charge(array.elementGrowthCost())) return;
-  noteReference(array, value);
-  array.appendElement(std::move(value));
+  if (charge(array.elementGrowthCost()) && noteReference(array, value)) array.appendElement(std::move(value));
 }
 
-// Remembers a value that is about to be entered if it closes a cycle. What is entered nowhere else can't: an
-// array that isn't open was complete before any array around the value was begun.
-void KTCSerializer::noteReference(KTDataArray& holder, const KTData& value) {
+// Remembers a value that is about to be entered if it closes a cycle, which only a reference to an open array
+// does: any other was complete before the arrays around the value were begun. False if memory to remember it
+// isn't granted.
+bool KTCSerializer::noteReference(KTDataArray& holder, const KTData& value) {
   KTDataArray* const target = value.asArray();
-  if (!target || !isOpen(target) || !charge(2 * sizeof(BackReference))) return;
+  if (!target || !isOpen(target)) return true;
+  if (!charge(2 * sizeof(BackReference))) return false;
   backReferences_.push_back({&holder, holder.size(), target});
+  return true;
 }
 
 void KTCSerializer::cutBackReferences() {

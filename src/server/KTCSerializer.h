@@ -3,7 +3,7 @@
 // One object is a reader or a writer, lives on the stack of one operation, and keeps its reference tables for
 // all the values of one message. AMF0 marker 17 switches to AMF3 for one value, and both share the tables.
 //
-// A reader's failures are those of KTParser, and going past a limit (server/AmfLimits.h) is one of them. An
+// A reader's failures are those of KTParser; going past a limit (server/AmfLimits.h) is one of them. An
 // AMF0 marker that doesn't exist throws KTBreakConnection whatever the policy. After a soft failure
 // - a value whose marker is missing stays Undefined;
 // - a plain value that was cut has its type, with 0 or the empty text;
@@ -119,7 +119,7 @@ class KTCSerializer : public KTParser {
   bool isOpen(const KTDataArray* array) const;
   void enter(KTDataArray& array, std::string_view key, KTData&& value);
   void enterElement(KTDataArray& array, KTData&& value);
-  void noteReference(KTDataArray& holder, const KTData& value);
+  bool noteReference(KTDataArray& holder, const KTData& value);
   void cutBackReferences();
   // A plain value in which the failure came.
   bool wasCut(const KTData& value) const { return failed() && !KTData::isArray(value.type()); }

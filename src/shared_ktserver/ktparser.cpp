@@ -32,8 +32,7 @@ void KTParser::limitTo(u32 length) {
 
 void KTParser::fail() {
   if (throwOnError_) throw KTBreakConnection();
-  failed_ = true;
-  if (!writing_) position_ = limit_;
+  giveUp();
 }
 
 std::unique_ptr<char[]> KTParser::readString(TextKind kind) {

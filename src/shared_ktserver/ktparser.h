@@ -79,8 +79,11 @@ class KTParser {
 
   // The one place for every short read and bad length.
   void fail();
-  // Marks the object as failed and does no more.
-  void setFailed() { failed_ = true; }
+  // Goes sticky without throwing: no more is read. What a writer wrote stays.
+  void giveUp() {
+    failed_ = true;
+    if (!writing_) position_ = limit_;
+  }
   void limitTo(u32 length);
   // Takes back what was written since `position`.
   void rewind(i32 position) { position_ = position; }

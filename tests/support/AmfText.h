@@ -3,11 +3,11 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "server/KTData.h"
+#include "support/FileImage.h"
 
-using Bytes = std::vector<u8>;
+namespace orv::test {
 
 // "02 0005 'hello'": pairs of hexadecimal digits and quoted text, blanks where they please. A number in
 // parentheses repeats the byte in front of it, or the quoted character: "00(8)", "'a'(65536)".
@@ -23,3 +23,5 @@ inline std::string hexOf(const Bytes& bytes) {
 // array's type in brackets, Xml#7"..." with a subtype that isn't 6, Memory<0102>, Int64(5), Date(5, 60). An
 // array inside itself shows as ^ and the number of levels up.
 std::string describe(const KTData& value);
+
+}  // namespace orv::test

@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "AmfText.h"
 #include "server/KTCSerializer.h"
+#include "support/AmfText.h"
 
+namespace orv::test {
 namespace {
 
 struct Form {
@@ -143,3 +144,4 @@ TEST(AmfForms, amf3) {
 }
 
 }  // namespace
+}  // namespace orv::test

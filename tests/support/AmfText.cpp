@@ -1,4 +1,4 @@
-#include "AmfText.h"
+#include "support/AmfText.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -6,6 +6,7 @@
 
 #include "server/KTDataArray.h"
 
+namespace orv::test {
 namespace {
 
 using Path = std::vector<const KTDataArray*>;
@@ -19,7 +20,7 @@ void printArray(std::ostream& out, const KTDataArray& array, Path& path) {
     return;
   }
   path.push_back(&array);
-  orv::KeyList::Digits digits;
+  KeyList::Digits digits;
   out << '[' << array.type() << "]{";
   for (u32 i = 0; i < array.size(); ++i) {
     out << (i ? ", " : "") << array.keyText(i, digits) << ": ";
@@ -100,3 +101,5 @@ std::string describe(const KTData& value) {
   print(out, value, path);
   return out.str();
 }
+
+}  // namespace orv::test

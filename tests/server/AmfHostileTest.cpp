@@ -1,0 +1,300 @@
+// What the reader makes of bytes that lie, stop short, nest without end or refer to themselves; and what the
+// writer makes of values that do.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "server/KTCommand.h"
+#include "support/AmfText.h"
+#include "support/HeapWatch.h"
+#include "util/KTThrowable.h"
+
+namespace orv::test {
+namespace {
+
+constexpr u8 kAmf0Data = 18;
+constexpr std::size_t kMiB = 1 << 20;
+
+Bytes repeated(const char* head, const char* unit, std::size_t count) {
+  Bytes bytes = bytesOf(head);
+  const Bytes more = bytesOf(unit);
+  for (std::size_t i = 0; i < count; ++i) bytes.insert(bytes.end(), more.begin(), more.end());
+  return bytes;
+}
+
+KTCSerializer readerOf(const Bytes& bytes, bool throwing = false) {
+  return {bytes.data(), static_cast<u32>(bytes.size()), throwing};
+}
+
+// What a value holds in which the bytes end.
+TEST(AmfFailure, leavesWhatWasReadWhole) {
+  const struct {
+    const char* name;
+    const char* bytes;
+    const char* value;
+  } kRows[] = {
+      {"no marker", "", "Undefined"},
+      {"number", "00 3FF8", "0"},
+      {"boolean", "01", "false"},
+      {"string", "02 0005 'hell'", "\"\""},
+      {"date", "0B 4059000000000000 00", "Date(100, 0)"},
+      {"xml", "0F 00000005 '<a/>'", "Xml\"\""},
+      {"memory", "20 00000004 010203", "Memory<none>"},
+      {"64-bit integer", "22 00", "Int64(0)"},
+      {"class name", "10 0004 'cls'", "Undefined"},
+      {"count above the bytes left", "0A 00000003 05 05", "Undefined"},
+      {"member without a value", "03 0001'a' 05 0001'b'", "Object[3]{a: Null}"},
+      {"member with a cut value", "03 0001'a' 05 0001'b' 00 00", "Object[3]{a: Null}"},
+      {"no end", "08 00000000 0001'a' 05", "EcmaArray[8]{a: Null}"},
+      {"cut inner container", "03 0001'a' 05 0001'b' 03 0001'c' 05 0001'd' 02 00",
+       "Object[3]{a: Null, b: Object[3]{c: Null}}"},
+      {"cut element", "0A 00000003 05 02 0001", "EcmaArray[6]{0: Null}"},
+      {"AMF3 integer", "11 04 80", "0#4"},
+      {"AMF3 string", "11 06 07'ab'", "\"\""},
+      {"AMF3 string past the table", "11 06 00", "\"\""},
+      {"AMF3 xml", "11 0B 07'ab'", "Xml#11\"\""},
+      {"AMF3 date", "11 08 01 4059", "Date#8(0, 0)"},
+      {"AMF3 bytes", "11 0C 07 0102", "Memory#12<none>"},
+      {"AMF3 reference past the table", "11 09 00", "Undefined"},
+      {"AMF3 count above the bytes left", "11 09 07 01 01", "Undefined"},
+      {"AMF3 cut dense part", "11 09 07 03'a' 01 01 01 04 05 06 07",
+       "EcmaArray#9[9]{0: Null#1, 1: 5#4, a: Null#1}"},
+      {"AMF3 externalizable class", "11 0A 07 07'cls'", "Undefined"},
+      {"AMF3 reference to no class", "11 0A 01", "Amf3#10[10]{}"},
+      {"AMF3 cut sealed member", "11 0A 23 01 03'a' 03'b' 01 05 00",
+       "Amf3#10[10]{constructor: \"\", a: Null#1}"},
+      {"AMF3 more members than bytes", "11 0A 43 01 03'a'", "Undefined"},
+      {"AMF3 vector of 2^28 - 1", "11 0D FFFFFFFF 00 00000001", "Undefined"},
+      {"AMF3 dictionary of more than there is", "11 11 07 00 01 01 01 01", "Undefined"},
+      {"AMF3 cut vector of objects", "11 10 07 00 01 01 09 01 03'a' 01",
+       "Amf3#16[6]{size: 3, fixed: false, closure: \"\", value: Null#1, value: EcmaArray#9[9]{a: Null#1}}"},
+      {"AMF3 cut dictionary pair", "11 11 05 00 01 01 04 05 06 07",
+       "Amf3#17[6]{size: 2, weak: false, key: Null#1, value: Null#1}"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.name);
+    const Bytes bytes = bytesOf(row.bytes);
+    KTCSerializer reader = readerOf(bytes);
+    KTData value;
+    reader.readValue(value);
+    EXPECT_TRUE(reader.failed());
+    EXPECT_EQ(reader.position(), reader.limit());
+    EXPECT_EQ(describe(value), row.value);
+    KTCSerializer strict = readerOf(bytes, true);
+    EXPECT_THROW(strict.readValue(value), KTBreakConnection);
+  }
+}
+
+TEST(AmfFailure, anUnknownAmf0MarkerAlwaysThrows) {
+  for (int marker = 0; marker < 256; ++marker) {
+    const Bytes bytes(64, static_cast<u8>(marker));
+    const bool known = marker <= 13 || (marker >= 15 && marker <= 17) || marker == 32 || marker == 34;
+    KTCSerializer reader = readerOf(bytes);
+    KTData value;
+    if (known)
+      EXPECT_NO_THROW(reader.readValue(value)) << marker;
+    else
+      EXPECT_THROW(reader.readValue(value), KTBreakConnection) << marker;
+  }
+}
+
+struct Hostile {
+  const char* name;
+  const char* head;
+  const char* unit;
+};
+const Hostile kHostile[] = {
+    {"nested objects", "", "03 0001'a'"},
+    {"nested strict arrays", "", "0A 00000001"},
+    {"nested associative arrays", "", "08 FFFFFFFF 0000"},
+    {"nested typed objects", "", "10 0000 0000"},
+    {"nested AMF3 arrays", "11", "09 03 01"},
+    {"nested AMF3 named arrays", "11", "09 01 03'a'"},
+    {"nested AMF3 objects", "11", "0A 0B 01 03'a'"},
+    {"nested AMF3 vectors", "11", "10 03 00 01"},
+    {"nested AMF3 dictionaries", "11", "11 03 00"},
+    {"arguments of one byte", "", "05"},
+    {"nulls in a strict array", "0A 000F0000", "05"},
+    {"empty objects in a strict array", "0A 00030000", "03 000009"},
+    {"empty texts", "0A 00050000", "02 0000"},
+    {"short texts", "0A 00030000", "02 0001'a'"},
+    {"objects with empty keys", "03", "0000 05"},
+    {"strict arrays that claim all that is left", "0A 00020000", "0A 00080000"},
+    {"AMF3 integers", "11 09 FFFF01 01", "04 05"},
+    {"AMF3 empty arrays", "11 09 FFFF01 01", "09 01 01"},
+    {"AMF3 objects of one class", "11 09 FFFF01 01 0A 03 01", "0A 01"},
+    {"AMF3 empty texts of XML", "11 09 FFFF01 01", "07 01"},
+    {"AMF3 empty byte arrays", "11 09 FFFF01 01", "0C 01"},
+    {"AMF3 dates", "11 09 FFFF01 01", "08 01 00(8)"},
+    {"AMF3 vectors", "11 09 FFFF01 01", "0D 01 00"},
+    {"AMF3 classes", "11 09 FFFF01 01", "0A 03 01"},
+    {"a long AMF3 text over and over", "11 09 FFFF01 01 06 9F8101 'x'(10000)", "06 00"},
+    {"long AMF3 keys over and over", "11 09 01 9F8101 'x'(10000) 01", "00 01"},
+    {"a long AMF3 XML over and over", "11 09 FFFF01 01 07 9F8101 'x'(10000)", "07 02"},
+    {"a class of long names over and over", "11 09 FFFF01 01 0A 23 9F8101 'x'(10000) 00 00 01 01",
+     "0A 01 01 01"},
+    {"references to the array around", "03", "0000 07 0000"},
+    {"references to a brother", "0A 000F0000 03 000009", "07 0001"},
+};
+
+// 1 MiB of each costs at most 20 MiB of heap at a time, and not much more in all, copies included, and leaves
+// nothing.
+TEST(AmfHostile, memoryAndWorkAreBoundedByTheLength) {
+  for (const Hostile& row : kHostile) {
+    SCOPED_TRACE(row.name);
+    const std::size_t unit = bytesOf(row.unit).size();
+    const Bytes bytes = repeated(row.head, row.unit, (kMiB - bytesOf(row.head).size()) / unit);
+    ASSERT_LE(bytes.size(), kMiB);
+    const HeapWatch heap;
+    {
+      const KTCommand command(kAmf0Data, bytes.data(), static_cast<u32>(bytes.size()), false);
+      EXPECT_LE(heap.peak(), 20 * kMiB);
+      EXPECT_LE(heap.bytes(), 28 * kMiB);
+    }
+    EXPECT_EQ(heap.live(), 0U);
+  }
+}
+
+// The same for what comes after the 64 levels: the 65th container fails, as its place in the value shows.
+TEST(AmfHostile, nestingEndsAt64) {
+  const struct {
+    const char* unit;
+    const char* innermost;
+  } kRows[] = {{"03 0001'a'", "03 000009"}, {"0A 00000001", "0A 00000000"}};
+  for (const auto& row : kRows) {
+    for (const u32 depth : {63U, 64U}) {
+      Bytes bytes = repeated("", row.unit, depth);
+      for (const u8 byte : bytesOf(row.innermost)) bytes.push_back(byte);
+      KTCSerializer reader = readerOf(bytes);
+      KTData value;
+      reader.readValue(value);
+      u32 levels = 0;
+      for (const KTData* at = &value; at->asArray(); at = &std::as_const(*at->asArray()).valueAt(0)) ++levels;
+      EXPECT_EQ(levels, 64U);
+    }
+  }
+  const Bytes hundredThousand = repeated("", "03 0000", 100'000);
+  KTCSerializer reader = readerOf(hundredThousand);
+  KTData value;
+  reader.readValue(value);
+  EXPECT_TRUE(reader.failed());
+}
+
+// Ordinary metadata of any length is read whole.
+TEST(AmfHostile, longHonestPayloadsAreReadWhole) {
+  const struct {
+    const char* head;
+    const char* unit;
+  } kRows[] = {
+      {"0A 0001FBD0", "00 4059000000000000"},
+      {"0A 00008DE0", "03 0004'time' 00 00(8) 0006'offset' 00 00(8) 000009"},
+      {"03", "0008'duration' 00 00(8)"},
+      {"0A 00018000", "02 0008'abcdefgh'"},
+  };
+  for (const auto& row : kRows) {
+    const Bytes unit = bytesOf(row.unit);
+    const std::size_t count = row.head[1] == 'A' ? 0x1FBD0 : 50'000;
+    Bytes bytes = repeated(row.head, row.unit, count);
+    if (row.head[1] == 'A') {
+      for (u32 i = 0; i < 4; ++i) bytes[1 + i] = static_cast<u8>(count >> (24 - 8 * i));
+    } else {
+      for (const u8 byte : bytesOf("000009")) bytes.push_back(byte);
+    }
+    KTCSerializer reader = readerOf(bytes);
+    KTData value;
+    reader.readValue(value);
+    EXPECT_FALSE(reader.failed()) << row.unit;
+    EXPECT_EQ(value.asArray()->size(), count);
+  }
+}
+
+// Cycles hold while the reader does; then each reference to an array around it becomes Undefined, and what
+// the caller still has is freed with it.
+TEST(AmfCycles, endWithTheirReader) {
+  const struct {
+    const char* bytes;
+    const char* during;
+    const char* after;
+  } kRows[] = {
+      {"03 0001'a' 07 0000 000009", "Object[3]{a: EcmaArray^1}", "Object[3]{a: Undefined}"},
+      {"03 0001'a' 0A 00000002 07 0000 07 0001 000009",
+       "Object[3]{a: EcmaArray[6]{0: EcmaArray^2, 1: EcmaArray^1}}",
+       "Object[3]{a: EcmaArray[6]{0: Undefined, 1: Undefined}}"},
+      {"11 09 03 03'a' 09 00 01 09 00", "EcmaArray#9[9]{0: EcmaArray#9^1, a: EcmaArray#9^1}",
+       "EcmaArray#9[9]{0: Undefined, a: Undefined}"},
+      {"11 0A 1B 01 03'a' 0A 00 03'b' 0A 00 01", "Amf3#10[10]{constructor: \"\", a: Amf3#10^1, b: Amf3#10^1}",
+       "Amf3#10[10]{constructor: \"\", a: Undefined, b: Undefined}"},
+      {"11 09 01 03'a' 11 03 00 09 00 10 03 00 01 09 00 01",
+       "EcmaArray#9[9]{a: Amf3#17[6]{size: 1, weak: false, key: EcmaArray#9^2, value: Amf3#16[6]{size: 1, "
+       "fixed: "
+       "false, closure: \"\", value: EcmaArray#9^3}}}",
+       "EcmaArray#9[9]{a: Amf3#17[6]{size: 1, weak: false, key: Undefined, value: Amf3#16[6]{size: 1, fixed: "
+       "false, closure: \"\", value: Undefined}}}"},
+  };
+  for (const auto& row : kRows) {
+    const Bytes bytes = bytesOf(row.bytes);
+    const HeapWatch heap;
+    {
+      KTData value;
+      {
+        KTCSerializer reader = readerOf(bytes);
+        reader.readValue(value, true);
+        EXPECT_EQ(describe(value), row.during);
+        KTData shown;
+        value.toText(shown);
+        const KTDataArrayPtr copy(new KTDataArray(*value.asArray()));
+        KTCSerializer writer;
+        writer.writeValue(value);
+        EXPECT_FALSE(writer.failed());
+      }
+      EXPECT_EQ(describe(value), row.after);
+    }
+    EXPECT_EQ(heap.live(), 0U);
+    try {  // A cycle in what an exception leaves half read.
+      Bytes torn = bytes;
+      torn.push_back(0xFF);
+      KTCommand(kAmf0Data, torn.data(), static_cast<u32>(torn.size()), true);
+      FAIL();
+    } catch (const KTBreakConnection&) {
+    }
+    EXPECT_EQ(heap.live(), 0U);
+  }
+}
+
+// Arrays that each refer to the one before, which makes a chain of any length out of two levels.
+TEST(AmfHostile, chainsByReference) {
+  Bytes bytes = bytesOf("0A 00001000 0A 00000000");
+  for (u32 i = 1; i < 0x1000; ++i) {
+    const Bytes link = bytesOf("0A 00000001 07 0000");
+    bytes.insert(bytes.end(), link.begin(), link.end());
+    bytes[bytes.size() - 2] = static_cast<u8>(i >> 8);
+    bytes[bytes.size() - 1] = static_cast<u8>(i);
+  }
+  KTData last;
+  {
+    KTCSerializer reader = readerOf(bytes);
+    KTData value;
+    reader.readValue(value);
+    ASSERT_FALSE(reader.failed());
+    last = value.asArray()->valueAt(0xFFF);
+    KTCSerializer writer;
+    writer.writeValue(value);
+    EXPECT_FALSE(writer.failed());
+  }
+  // Written from its far end it is too deep: the level that would be the 65th is Undefined.
+  KTCSerializer writer;
+  writer.writeValue(last);
+  EXPECT_TRUE(writer.failed());
+  KTCSerializer back(writer.bytes(), static_cast<u32>(writer.length()), true);
+  KTData value;
+  back.readValue(value);
+  u32 levels = 0;
+  const KTData* at = &value;
+  for (; at->asArray(); at = &std::as_const(*at->asArray()).valueAt(0)) ++levels;
+  EXPECT_EQ(levels, 64U);
+  EXPECT_EQ(at->type(), KTData::Undefined);
+}
+
+}  // namespace
+}  // namespace orv::test

@@ -1,0 +1,319 @@
+#include <gtest/gtest.h>
+
+#include "server/KTMessage.h"
+#include "server/compositemessage.h"
+#include "support/AmfText.h"
+#include "support/FlvBuilder.h"
+#include "support/HeapWatch.h"
+#include "support/Random.h"
+
+namespace orv::test {
+namespace {
+
+Bytes bytesIn(const orv::Message& message) {
+  return {message.payload(), message.payload() + message.payloadSize()};
+}
+
+KTMessagePtr tagOf(u8 typeByte, const char* payload) {
+  KTMessagePtr message;
+  message->header.typeByte = typeByte;
+  const Bytes bytes = bytesOf(payload);
+  message->append(bytes.data(), static_cast<u32>(bytes.size()));
+  return message;
+}
+
+TEST(Message, typeByteCarriesThreeThings) {
+  const KTMessagePtr message = tagOf(0x29, "");
+  EXPECT_EQ(message->type(), 9);
+  message->takeTypeBit();
+  EXPECT_EQ(message->header.typeByte, 0x09);
+  EXPECT_EQ(message->typeBit, 1);
+  message->takeTypeBit();
+  EXPECT_EQ(message->typeBit, 0);
+  message->header.typeByte = 0xA9;
+  message->setType(8);
+  EXPECT_EQ(message->header.typeByte, 0xA8);
+}
+
+TEST(Message, whatATagIs) {
+  const struct {
+    u8 type;
+    const char* payload;
+    bool key, nonPicture, disposable;
+  } kRows[] = {
+      {9, "12", true, false, false},  {9, "22", false, false, false}, {9, "32", false, false, true},
+      {9, "52", false, true, false},  {9, "", false, false, false},   {8, "12", false, true, false},
+      {18, "12", false, true, false},
+  };
+  for (const auto& row : kRows) {
+    const KTMessagePtr message = tagOf(row.type, row.payload);
+    EXPECT_EQ(message->isKeyFrame(), row.key) << int{row.type} << row.payload;
+    EXPECT_EQ(message->isNonPicture(), row.nonPicture) << int{row.type} << row.payload;
+    EXPECT_EQ(message->isDisposableFrame(), row.disposable) << int{row.type} << row.payload;
+  }
+  MessageTypeCounts counts;
+  EXPECT_EQ(counts.increment(9), 1U);
+  EXPECT_EQ(counts.increment(0x49), 2U);  // Bit 0x40 makes no difference.
+  EXPECT_EQ(counts.increment(24), 0U);
+  EXPECT_EQ(counts.count(9), 2U);
+  EXPECT_EQ(counts.count(255), 0U);
+  EXPECT_EQ(orv::Message::audioFormatBit(0x2F), 4);
+}
+
+TEST(Message, locksAreSharedBy250) {
+  const KTMessagePtr first;
+  KTMessagePtr last(nullptr);
+  for (int i = 0; i < 249; ++i) {
+    last = KTMessagePtr();
+    EXPECT_NE(last->lock, first->lock);
+  }
+  EXPECT_EQ(KTMessagePtr()->lock, first->lock);
+}
+
+TEST(KTMessage, payloadGrowsAndShrinks) {
+  const HeapWatch heap;
+  {
+    const KTMessagePtr message;
+    EXPECT_EQ(message->memory->capacity, 260U);
+    EXPECT_EQ(message->getRefCount(), 1);
+    message->setTime(0x12345678);
+    message->setStreamId(0xABCDEF);
+    EXPECT_TRUE(message->append("abc", 3));
+    EXPECT_TRUE(message->appendU8(1) && message->appendU16(0x0203) && message->appendU32(0x04050607) &&
+                message->appendU64(0x08090A0B0C0D0E0F));
+    EXPECT_EQ(hexOf(message->headerBytes(), 11),
+              "00000012345678"
+              "12"
+              "abcdef" +
+                  std::string());
+    EXPECT_EQ(hexOf(bytesIn(*message)), "6162630102030405060708090a0b0c0d0e0f");
+    EXPECT_EQ(message->blockLength(), 18U);
+    EXPECT_TRUE(message->reserve(8));
+    EXPECT_EQ(message->memory->capacity, 12U);
+    EXPECT_TRUE(message->reserve(7));
+    EXPECT_EQ(message->memory->capacity, 8U);
+    EXPECT_EQ(hexOf(message->payload(), 8), "6162630102030405");
+    EXPECT_TRUE(message->resize(300));
+    EXPECT_EQ(message->memory->capacity, 304U);
+    EXPECT_FALSE(message->resize(0x1000000));
+    EXPECT_FALSE(message->reserve(0xFFFFFFFF));
+    EXPECT_EQ(message->length(), 300U);
+    message->resetPayload(9);
+    EXPECT_EQ(message->memory->capacity, 12U);
+    EXPECT_EQ(hexOf(message->headerBytes(), 11), std::string(22, '0'));
+  }
+  EXPECT_EQ(heap.live(), 0U);
+}
+
+TEST(KTMessage, failedAllocationLeavesItAsItWas) {
+  const KTMessagePtr message = tagOf(9, "010203");
+  HeapWatch heap;
+  heap.failAt(1);
+  EXPECT_FALSE(message->resize(5000));
+  EXPECT_EQ(hexOf(bytesIn(*message)), "010203");
+}
+
+TEST(KTMessage, clones) {
+  const KTMessagePtr message = tagOf(0x29, "010203");
+  message->takeTypeBit();
+  message->headerFlag = 7;
+  const KTMessagePtr shallow = message->clone(false), deep = message->clone(true);
+  EXPECT_EQ(shallow->memory.get(), message->memory.get());
+  EXPECT_NE(deep->memory.get(), message->memory.get());
+  for (const KTMessagePtr& copy : {shallow, deep}) {
+    EXPECT_EQ(hexOf(copy->headerBytes(), 11), hexOf(message->headerBytes(), 11));
+    EXPECT_EQ(copy->headerFlag, 7);
+    EXPECT_EQ(copy->typeBit, 1);
+    EXPECT_EQ(hexOf(bytesIn(*copy)), "010203");
+    EXPECT_EQ(copy->blockLength(), 3U);
+  }
+  message->setLength(1000, false);
+  EXPECT_FALSE(message->clone(true));
+}
+
+class RecordingPool : public KTPoolSide<KTMessage> {
+ public:
+  KTMessage* acquire(u32 size) override { return new KTMessage(size, this); }
+  void recycle(KTMessage* message) override {
+    recycled = message;
+    hadBlock = message->memory.get() != nullptr;
+  }
+  KTMessage* recycled = nullptr;
+  bool hadBlock = false;
+};
+
+TEST(KTMessage, goesBackToItsPoolEmpty) {
+  RecordingPool pool;
+  defaultMessagePool = &pool;
+  KTMessagePtr message;
+  defaultMessagePool = nullptr;
+  EXPECT_EQ(message->getRefCount(), 2);
+  message->headerFlag = 1;
+  message->firstAttachment = KTObjectPtr(new KTMessage(0, nullptr));
+  KTMessage* const raw = message.get();
+  message = KTMessagePtr(nullptr);
+  ASSERT_EQ(pool.recycled, raw);
+  EXPECT_FALSE(pool.hadBlock);
+  EXPECT_FALSE(raw->firstAttachment);
+  EXPECT_EQ(raw->headerFlag, 0);
+  EXPECT_EQ(raw->recycleCount, 1U);
+  EXPECT_EQ(raw->release(), 0);
+}
+
+// An aggregate of the tags of an FLV file.
+KTMessagePtr aggregateOf(const FlvBuilder& film) {
+  KTMessagePtr message;
+  message->setType(flv::kTypeAggregate);
+  const u32 size = static_cast<u32>(film.size()) - flv::kFirstTagPosition;
+  message->append(film.bytes().data() + flv::kFirstTagPosition, size);
+  return message;
+}
+
+FlvBuilder mixedFilm() {
+  FlvBuilder film;
+  film.tag(0x29, 40, bytesOf("12 01 02")).tag(8, 40, bytesOf("2F")).tag(8, 0x01000010, Bytes());
+  return film.tag(18, 60, bytesOf("05")).tag(15, 60, bytesOf("00 05")).interleaved(40, 100);
+}
+
+// The entries' tags, with their trailing fields, as they came.
+Bytes tagsIn(const CompositeMessage& composite) {
+  Bytes bytes;
+  for (const auto& entry : composite) {
+    const Bytes tag =
+        tagBytes(static_cast<u8>(entry->header.typeByte | (entry->typeBit ? flv::kFilterBit : 0)),
+                 entry->time(), bytesIn(*entry));
+    bytes.insert(bytes.end(), tag.begin(), tag.end());
+  }
+  return bytes;
+}
+
+TEST(CompositeMessage, opensAnAggregateWithoutCopying) {
+  const FlvBuilder film = mixedFilm();
+  const KTMessagePtr message = aggregateOf(film);
+  const CompositeMessagePtr composite(CompositeMessage::fromMessage(*message));
+  EXPECT_EQ(tagsIn(*composite), bytesIn(*message));
+  EXPECT_EQ(composite->memory.get(), message->memory.get());
+  EXPECT_EQ(composite->entryCount(), 45U);
+  EXPECT_EQ(composite->type(), flv::kTypeAggregate);
+  EXPECT_EQ(composite->length(), message->length());
+  EXPECT_EQ(composite->time(), 40U);
+  EXPECT_EQ(composite->lastTime(), film.lastTime());
+  EXPECT_EQ(composite->dataKinds(), 3);
+  EXPECT_EQ(composite->audioFormats() & 5, 5);  // Formats 2 and, for the empty tag, 0.
+  EXPECT_FALSE(composite->isNonPicture() || composite->isKeyFrame() || composite->isDisposableFrame());
+  MessageTypeCounts counts;
+  composite->countTypes(counts);
+  EXPECT_EQ(counts.count(8) + counts.count(9) + counts.count(15) + counts.count(18), 45U);
+  u32 index = 0;
+  for (const auto& entry : *composite) {
+    EXPECT_EQ(entry->index, index);
+    EXPECT_EQ(entry->offset + flv::kFirstTagPosition, film.tags()[index++].position);
+  }
+  const KTMessagePtr large = aggregateOf(FlvBuilder().constantRate(65'000, 1000));
+  const HeapWatch heap;
+  const CompositeMessagePtr opened(CompositeMessage::fromMessage(*large));
+  EXPECT_LT(heap.bytes(), opened->entryCount() * 500);
+}
+
+TEST(CompositeMessage, kindsOfContent) {
+  const CompositeMessagePtr sound(
+      CompositeMessage::fromMessage(*aggregateOf(FlvBuilder().tag(8, 5, bytesOf("2F")))));
+  EXPECT_TRUE(sound->isNonPicture());
+  EXPECT_EQ(sound->entryCount(), 1U);
+  EXPECT_EQ(sound->lastTime(), 5U);
+  const CompositeMessagePtr data(
+      CompositeMessage::fromMessage(*aggregateOf(FlvBuilder().tag(18, 5, bytesOf("05")))));
+  EXPECT_FALSE(data->isNonPicture());
+  const CompositeMessagePtr none(CompositeMessage::fromMessage(*aggregateOf(FlvBuilder())));
+  EXPECT_EQ(none->entryCount(), 0U);
+  EXPECT_EQ(none->lastTime(), 0xFFFFFFFFU);
+}
+
+// The two parts of a split hold the whole between them, whichever piece is split again.
+void checkParts(const CompositeMessagePtr& whole, const CompositeMessagePtr& first,
+                const CompositeMessagePtr& second) {
+  ASSERT_TRUE(first || second);
+  Bytes joined = first ? tagsIn(*first) : Bytes();
+  for (const u8 byte : second ? tagsIn(*second) : Bytes()) joined.push_back(byte);
+  EXPECT_EQ(joined, tagsIn(*whole));
+  if (!first || !second) {
+    EXPECT_EQ((first ? first : second).get(), whole.get());
+    return;
+  }
+  for (const CompositeMessagePtr& part : {first, second}) {
+    EXPECT_EQ(bytesIn(*part), tagsIn(*part));
+    EXPECT_EQ(part->time(), (*part->begin())->time());
+    EXPECT_EQ(part->blockLength(), part->length());
+  }
+  EXPECT_EQ(first->length() + second->length(), whole->length());
+  EXPECT_EQ(CompositeMessagePtr(first->followingPart())->payload(), second->payload());
+  EXPECT_EQ(tagsIn(*CompositeMessagePtr(second->precedingPart())), tagsIn(*first));
+}
+
+TEST(CompositeMessage, splitsAtEveryIndexAndEveryTime) {
+  const FlvBuilder film = mixedFilm();
+  const CompositeMessagePtr whole(CompositeMessage::fromMessage(*aggregateOf(film)));
+  CompositeMessagePtr first, second, inner, outer;
+  for (u32 index = 0; index <= whole->entryCount() + 1; ++index) {
+    whole->splitAtIndex(index, first, second);
+    EXPECT_EQ(first ? first->entryCount() : 0, std::min(index, whole->entryCount()));
+    checkParts(whole, first, second);
+    if (!second) continue;
+    second->splitAtIndex(second->entryCount() / 2, inner, outer);
+    checkParts(second, inner, outer);
+    if (inner && index > 0) {
+      EXPECT_EQ(CompositeMessagePtr(inner->precedingPart())->entryCount(), index);
+    }
+  }
+  for (u32 time = 30; time <= film.lastTime() + 1; ++time) {
+    whole->splitAtTime(time, first, second);
+    checkParts(whole, first, second);
+    EXPECT_TRUE(!first || first->lastTime() < time);
+    EXPECT_TRUE(!second || second->time() >= time);
+  }
+  EXPECT_EQ(whole->followingPart(), nullptr);
+  EXPECT_EQ(whole->precedingPart(), nullptr);
+}
+
+TEST(CompositeMessage, livesAsLongAsAnEntryOrAView) {
+  const HeapWatch heap;
+  {
+    CompositeMessagePtr whole(CompositeMessage::fromMessage(*aggregateOf(mixedFilm())));
+    const SingleMessagePtr entry(whole->begin()->get());
+    EXPECT_EQ(whole->getRefCount(), 2);
+    CompositeMessagePtr other;
+    whole->splitAtIndex(3, other, whole);  // The whole is given away; its second part keeps it.
+    whole = nullptr;
+    other = nullptr;
+    EXPECT_EQ(hexOf(bytesIn(*entry)), "120102");
+    CompositeMessagePtr view(CompositeMessage::fromMessage(*aggregateOf(FlvBuilder().interleaved(2'000))));
+    while (view) view->splitAtIndex(1, other, view);  // A chain of 2,000 parents.
+  }
+  EXPECT_EQ(heap.live(), 0U);
+}
+
+// Cut or with a size that lies, an aggregate gives the entries in front of the fault.
+TEST(CompositeMessage, brokenAggregatesGiveWhatIsWhole) {
+  const FlvBuilder film =
+      FlvBuilder().tag(9, 1, bytesOf("12 34")).tag(8, 2, bytesOf("2F")).tag(9, 3, Bytes());
+  const KTMessagePtr message = aggregateOf(film);
+  const Bytes bytes = bytesIn(*message);
+  for (u32 size = 0; size <= bytes.size(); ++size) {
+    const KTMemoryPtr block(size, nullptr);  // Of just that size, for the sanitizer to see.
+    std::copy_n(bytes.begin(), size, block->data);
+    const CompositeMessagePtr composite(new CompositeMessage(block, size + 100));
+    u32 whole = 0;
+    for (const BuiltTag& tag : film.tags()) {
+      const i64 start = tag.position - flv::kFirstTagPosition;
+      whole += size >= start + std::max(12U, tag.size + 11);
+    }
+    EXPECT_EQ(composite->entryCount(), whole) << size;
+    EXPECT_EQ(composite->blockLength(), size);
+  }
+  message->memory->data[1] = 0xFF;
+  EXPECT_EQ(CompositeMessagePtr(CompositeMessage::fromMessage(*message))->entryCount(), 0U);
+  EXPECT_EQ(CompositeMessagePtr(new CompositeMessage(nullptr, 5))->entryCount(), 0U);
+}
+
+}  // namespace
+}  // namespace orv::test
