@@ -39,11 +39,6 @@ StartCandidates candidatesIn(Stream& stream, const SegmentBounds& bounds, u32 ti
   return found;
 }
 
-struct OwnedTag {
-  Tag tag;  // `data` isn't valid; the bytes stand beside.
-  std::vector<u8> data;
-};
-
 // One play-out in the making.
 class Player {
  public:
@@ -111,7 +106,7 @@ void Player::keepCodecSetups() {
     forEachTag(message, [&](const Tag& tag) {
       if (!isCodecSetup(tag) || (kept & kindFlags(tag))) return;
       kept |= kindFlags(tag);
-      codecSetups_.push_back({tag, {tag.data, tag.data + tag.size}});
+      codecSetups_.emplace_back(tag);
     });
   });
 }
@@ -158,8 +153,9 @@ void Player::send(const Tag& tag, bool inAggregate) {
   if (!started_) {
     started_ = true;
     tally_.firstTime = tag.time;
-    for (const OwnedTag& setup : codecSetups_) {
-      writer_->tag({setup.tag.type, tag.time, 0, setup.data.data(), setup.tag.size});
+    for (const OwnedTag& kept : codecSetups_) {
+      const Tag setup = kept.view();
+      writer_->tag({setup.type, tag.time, 0, setup.data, setup.size});
     }
   }
   tally_.lastTime = tag.time;

@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "FlvReader.h"
+#include "MetadataReserve.h"
 #include "Recording.h"
 #include "StopSignals.h"
 #include "TimeText.h"
@@ -26,7 +26,8 @@ class RecordRun {
       : options_(options),
         target_(options.file, options.backup, options.onto),
         session_(options.common),
-        reader_([this](const Tag& tag) { recording().take(tag); }),
+        reserve_([this](const Tag& tag) { recording().take(tag); }),
+        reader_([this](const Tag& tag) { take(tag); }),
         chunk_(kChunkSize) {}
 
   ExitCode run();
@@ -36,15 +37,16 @@ class RecordRun {
 
   // Made once the stream has begun: an encoder that fails to start must not cost the old file.
   Recording& recording();
+  void take(const Tag& tag);
   bool readInput();
   void showProgress();
   ExitCode conclude();
-  void tellSummary(const RecordTally& tally) const;
 
   const RecordOptions& options_;
   RecordTarget target_;
   Session session_;
   std::optional<Recording> recording_;
+  MetadataReserve reserve_;
   FlvReader reader_;
   std::vector<u8> chunk_;
   Progress progress_;
@@ -68,6 +70,15 @@ ExitCode RecordRun::run() {
   return conclude();
 }
 
+// What is appended to has its metadata, or none that players would find.
+void RecordRun::take(const Tag& tag) {
+  if (options_.reserveMetadata && !target_.appends()) {
+    reserve_.take(tag);
+  } else {
+    recording().take(tag);
+  }
+}
+
 // False at the end of the input, and where it can't be followed farther.
 bool RecordRun::readInput() {
   const ssize_t size = ::read(STDIN_FILENO, chunk_.data(), chunk_.size());
@@ -87,22 +98,14 @@ void RecordRun::showProgress() {
 }
 
 ExitCode RecordRun::conclude() {
+  reserve_.finish();
   if (recording_) recording_->finish();
   const std::string end = reader_.fault().empty() ? reader_.explainEnd() : reader_.fault();
   if (!end.empty()) tell(std::string(kInputName) + ": " + end);
   if (!recording_) return ExitCode::fileFault;
-  tellSummary(recording_->tally());
   session_.reportStats();
   if (target_.mirror() && target_.mirror()->isBehind()) return ExitCode::hostFault;
   return recording_->isEmpty() || !reader_.fault().empty() ? ExitCode::fileFault : ExitCode::good;
-}
-
-void RecordRun::tellSummary(const RecordTally& tally) const {
-  std::string text =
-      fmt::format("{}: {} tags, {} bytes of data, {} to {}, {} flushes", target_.file(), tally.tags,
-                  tally.bytes, timeText(tally.firstTime), timeText(tally.lastTime), tally.flushes);
-  if (tally.refusedTags() > 0) text += "; refused: " + tally.refusedText();
-  tell(text);
 }
 
 }  // namespace

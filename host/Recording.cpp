@@ -7,6 +7,7 @@
 #include "Console.h"
 #include "Failure.h"
 #include "FlvNames.h"
+#include "TimeText.h"
 #include "util/KTThrowable.h"
 
 namespace orv::host {
@@ -121,9 +122,16 @@ void Recording::flush() {
 
 void Recording::finish() {
   if (stagedBytes_ > 0) flush();
-  if (isEmpty() && !target_.appends() && stream_.erase()) {
-    tell(target_.file() + ": nothing could be recorded; no file is left");
+  std::string text = target_.file() + ": ";
+  if (!isEmpty()) {
+    text += fmt::format("{} tags, {} bytes of data, {} to {}, in {} flushes", tally_.tags, tally_.bytes,
+                        timeText(tally_.firstTime), timeText(tally_.lastTime), tally_.flushes);
+  } else {
+    text += "nothing could be recorded";
+    if (!target_.appends() && stream_.erase()) text += ", and no file is left";
   }
+  if (tally_.refusedTags() > 0) text += "; refused: " + tally_.refusedText();
+  tell(text);
 }
 
 }  // namespace orv::host

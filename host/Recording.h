@@ -39,7 +39,7 @@ class Recording {
   void flushIfDue();
   // How long until the interval is over; none while nothing is staged.
   std::optional<std::chrono::milliseconds> untilFlush() const;
-  // Last. Flushes; a new file in which nothing could be recorded is erased again.
+  // Last. Flushes, and tells what came of it. A new file in which nothing could be recorded is erased again.
   void finish();
 
   const RecordTally& tally() const { return tally_; }

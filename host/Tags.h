@@ -26,6 +26,17 @@ struct Tag {
   bool isData() const { return plainType() == flv::kTypeDataAmf0 || plainType() == flv::kTypeDataAmf3; }
 };
 
+// A tag that is kept, bytes and all.
+class OwnedTag {
+ public:
+  explicit OwnedTag(const Tag& tag) : tag_(tag), data_(tag.data, tag.data + tag.size) {}
+  Tag view() const { return {tag_.type, tag_.time, tag_.streamId, data_.data(), tag_.size}; }
+
+ private:
+  Tag tag_;  // But for `data`.
+  std::vector<u8> data_;
+};
+
 // One message of a load, borrowed for the call.
 struct Message {
   u16 type;
