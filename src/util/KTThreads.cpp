@@ -34,6 +34,10 @@ Registry& registry() {
 constinit std::atomic<u32> runningThreads{0};
 constinit std::atomic<bool> fibersOn{true};
 
+// Boost orders an action before every return for its flag, but does so where the thread sanitizer can't look;
+// this shows it.
+constinit std::atomic<u32> actionsRun{0};
+
 // The block of a new thread.
 struct ThreadCall {
   KTThreadFunction function;
@@ -93,7 +97,11 @@ u32 threadEntry(void* block) noexcept {
 }  // namespace
 
 void runOnce(boost::once_flag& flag, orv::util::hidden::IOnce& action) {
-  boost::call_once(flag, [&action] { action.run(); });
+  boost::call_once(flag, [&action] {
+    action.run();
+    actionsRun.fetch_add(1, std::memory_order_release);
+  });
+  static_cast<void>(actionsRun.load(std::memory_order_acquire));
 }
 
 KTThread::KTThread()

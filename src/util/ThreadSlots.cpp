@@ -52,14 +52,19 @@ ThreadSlots* takeFromList(Choice chosen) {
   return taken;
 }
 
-bool holdsCacheOrFiber(const ThreadSlots& all) {
-  return std::any_of(all.slots, all.slots + kSlotWorker, [](const Slot& slot) { return slot.value; });
+// Caches and fibers are left to those who know them, and threads of the library, which hold no count on their
+// worker, to themselves.
+bool mayBeFreed(const ThreadSlots& all) {
+  const Slot& worker = all.slots[kSlotWorker];
+  return std::none_of(all.slots, all.slots + kSlotWorker, [](const Slot& slot) { return slot.value; }) &&
+         (!worker.value || worker.cleanup);
 }
 
-// In a forked child the numbers of the parent's threads mean nothing.
+// A living thread's slots are its own: they aren't even looked at. In a forked child the numbers of the
+// parent's threads mean nothing.
 bool isAbandoned(const ThreadSlots& all) {
-  return !holdsCacheOrFiber(all) && all.process == platform::currentProcessId() &&
-         platform::threadHasEnded(all.thread);
+  return all.process == platform::currentProcessId() && platform::threadHasEnded(all.thread) &&
+         mayBeFreed(all);
 }
 
 // Adds the slots, and takes out what threads that have ended left. Looking for them costs a system call a
@@ -134,12 +139,12 @@ bool slotSet(u32 index, void* value, SlotCleanup cleanup) {
 void slotsTearDown() {
   ThreadSlots* const mine = callersSlots();
   if (!mine) return;
-  cleanAll(*mine);
-  slotsOfThread.set(nullptr);
   {
     const SectionGuard guard(listSection);
-    takeFromList([&](const ThreadSlots& slots) { return &slots == mine; });
+    takeFromList([mine](const ThreadSlots& slots) { return &slots == mine; });
   }
+  cleanAll(*mine);
+  slotsOfThread.set(nullptr);
   delete mine;
 }
 
@@ -148,7 +153,7 @@ void slotsUnload() {
   ThreadSlots* freed = nullptr;
   {
     const SectionGuard guard(listSection);
-    freed = takeFromList([](const ThreadSlots& slots) { return !holdsCacheOrFiber(slots); });
+    freed = takeFromList(mayBeFreed);
   }
   destroyEach(freed);
 }
