@@ -116,18 +116,5 @@ TEST_F(ConfigTest, frameTypes) {
   }
 }
 
-TEST_F(ConfigTest, sizesOfReads) {
-  const FlvBuilder film = FlvBuilder().constantRate(900'000);
-  const std::map<std::string, u32> kSizes{
-      {"1024", 1024}, {"1023", 0x48000}, {"50000", 50'000}, {"", 0x48000}};
-  for (const auto& [text, size] : kSizes) {
-    configure({{"AutoBufferReadSize", text}});
-    Stream stream = open(film);
-    host.clearCalls();
-    stream.load({0, film.size(), 0, 0});
-    EXPECT_EQ(host.calls[1].size, size) << text;
-  }
-}
-
 }  // namespace
 }  // namespace orv::test

@@ -4,9 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "support/FlvBuilder.h"
 #include "support/MemoryHost.h"
 #include "support/Module.h"
+
+inline bool operator==(const SegmentBounds& a, const SegmentBounds& b) {
+  return std::tie(a.startPosition, a.endPosition, a.startTime, a.endTime) ==
+         std::tie(b.startPosition, b.endPosition, b.startTime, b.endTime);
+}
 
 namespace orv::test {
 

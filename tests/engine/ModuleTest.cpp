@@ -1,4 +1,4 @@
-// The module as a plug-in: loading, the order of its operations, what it answers without a file of its own.
+// The module as a plug-in: the order of its operations, and the answers of a stream that only plays.
 
 #include <cstring>
 
@@ -10,17 +10,6 @@ namespace orv::test {
 namespace {
 
 using ModuleTest = EngineTest;
-
-TEST_F(ModuleTest, loadsUnloadsAndLoadsAgain) {
-  host.put(kFile, FlvBuilder().interleaved(5).bytes());
-  for (int round = 0; round < 3; ++round) {
-    const Module module(FLV_MODULE_PATH);
-    EXPECT_EQ(module.symbol("_ZN3orv3flv9KTFLVDataD1Ev"), nullptr);  // nothing of the engine shows
-    const auto adaptor = module.create(host), other = module.create(host);
-    Stream stream(*adaptor, kName), twin(*other, kName);
-    EXPECT_TRUE(stream.size() > 13 && stream.size() == twin.size());
-  }
-}
 
 // Where the Itanium ABI puts a virtual operation: its pointer to member holds the byte offset plus 1.
 template <class Operation>

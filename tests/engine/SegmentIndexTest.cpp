@@ -10,11 +10,6 @@ namespace {
 
 using SegmentIndexTest = EngineTest;
 
-bool same(const SegmentBounds& a, const SegmentBounds& b) {
-  return a.startPosition == b.startPosition && a.endPosition == b.endPosition && a.startTime == b.startTime &&
-         a.endTime == b.endTime;
-}
-
 bool holdsTime(const SegmentBounds& bounds, u32 time) {
   return time == bounds.startTime || (time > bounds.startTime && time < bounds.endTime);
 }
@@ -66,7 +61,7 @@ TEST_F(SegmentIndexTest, segmentsAreThoseOfAFullRead) {
   for (const auto& film : kFilms) {
     const auto expected = segmentsOf(film.film);
     const auto isExpectedAt = [&](i64 position, const std::optional<SegmentBounds>& found) {
-      return found && same(*found, holderOf(expected, position));
+      return found == holderOf(expected, position);
     };
     configure(film.settings);
     Random random(1);
@@ -74,7 +69,7 @@ TEST_F(SegmentIndexTest, segmentsAreThoseOfAFullRead) {
 
     Stream walked = open(film.film);
     const auto row = walked.walk();
-    ASSERT_TRUE(std::equal(row.begin(), row.end(), expected.begin(), expected.end(), same)) << film.name;
+    ASSERT_TRUE(row == expected) << film.name;
     for (int round = 0; round < 10; ++round) {  // nothing cached at first, then more and more
       Stream stream = open();
       for (int query = 0; query < 8; ++query) {
@@ -93,9 +88,8 @@ TEST_F(SegmentIndexTest, bordersOfTheFile) {
   Stream stream = open(film);
   const SegmentBounds whole{0, film.size() - 1, 100, 5001};
   for (const i64 position : {i64{-5}, i64{0}, i64{12}, i64{13}, film.size() - 1})
-    EXPECT_TRUE(same(stream.atPosition(position).value(), whole)) << position;
-  for (const u32 time : {100u, 101u, 4999u, 5000u})
-    EXPECT_TRUE(same(stream.atTime(time).value(), whole)) << time;
+    EXPECT_TRUE(stream.atPosition(position) == whole) << position;
+  for (const u32 time : {100u, 101u, 4999u, 5000u}) EXPECT_TRUE(stream.atTime(time) == whole) << time;
   host.clearCalls();
   EXPECT_FALSE(stream.atPosition(film.size()) || stream.atTime(99) || stream.atTime(5001));
   EXPECT_TRUE(stream.atTime(200) && stream.atPosition(50));
@@ -181,7 +175,7 @@ TEST_F(SegmentIndexTest, growthBehindACachedLastSegment) {
       for (std::size_t i = film.tags().size(); i-- > oldTags - 2;)
         ASSERT_TRUE(isFound(film.tags()[i])) << growth.name << (byTime ? " by time " : " by position ") << i;
       const auto row = stream.walk();
-      ASSERT_TRUE(std::equal(known.begin(), known.end(), row.begin(), same)) << growth.name;
+      ASSERT_TRUE(std::equal(known.begin(), known.end(), row.begin())) << growth.name;
       EXPECT_EQ(row[known.size()].startPosition, oldEnd) << growth.name;
       EXPECT_EQ(row.back().endPosition, film.size() - 1) << growth.name;
       std::vector<Message> all;
