@@ -6,6 +6,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "FileSummary.h"
+#include "LiveDemo.h"
 #include "PlayText.h"
 #include "SeekAnswer.h"
 #include "SegmentText.h"
@@ -59,9 +60,7 @@ bool showPlayOut(Stream& stream) {
   return tally.isGood() && verifier.faults() == 0;
 }
 
-}  // namespace
-
-ExitCode runDemo(const DemoOptions& options) {
+ExitCode showPlaying(const DemoOptions& options) {
   Session session(options.common);
   Stream stream = session.open(options.file);
   print(summaryText(summarize(stream, Depth::front)));
@@ -72,6 +71,15 @@ ExitCode runDemo(const DemoOptions& options) {
   flushOutput();
   session.reportStats();
   return segmentsGood && seekGood && playGood ? ExitCode::good : ExitCode::fileFault;
+}
+
+}  // namespace
+
+// One after the other: the module knows one file service at a time.
+ExitCode runDemo(const DemoOptions& options) {
+  const ExitCode played = showPlaying(options);
+  const ExitCode recorded = showLiveRecording(options);
+  return std::max(played, recorded);
 }
 
 }  // namespace orv::host

@@ -83,6 +83,19 @@ FileIdentity checkReadable(const std::string& name) {
   return {status.st_dev, status.st_ino, status.st_size};
 }
 
+bool holdSameBytes(const std::string& a, const std::string& b) {
+  constexpr i64 kBlock = 1 << 20;
+  const i64 size = checkReadable(a).size;
+  if (checkReadable(b).size != size) return false;
+  const ReadOnlyFile first(a), second(b);
+  for (i64 at = 0; at < size; at += kBlock) {
+    const auto wanted = static_cast<std::size_t>(std::min(size - at, kBlock));
+    const std::vector<u8> block = readBytes(first, at, wanted);
+    if (block.size() != wanted || block != readBytes(second, at, wanted)) return false;
+  }
+  return true;
+}
+
 std::string explainRefusal(const std::string& name) {
   const i64 size = checkReadable(name).size;
   const ReadOnlyFile file(name);

@@ -23,6 +23,9 @@ struct FileIdentity {
 // at positions, which a pipe doesn't have.
 FileIdentity checkReadable(const std::string& file);
 
+// Throws Failure if one of them can't be read.
+bool holdSameBytes(const std::string& a, const std::string& b);
+
 // What is wrong with the first bytes of a file, as far as they were read; empty if they are an FLV header.
 std::string explainHeader(const std::vector<u8>& head);
 

@@ -103,6 +103,7 @@ ExitCode RecordRun::conclude() {
   const std::string end = reader_.fault().empty() ? reader_.explainEnd() : reader_.fault();
   if (!end.empty()) tell(std::string(kInputName) + ": " + end);
   if (!recording_) return ExitCode::fileFault;
+  tell(target_.file() + ": " + recording_->summaryText());
   session_.reportStats();
   if (target_.mirror() && target_.mirror()->isBehind()) return ExitCode::hostFault;
   return recording_->isEmpty() || !reader_.fault().empty() ? ExitCode::fileFault : ExitCode::good;

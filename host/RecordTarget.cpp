@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -41,20 +40,6 @@ std::string canonical(const std::string& name) {
   std::error_code error;
   const auto path = std::filesystem::weakly_canonical(std::filesystem::absolute(name, error), error);
   return error ? name : path.native();
-}
-
-bool holdSameBytes(const std::string& a, const std::string& b, i64 size) {
-  constexpr std::size_t kBlock = 1 << 20;
-  const ReadOnlyFile first(a), second(b);
-  std::vector<u8> left(kBlock), right(kBlock);
-  for (i64 at = 0; at < size; at += static_cast<i64>(kBlock)) {
-    const auto wanted = static_cast<std::size_t>(std::min<i64>(size - at, kBlock));
-    if (first.read(at, left.data(), wanted) != wanted || second.read(at, right.data(), wanted) != wanted ||
-        !std::equal(left.begin(), left.begin() + static_cast<long>(wanted), right.begin())) {
-      return false;
-    }
-  }
-  return true;
 }
 
 bool looksLikeFlv(const std::string& name) {
@@ -103,7 +88,7 @@ void RecordTarget::admitExistingCopy(const FileIdentity& identity) {
     if (!looksLikeFlv(copy_)) throw hostFault(copy_ + ": isn't an FLV file; it isn't overwritten");
     return;
   }
-  copyIsEqual_ = appends() && identity.size == size_ && holdSameBytes(file_, copy_, size_);
+  copyIsEqual_ = appends() && holdSameBytes(file_, copy_);
   if (!copyIsEqual_) {
     throw hostFault(fmt::format("{}: isn't equal to {}; remove it, and it is made anew", copy_, file_));
   }

@@ -112,6 +112,7 @@ void Recording::flushIfDue() {
 }
 
 void Recording::flush() {
+  if (stagedBytes_ == 0) return;
   SegmentBounds bounds{};
   const bool done = stream_.flush(bounds);
   requireSoundFile();
@@ -121,17 +122,18 @@ void Recording::flush() {
 }
 
 void Recording::finish() {
-  if (stagedBytes_ > 0) flush();
-  std::string text = target_.file() + ": ";
-  if (!isEmpty()) {
-    text += fmt::format("{} tags, {} bytes of data, {} to {}, in {} flushes", tally_.tags, tally_.bytes,
-                        timeText(tally_.firstTime), timeText(tally_.lastTime), tally_.flushes);
-  } else {
-    text += "nothing could be recorded";
-    if (!target_.appends() && stream_.erase()) text += ", and no file is left";
-  }
+  flush();
+  erased_ = isEmpty() && !target_.appends() && stream_.erase();
+}
+
+std::string Recording::summaryText() const {
+  std::string text =
+      isEmpty() ? "nothing could be recorded"
+                : fmt::format("{} tags, {} bytes of data, {} to {}, in {} flushes", tally_.tags, tally_.bytes,
+                              timeText(tally_.firstTime), timeText(tally_.lastTime), tally_.flushes);
+  if (erased_) text += ", and no file is left";
   if (tally_.refusedTags() > 0) text += "; refused: " + tally_.refusedText();
-  tell(text);
+  return text;
 }
 
 }  // namespace orv::host

@@ -39,8 +39,10 @@ class Recording {
   void flushIfDue();
   // How long until the interval is over; none while nothing is staged.
   std::optional<std::chrono::milliseconds> untilFlush() const;
-  // Last. Flushes, and tells what came of it. A new file in which nothing could be recorded is erased again.
+  void flush();  // Now; nothing happens if nothing is staged.
+  // Last. Flushes. A new file in which nothing could be recorded is erased again.
   void finish();
+  std::string summaryText() const;  // What came of it, for a person, in a few words.
 
   const RecordTally& tally() const { return tally_; }
   // Whether there is nothing to play in what was recorded, because of what was refused or because nothing
@@ -51,7 +53,6 @@ class Recording {
   void record(const Tag& tag);
   void note(const Tag& tag);
   void refuse(const std::string& what);
-  void flush();
   void requireSoundFile() const;
 
   Session& session_;
@@ -59,6 +60,7 @@ class Recording {
   const std::chrono::milliseconds interval_;
   RecordStream stream_;
   RecordTally tally_;
+  bool erased_ = false;
   u64 stagedBytes_ = 0;
   Clock::time_point stagedSince_;  // Of the first staged tag.
 };

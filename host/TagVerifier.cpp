@@ -12,11 +12,6 @@ namespace orv::host {
 
 namespace {
 
-bool isSame(const Tag& a, const Tag& b) {
-  return a.type == b.type && a.time == b.time && a.size == b.size &&
-         std::equal(a.data, a.data + a.size, b.data);
-}
-
 std::string describe(const Tag& tag) {
   return fmt::format("type {}, {} bytes, {} ms", tag.type, tag.size, tag.time);
 }
@@ -69,7 +64,7 @@ void TagVerifier::checkTag(const Tag& tag, bool inAggregate) {
   while (!queue.empty()) {
     const FileTag expected = queue.front();
     queue.pop_front();
-    if (isSame(tag, expected.tag)) {
+    if (tag.hasContentOf(expected.tag)) {
       if (inAggregate && tag.streamId != expected.tag.streamId) {
         fault(fmt::format("the tag at byte {} has another stream id in its aggregate", expected.position));
       }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -24,6 +25,11 @@ struct Tag {
   bool isAudio() const { return plainType() == flv::kTypeAudio; }
   bool isVideo() const { return plainType() == flv::kTypeVideo; }
   bool isData() const { return plainType() == flv::kTypeDataAmf0 || plainType() == flv::kTypeDataAmf3; }
+  // All but the stream id.
+  bool hasContentOf(const Tag& other) const {
+    return type == other.type && time == other.time && size == other.size &&
+           std::equal(data, data + size, other.data);
+  }
 };
 
 // A tag that is kept, bytes and all.
