@@ -1,10 +1,10 @@
 // A whole file, and a host that may fail, through everything a player does.
 //
 // Input: 8 bytes of settings and events, then the file.
-//   0  bit 0 strict about the last tag, 1 one report of bad data only, 2 small read cache, 3 one aggregate a
-//   tag,
-//      4 short search, 5 faults last, 6 a long tag takes the place of the file's first bytes, so that the
-//      rest lies around the end of the first block
+//   0  bits: 0 strict about the last tag, 1 one report of bad data only, 2 small read cache, 3 one aggregate
+//   a
+//      tag, 4 short search, 5 faults last, 6 and 7 a long tag takes the place of the file's first bytes, so
+//      that the rest lies around the end of the first block
 //   1  how much of the file stands there at first, in 255ths; the rest is appended after the first queries
 //   2  the host call that goes wrong, 0: none       3  bit 0: it falls short instead of failing
 //   4  a time to search for, in 4 bytes
@@ -48,7 +48,7 @@ class Player {
     if (head[0] & 1) settings["PlayIncompleteFLVs"] = "false";
     if (head[0] & 2) settings["RetryCorruptedFLVs"] = "0";
     // Blocks as large as the default come from the kernel each time in a sanitizer's build.
-    settings["AutoBufferReadSize"] = head[0] & 4 ? "1024" : "60000";
+    settings["AutoBufferReadSize"] = (head[0] & 0xC4) == 4 ? "1024" : "60000";
     if (head[0] & 8) settings["MaxAggMsgSize"] = "0";
     if (head[0] & 16) settings["MaxFrameScan"] = settings["MaxBackFrameScan"] = "131072";
     settings["EnableAggMsgs"] = "true";
@@ -115,7 +115,7 @@ class Player {
 
 Bytes fileOf(const u8* data, std::size_t size) {
   const Bytes rest(data + kHead, data + size);
-  if (!(data[0] & 64) || rest.size() < flv::kFirstTagPosition) return rest;
+  if ((data[0] & 0xC0) != 0xC0 || rest.size() < flv::kFirstTagPosition) return rest;
   static const Bytes lead = FlvBuilder().tag(flv::kTypeVideo, 0, 262'000).bytes();
   Bytes file = lead;
   file.insert(file.end(), rest.begin() + flv::kFirstTagPosition, rest.end());

@@ -20,9 +20,9 @@ int main(int argc, char** argv) {
       FlvBuilder().tag(9, 500, 3).tag(9, 20, 3).tag(41, 0, 3).tag(9, 0xFFFFFFFF, 3).bytes(),
       FlvBuilder().interleaved(6).tag(9, 500, 9000).interleaved(6, 600).bytes(),
   };
-  const Bytes kHeads[] = {{0, 255, 0, 0, 0, 0, 0, 20}, {8, 128, 0, 0, 0, 0, 0, 40},
-                          {5, 200, 9, 1, 0, 0, 0, 0},  {18, 255, 0, 0, 0, 9, 0, 0},
-                          {64, 250, 0, 0, 0, 4, 0, 9}, {78, 255, 0, 0, 0, 0, 1, 0}};
+  const Bytes kHeads[] = {{0, 255, 0, 0, 0, 0, 0, 20},   {8, 128, 0, 0, 0, 0, 0, 40},
+                          {5, 200, 9, 1, 0, 0, 0, 0},    {18, 255, 0, 0, 0, 9, 0, 0},
+                          {0xC0, 250, 0, 0, 0, 4, 0, 9}, {0xCE, 255, 0, 0, 0, 0, 1, 0}};
   int number = 0;
   for (const Bytes& film : kFilms)
     for (const Bytes& head : kHeads) {

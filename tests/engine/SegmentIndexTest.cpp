@@ -142,7 +142,8 @@ TEST_F(SegmentIndexTest, growthBehindACachedLastSegment) {
     u32 headerSize;
     i64 oldSize;
     i64 newSize;
-    u32 pauseMs;  // Between the last old tag and the first new one.
+    u32 pauseMs;      // Between the last old tag and the first new one.
+    i64 oneTime = 0;  // Bytes of new tags that all bear the time of the first.
   } kGrowths[] = {
       {"in the first block", 9, 50'000, 90'000, 20},
       {"in the first block, at the same time", 9, 50'000, 90'000, 0},
@@ -150,6 +151,7 @@ TEST_F(SegmentIndexTest, growthBehindACachedLastSegment) {
       {"out of the first block", 9, 200'000, 900'000, 20},
       {"in a later block", 9, 600'000, 650'000, 20},
       {"in a later block, at the same time", 9, 600'000, 650'000, 0},
+      {"over later blocks, a block of them at the same time", 9, 600'000, 1'500'000, 0, 400'000},
       {"in a later block, after a pause", 9, 600'000, 650'000, 60'000},
       {"over later blocks", 9, 600'000, 1'500'000, 20},
       {"behind a header longer than a block", 300'000, 310'000, 900'000, 20},
@@ -162,7 +164,9 @@ TEST_F(SegmentIndexTest, growthBehindACachedLastSegment) {
       const auto known = stream.walk();
       const std::size_t oldTags = film.tags().size();
       const i64 oldEnd = film.size();
-      film.tag(kAudio, film.lastTime() + growth.pauseMs, 300).constantRate(growth.newSize);
+      film.tag(kAudio, film.lastTime() + growth.pauseMs, 300);
+      while (film.size() < oldEnd + growth.oneTime) film.tag(kVideo, film.lastTime(), 900);
+      film.constantRate(growth.newSize);
       host.append(kFile, {film.bytes().begin() + oldEnd, film.bytes().end()});
       ASSERT_EQ(stream.endPosition(), film.size());
 
