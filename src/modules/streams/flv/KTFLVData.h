@@ -135,7 +135,8 @@ class KTFLVData : public KTFLVPersist {
   bool checkCodec(const RecordedMessage& message);
   void warnOnce(bool* due, const char16_t* format);
   void noteCodecs(const RecordedMessage& message);
-  void noteMetadata(const RecordedMessage& message);
+  bool noteMetadata(const RecordedMessage& message);
+  void forgetMetadata();
   static KTMessagePtr parseMetadata(const RecordedMessage& message);
   FrameRecord appendStagedTags(i64 fileEnd);
   bool writeTypeFlags();
