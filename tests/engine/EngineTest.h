@@ -48,9 +48,10 @@ class EngineTest : public testing::Test {
     host.put(kFile, std::move(image));
     return open();
   }
-  Stream open() {
+  Stream open() { return Stream(adaptor(), kName); }
+  IQVStreamAdaptor& adaptor() {
     if (!adaptor_) adaptor_ = module().create(host);
-    return Stream(*adaptor_, kName);
+    return *adaptor_;
   }
 
   MemoryHost host;

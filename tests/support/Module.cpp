@@ -54,6 +54,20 @@ std::vector<SegmentBounds> Stream::walk() {
   return segments;
 }
 
+std::optional<SegmentBounds> Stream::flush() {
+  SegmentBounds bounds{};
+  if (!adaptor.flushSegment(handle, &bounds)) return {};
+  return bounds;
+}
+
+Bytes Stream::metadata() {
+  Bytes body(65536);
+  u32 size = static_cast<u32>(body.size());
+  adaptor.getAttribute(handle, AttrMetaData, body.data(), size);
+  body.resize(size);
+  return body;
+}
+
 std::vector<Message> Stream::load(SegmentBounds bounds, bool* good) {
   CollectingHolder holder;
   const bool result = adaptor.loadSegment(handle, &bounds, &holder);

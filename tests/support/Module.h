@@ -44,6 +44,13 @@ class Stream {
   std::optional<SegmentBounds> atPosition(i64 position);
   // Every segment from the first byte on, each found behind the end of the one before.
   std::vector<SegmentBounds> walk();
+  // Records one message.
+  bool stage(u16 messageType, u32 time, const Bytes& data) {
+    return adaptor.record(handle, messageType, data.data(), static_cast<u32>(data.size()), time);
+  }
+  std::optional<SegmentBounds> flush();
+  // Of the file's "onMetaData"; empty if there is none.
+  Bytes metadata();
   // What reached the holder; `*good` tells the call's result.
   std::vector<Message> load(SegmentBounds bounds, bool* good = nullptr);
 

@@ -26,8 +26,9 @@ bool KTFLVData::flushSegment(SegmentBounds* bounds) {
   const KTMutexGuard lock(mutex);
   const int file = fd();
   if (file == -1) return false;
-  if (seek(0, 2) == -1) return false;
-  const FrameRecord start = appendStagedTags();
+  const i64 fileEnd = seek(0, 2);
+  if (fileEnd == -1) return false;
+  const FrameRecord start = appendStagedTags(fileEnd);
   if (!writeTypeFlags()) return false;
   duration = std::max(duration, recordBuffer.maxTime());
   rewriteMetadata();
@@ -47,14 +48,15 @@ bool KTFLVData::flushSegment(SegmentBounds* bounds) {
   return dataEnd > 0;
 }
 
-// Writes what is staged at the file's end, and answers the place of its first tag. A flush that then failed
-// at the flags byte has left the buffer as it was, so that nothing is lost; the next one writes only what
-// isn't in the file yet, so that nothing stands there twice.
-FrameRecord KTFLVData::appendStagedTags() {
-  if (!unfinishedFlush.pending) unfinishedFlush = {true, dataEnd, duration, 0};
+// Writes what is staged at the file's end, where the cursor stands, and answers the place of its first tag. A
+// flush that then failed at the flags byte has left the buffer as it was, so that nothing is lost; the next
+// one writes only what isn't in the file yet, so that nothing stands there twice.
+FrameRecord KTFLVData::appendStagedTags(i64 fileEnd) {
+  if (!unfinishedFlush.pending) unfinishedFlush = {true, dataEnd, duration, 0, 0};
   const u32 before = unfinishedFlush.written;
-  const i64 written = write(recordBuffer.data + before, recordBuffer.end - before);
-  if (written > 0) unfinishedFlush.written += static_cast<u32>(written);
+  const i64 written = std::max<i64>(write(recordBuffer.data + before, recordBuffer.end - before), 0);
+  unfinishedFlush.written += static_cast<u32>(written);
+  unfinishedFlush.fileEnd = fileEnd + written;
 
   const i64 oldEnd = unfinishedFlush.dataEnd;
   const FrameRecord start{oldEnd, unfinishedFlush.duration, oldEnd + recordBuffer.firstTagSize()};
@@ -69,9 +71,11 @@ bool KTFLVData::writeTypeFlags() {
 }
 
 // Puts the new metadata exactly over the old, or not at all: the tag's header and trailing size stay right,
-// and no other tag moves. False if the file was left alone.
+// and no other tag moves. A payload that isn't in the file, because the write of the tags fell short, is not
+// written behind a gap. False if the file was left alone.
 bool KTFLVData::rewriteMetadata() {
   if (!metadata || metadataPosition < 0) return false;
+  if (metadataPosition + kTagHeaderSize + metadata->length() > unfinishedFlush.fileEnd) return false;
   const KTMessagePtr updated = updatedMetadata();
   if (!updated || updated->length() != metadata->length()) return false;
   if (seek(metadataPosition + kTagHeaderSize, 0) == -1) return false;

@@ -33,8 +33,7 @@ u32 KTFLVData::classifyRecord(std::string_view name) {
 
 void KTFLVData::scanHeadRecords(int fd) {
   mediaContexts.clear();
-  metadata = KTMessagePtr(nullptr);
-  metadataPosition = -1;
+  forgetMetadata();
 
   i64 position = firstFrame.position;
   u8 bytes[kTagHeaderSize];

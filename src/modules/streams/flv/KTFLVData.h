@@ -135,9 +135,10 @@ class KTFLVData : public KTFLVPersist {
   bool checkCodec(const RecordedMessage& message);
   void warnOnce(bool* due, const char16_t* format);
   void noteCodecs(const RecordedMessage& message);
-  void noteMetadata(const RecordedMessage& message);
+  bool noteMetadata(const RecordedMessage& message);
+  void forgetMetadata();
   static KTMessagePtr parseMetadata(const RecordedMessage& message);
-  FrameRecord appendStagedTags();
+  FrameRecord appendStagedTags(i64 fileEnd);
   bool writeTypeFlags();
   bool rewriteMetadata();
   KTMessagePtr updatedMetadata() const;
@@ -184,13 +185,14 @@ class KTFLVData : public KTFLVPersist {
   bool lastVideoKey = false;
   KTMessagePtr metadata{nullptr};
   i64 metadataPosition = -1;  // Of its tag; -1: it has no place in the file.
-  // A flush that wrote its tags and then failed: the file's state before it, and how much of the buffer is
-  // written.
+  // A flush under way, or one that wrote its tags and then failed: the file's state before it, how much of
+  // the buffer is written, and where the file ends with that.
   struct UnfinishedFlush {
     bool pending = false;
     i64 dataEnd = 0;
     u32 duration = 0;
     u32 written = 0;
+    i64 fileEnd = 0;
   } unfinishedFlush;
 };
 

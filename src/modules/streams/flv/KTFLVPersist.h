@@ -40,7 +40,6 @@ class KTFLVPersist {
   i64 sizeOf(int fd) const;
 
  private:
-  void makeDirectory();
   void sendCopy(int fd);
 
   KTWideString filePath_;

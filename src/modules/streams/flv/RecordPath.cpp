@@ -27,11 +27,14 @@ bool KTFLVData::record(u16 type, const void* data, u32 size, u32 time) {
   const KTMutexGuard lock(mutex);
   if (!openForRecord()) return false;
   const RecordedMessage message{static_cast<u8>(type), static_cast<const u8*>(data), size, time};
+  KT_ASSERT(data || size == 0);
+  if (!data && size > 0) return true;
   if (!checkCodec(message)) return true;
   noteCodecs(message);
-  noteMetadata(message);
+  const bool noted = noteMetadata(message);
   const bool staged = recordBuffer.appendTag(message.type, data, size, time);
   KT_ASSERT(staged);
+  if (noted && !staged) forgetMetadata();
   return true;
 }
 
@@ -90,14 +93,22 @@ void KTFLVData::noteCodecs(const RecordedMessage& message) {
   }
 }
 
-void KTFLVData::noteMetadata(const RecordedMessage& message) {
-  if (metadata) return;
+// True if the message has become the stream's metadata.
+bool KTFLVData::noteMetadata(const RecordedMessage& message) {
+  if (metadata) return false;
   metadata = parseMetadata(message);
-  if (!metadata) return;
+  if (!metadata) return false;
   // Where the tag will stand after the next flush; if that can't be told it has no place, and is never
   // rewritten.
   const i64 fileEnd = seek(0, 2);
   metadataPosition = fileEnd == -1 ? -1 : fileEnd + recordBuffer.end;
+  return true;
+}
+
+// For a message that couldn't be staged, too: another tag will stand in its place.
+void KTFLVData::forgetMetadata() {
+  metadata = KTMessagePtr(nullptr);
+  metadataPosition = -1;
 }
 
 KTMessagePtr KTFLVData::parseMetadata(const RecordedMessage& message) {
