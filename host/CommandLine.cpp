@@ -27,6 +27,8 @@ class CommandLine {
     addPlay();
     addRecord();
     addFollow();
+    addMeta();
+    addContexts();
     addDemo();
   }
 
@@ -52,6 +54,8 @@ class CommandLine {
   void addPlay();
   void addRecord();
   void addFollow();
+  void addMeta();
+  void addContexts();
   void addDemo();
 
   CLI::App* addCommand(const char* name, const char* description, const char* example, CommonOptions& common);
@@ -68,6 +72,8 @@ class CommandLine {
   PlayOptions play_;
   RecordOptions record_;
   FollowOptions follow_;
+  MetaOptions meta_;
+  ContextsOptions contexts_;
   DemoOptions demo_;
 };
 
@@ -192,6 +198,22 @@ void CommandLine::addFollow() {
   addTime(command, "--until-idle", "Stop once the file hasn't grown for this long",
           [this](u32 time) { follow_.untilIdle = time; });
   command->callback([this] { chosen_ = [this] { return runFollow(follow_); }; });
+}
+
+void CommandLine::addMeta() {
+  CLI::App* const command = addCommand("meta", "Shows the metadata at a file's head as JSON.",
+                                       "flvhost meta clip.flv", meta_.common);
+  command->add_option("FILE", meta_.file, "An FLV file")->required();
+  command->add_flag("--raw", meta_.raw, "Dump the bytes instead");
+  command->callback([this] { chosen_ = [this] { return runMeta(meta_); }; });
+}
+
+void CommandLine::addContexts() {
+  CLI::App* const command =
+      addCommand("contexts", "Shows as JSON what a server gets as a file's media contexts.",
+                 "flvhost contexts clip.flv", contexts_.common);
+  command->add_option("FILE", contexts_.file, "An FLV file")->required();
+  command->callback([this] { chosen_ = [this] { return runContexts(contexts_); }; });
 }
 
 void CommandLine::addDemo() {

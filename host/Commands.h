@@ -61,6 +61,17 @@ struct FollowOptions {
   std::optional<u32> untilIdle;
 };
 
+struct MetaOptions {
+  CommonOptions common;
+  std::string file;
+  bool raw = false;
+};
+
+struct ContextsOptions {
+  CommonOptions common;
+  std::string file;
+};
+
 struct DemoOptions {
   CommonOptions common;
   std::string file;
@@ -73,6 +84,8 @@ ExitCode runSeek(const SeekOptions& options);
 ExitCode runPlay(const PlayOptions& options);
 ExitCode runRecord(const RecordOptions& options);
 ExitCode runFollow(const FollowOptions& options);
+ExitCode runMeta(const MetaOptions& options);
+ExitCode runContexts(const ContextsOptions& options);
 ExitCode runDemo(const DemoOptions& options);
 
 }  // namespace orv::host

@@ -21,7 +21,9 @@ void noteFirstTags(FileSummary& summary, const Tag& tag) {
   std::optional<FileSummary::FirstTag>* const slot = tag.isVideo()   ? &summary.video
                                                      : tag.isAudio() ? &summary.audio
                                                                      : nullptr;
-  if (slot && !*slot && tag.size > 0) *slot = {tag.time, codecText(tag), isKeyFrame(tag)};
+  if (!slot || *slot || tag.size == 0) return;
+  const auto id = tag.isEncrypted() ? std::nullopt : std::optional(codecId(tag));
+  *slot = {tag.time, codecText(tag), id, isKeyFrame(tag)};
 }
 
 // Looks for what the header's flags promise, in the first segment in any case.
@@ -39,17 +41,35 @@ void readFront(Stream& stream, FileSummary& summary) {
   }
 }
 
-const char* headRecordName(u32 trackId) {
-  switch (trackId) {
-    case kTrackMetaData:
-      return "onMetaData";
-    case kTrackAdditionalHeader:
-      return "|AdditionalHeader";
-    case kTrackXmpData:
-      return "onXMPData";
-    default:
-      return "control";
+TagFacts factsOf(const FileSummary& s) {
+  return {s.duration, s.fileSize, s.video ? s.video->codecId : std::nullopt,
+          s.audio ? s.audio->codecId : std::nullopt};
+}
+
+// The metadata that a server gets.
+std::vector<Claim> readClaims(const Stream& stream, const TagFacts& facts) {
+  std::vector<Claim> claims;
+  stream.headRecords([&](const HeadRecord& record) {
+    if (record.trackId == kTrackMetaData) claims = claimsOf(record.tag, facts);
+  });
+  return claims;
+}
+
+std::string claimText(const Claim& claim) {
+  const char* const verdict = claim.agrees ? "as the tags say" : "DIFFERS: it is ";
+  return fmt::format("{} {}, {}{}", claim.key, claim.claimedText, verdict,
+                     claim.agrees ? "" : claim.actualText);
+}
+
+Json claimsJson(const std::vector<Claim>& claims) {
+  Json json = Json::object();
+  for (const Claim& claim : claims) {
+    Json& entry = json[claim.key] = {{"claimed", claim.claimedText}};
+    if (claim.claimed) entry["claimed"] = *claim.claimed;
+    entry["actual"] = claim.actual ? Json(*claim.actual) : Json(nullptr);
+    entry["agrees"] = claim.agrees;
   }
+  return json;
 }
 
 std::string playableText(const FileSummary& s) {
@@ -95,6 +115,7 @@ FileSummary summarize(Stream& stream, Depth depth) {
     summary.headRecords.push_back({record.trackId, record.tag.size});
   });
   readFront(stream, summary);
+  summary.claims = readClaims(stream, factsOf(summary));
   if (depth == Depth::wholeFile) summary.tally = playOut(stream, {}, nullptr, nullptr);
   return summary;
 }
@@ -113,6 +134,7 @@ std::string summaryText(const FileSummary& s) {
   for (const FileSummary::Head& head : s.headRecords) {
     text += row("head", fmt::format("{}, {} bytes", headRecordName(head.trackId), head.size));
   }
+  for (const Claim& claim : s.claims) text += row("claim", claimText(claim));
   if (!s.tally) return text;
   for (const auto& [type, kind] : s.tally->kinds) {
     text +=
@@ -150,6 +172,7 @@ Json summaryJson(const FileSummary& s) {
                {"video", firstTagJson(s.video)},
                {"audio", firstTagJson(s.audio)},
                {"headRecords", std::move(heads)},
+               {"claims", claimsJson(s.claims)},
                {"memoryOverhead", s.memoryOverhead}};
   if (s.tally) json["tags"] = tallyJson(*s.tally);
   return json;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "MetadataClaims.h"
 #include "PlayOut.h"
 #include "Session.h"
 
@@ -16,6 +17,7 @@ struct FileSummary {
   struct FirstTag {
     u32 time;
     std::string codec;
+    std::optional<u32> codecId;  // None if the tag is encrypted.
     bool isKeyFrame;
   };
   struct Head {
@@ -33,6 +35,7 @@ struct FileSummary {
   std::optional<FirstTag> video;  // Among the first segments' tags.
   std::optional<FirstTag> audio;
   std::vector<Head> headRecords;
+  std::vector<Claim> claims;       // Of the metadata.
   std::optional<PlayTally> tally;  // If the whole file was counted.
 
   i64 bytesBehind() const { return fileSize - playableEnd; }

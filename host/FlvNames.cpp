@@ -10,7 +10,9 @@ constexpr const char* kOther = "other";
 constexpr u8 kFrameKey = 1;
 constexpr u8 kPacketSetup = 0;  // Second byte of an AVC or AAC tag.
 
-const char* videoCodec(u8 id) {
+}  // namespace
+
+const char* videoCodecName(u32 id) {
   switch (id) {
     case 2:
       return "H.263 (Sorenson)";
@@ -29,7 +31,7 @@ const char* videoCodec(u8 id) {
   }
 }
 
-const char* audioCodec(u8 id) {
+const char* audioCodecName(u32 id) {
   switch (id) {
     case 0:
     case 3:
@@ -59,6 +61,8 @@ const char* audioCodec(u8 id) {
   }
 }
 
+namespace {
+
 // The rate and channels that the tag byte states mean something with these codecs alone; the others say them
 // in their data or have fixed ones.
 bool statesFormat(u8 codec) {
@@ -68,7 +72,7 @@ bool statesFormat(u8 codec) {
 std::string audioText(u8 first) {
   constexpr const char* kRates[] = {"5.5", "11", "22", "44.1"};
   const u8 codec = first >> 4;
-  const char* const name = audioCodec(codec);
+  const char* const name = audioCodecName(codec);
   if (!name) return fmt::format("unknown codec {}", codec);
   if (!statesFormat(codec)) return name;
   return fmt::format("{}, {} kHz, {}, {} bit", name, kRates[first >> 2 & 3], first & 1 ? "stereo" : "mono",
@@ -103,7 +107,7 @@ std::string codecText(const Tag& tag) {
   if (tag.isEncrypted()) return "encrypted";
   if (tag.isAudio()) return audioText(tag.data[0]);
   const u8 codec = tag.data[0] & 15;
-  const char* const name = videoCodec(codec);
+  const char* const name = videoCodecName(codec);
   return name ? name : fmt::format("unknown codec {}", codec);
 }
 
@@ -111,6 +115,19 @@ std::string flagsText(u32 flags) {
   const bool audio = flags & kFlagAudio;
   const bool video = flags & kFlagVideo;
   return audio && video ? "audio, video" : audio ? "audio" : video ? "video" : "none";
+}
+
+const char* headRecordName(u32 trackId) {
+  switch (trackId) {
+    case kTrackMetaData:
+      return "onMetaData";
+    case kTrackAdditionalHeader:
+      return "|AdditionalHeader";
+    case kTrackXmpData:
+      return "onXMPData";
+    default:
+      return "control";
+  }
 }
 
 bool isCodecSetup(const Tag& tag) {

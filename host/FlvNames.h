@@ -18,8 +18,17 @@ inline constexpr u8 kCodecAac = 10;  // High half of an audio tag's.
 
 const char* tagTypeName(u8 type);  // "audio", "video", "data", ...
 bool isKnownType(u8 type);
+// Null for a number that names no codec.
+const char* videoCodecName(u32 id);
+const char* audioCodecName(u32 id);
+// Of a media tag with data that isn't encrypted.
+inline u32 codecId(const Tag& tag) {
+  return tag.isVideo() ? tag.data[0] & 15 : tag.data[0] >> 4;
+}
 std::string codecText(const Tag& tag);  // "MP3, 44.1 kHz, stereo, 16 bit"; "" for other than media
 std::string flagsText(u32 flags);       // Of the file header: "audio, video"
+
+const char* headRecordName(u32 trackId);  // "onMetaData", ...
 
 // Whether decoding can start at `tag`: a key frame of video, a codec's set-up record excluded.
 bool isKeyFrame(const Tag& tag);

@@ -93,6 +93,8 @@ class MessageHolder final : public ISegmentHolder {
 struct HeadRecord {
   u32 trackId;
   Tag tag;
+  i64 position;  // Where the module says that it holds from; -1 for all that it makes itself.
+  u32 contextType;
 };
 
 // Kinds of head records: their track ids.
@@ -106,9 +108,10 @@ class HeadRecordHolder final : public IContextHolder {
   using Handler = std::function<void(const HeadRecord&)>;
   explicit HeadRecordHolder(Handler handler) : handler_(std::move(handler)) {}
 
-  void onContext(unsigned short messageType, const void* data, u32 size, u32 time, i64, u32 trackId,
-                 u32) override {
-    handler_({trackId, {static_cast<u8>(messageType), time, 0, static_cast<const u8*>(data), size}});
+  void onContext(unsigned short messageType, const void* data, u32 size, u32 time, i64 position, u32 trackId,
+                 u32 contextType) override {
+    const Tag tag{static_cast<u8>(messageType), time, 0, static_cast<const u8*>(data), size};
+    handler_({trackId, tag, position, contextType});
   }
 
  private:
