@@ -12,8 +12,9 @@ namespace {
 
 constexpr i32 kAmf3Encoding = 3;
 constexpr u8 kTrue = 1;
-constexpr u32 kNumberSize = 9;   // With its marker; what long arrays are made of.
-constexpr u32 kMemberSize = 16;  // The same with a key.
+constexpr u32 kMemberOverhead = 2 + 1 + 8;  // Of a Number, besides its key.
+constexpr u32 kNumberSize = 9;              // With its marker; what long arrays are made of.
+constexpr u32 kMemberSize = 16;             // The same with a key.
 
 std::string_view upToNul(std::string_view text) {
   return text.substr(0, text.find('\0'));
@@ -39,12 +40,27 @@ u8 KTCSerializer::readMember(KTData& value, std::string_view* key) {
 u8 KTCSerializer::writeMember(const KTData& value, const std::string_view* key) {
   const Mark start = mark();
   try {
+    if (key && value.type() == KTData::Number && key->size() <= kMaxShortText) {
+      return writeNumberMember(*key, value.toDouble());
+    }
     if (key) writeString(*key, kShortText);
     return writeForm(value);
   } catch (const KTOutOfMemory&) {
     goBackTo(start);
     return KTData::ObjectEnd;
   }
+}
+
+// What most metadata consists of, in one piece.
+u8 KTCSerializer::writeNumberMember(std::string_view key, double value) {
+  const u32 length = static_cast<u32>(key.size());
+  if (u8* bytes = room(length + kMemberOverhead)) {
+    bytes = put(bytes, static_cast<u16>(length));
+    bytes = putText(bytes, key);
+    bytes = put(bytes, u8{KTData::Number});
+    put(bytes, std::bit_cast<u64>(value));
+  }
+  return KTData::Number;
 }
 
 void KTCSerializer::readForm(u8 marker, KTData& value) {
@@ -160,10 +176,12 @@ void KTCSerializer::readMembers(KTDataArray& array) {
 }
 
 void KTCSerializer::writeMembers(const KTDataArray& array, u32 first) {
-  KeyList::Digits digits;
+  const bool indices = array.hasIndexKeys();
+  IndexText indexText(first);
   for (u32 i = first; i < array.size(); ++i) {
-    const std::string_view key = array.keyText(i, digits);
+    const std::string_view key = indices ? indexText.view() : array.keyText(i, indexText);
     if (writeMember(array.valueAt(i), &key) == KTData::ObjectEnd) break;
+    if (indices) indexText.next();
   }
   writeU16(0);
   writeU8(KTData::ObjectEnd);

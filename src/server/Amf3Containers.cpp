@@ -79,9 +79,9 @@ void KTCSerializer::enterPairs(KTDataArray& array, std::vector<Pair>& pairs) {
 
 // An entry with an empty key ends what a reader takes for the array.
 void KTCSerializer::writePairs(const KTDataArray& array, u32 first) {
-  KeyList::Digits digits;
+  IndexText indexText;
   for (u32 i = first; i < array.size(); ++i) {
-    writeAmf3String(array.keyText(i, digits));
+    writeAmf3String(array.keyText(i, indexText));
     writeAmf3(array.valueAt(i));
   }
   writeAmf3String({});

@@ -94,19 +94,20 @@ bool KTCSerializer::isOpen(const KTDataArray* array) const {
 }
 
 void KTCSerializer::enter(KTDataArray& array, std::string_view key, KTData&& value) {
-  if (charge(array.growthCost(key)) && noteReference(array, value)) array.append(key, std::move(value));
+  if (!noteReference(array, value) || array.appendWithinRoom(key, value)) return;
+  if (charge(array.growthCost(key))) array.append(key, std::move(value));
 }
 
 void KTCSerializer::enterElement(KTDataArray& array, KTData&& value) {
-  if (charge(array.elementGrowthCost()) && noteReference(array, value)) array.appendElement(std::move(value));
+  if (!noteReference(array, value) || array.appendElementWithinRoom(value)) return;
+  if (charge(array.elementGrowthCost())) array.appendElement(std::move(value));
 }
 
 // Remembers a value that is about to be entered if it closes a cycle, which only a reference to an open array
 // does: any other was complete before the arrays around the value were begun. False if memory to remember it
 // isn't granted.
-bool KTCSerializer::noteReference(KTDataArray& holder, const KTData& value) {
-  KTDataArray* const target = value.asArray();
-  if (!target || !isOpen(target)) return true;
+bool KTCSerializer::noteBackReference(KTDataArray& holder, KTDataArray* target) {
+  if (!isOpen(target)) return true;
   if (!charge(2 * sizeof(BackReference))) return false;
   backReferences_.push_back({&holder, holder.size(), target});
   return true;
@@ -152,7 +153,7 @@ void KTCSerializer::goBackTo(const Mark& mark) {
 }
 
 amf::ClassName amf::classNameOf(const KTDataArray& array) {
-  KeyList::Digits digits;
-  if (array.keyText(0, digits) != kClassKey) return {false, kPlainClass};
+  IndexText indexText;
+  if (array.keyText(0, indexText) != kClassKey) return {false, kPlainClass};
   return {true, array.valueAt(0).text()};
 }

@@ -119,7 +119,10 @@ class KTCSerializer : public KTParser {
   bool isOpen(const KTDataArray* array) const;
   void enter(KTDataArray& array, std::string_view key, KTData&& value);
   void enterElement(KTDataArray& array, KTData&& value);
-  bool noteReference(KTDataArray& holder, const KTData& value);
+  bool noteReference(KTDataArray& holder, const KTData& value) {
+    return !KTData::isArray(value.type()) || noteBackReference(holder, value.asArray());
+  }
+  bool noteBackReference(KTDataArray& holder, KTDataArray* target);
   void cutBackReferences();
   // A plain value in which the failure came.
   bool wasCut(const KTData& value) const { return failed() && !KTData::isArray(value.type()); }
@@ -132,6 +135,7 @@ class KTCSerializer : public KTParser {
   // AMF0: Amf0Forms.cpp.
   u8 readMember(KTData& value, std::string_view* key);
   u8 writeMember(const KTData& value, const std::string_view* key);
+  u8 writeNumberMember(std::string_view key, double value);
   void readForm(u8 marker, KTData& value);
   u8 writeForm(const KTData& value);
   u8 writeText(const KTData& value);

@@ -55,16 +55,6 @@ void KTData::setNull() {
   become(Null);
 }
 
-void KTData::setNumber(double value) {
-  become(Number);
-  payload_.number = value;
-}
-
-void KTData::setBool(bool value) {
-  become(Boolean);
-  payload_.flag = value;
-}
-
 void KTData::setInt64(i64 value) {
   become(Int64);
   payload_.integer = value;
@@ -148,10 +138,8 @@ i64 KTData::toInt64() const {
   }
 }
 
-double KTData::toDouble() const {
+double KTData::otherToDouble() const {
   switch (type_) {
-    case Number:
-      return payload_.number;
     case Boolean:
       return payload_.flag != 0 ? 1.0 : 0.0;
     case String:

@@ -42,7 +42,10 @@ class KTData {
   // Undefined.
   constexpr KTData() = default;
   KTData(const KTData& other);
-  KTData(KTData&& other) noexcept { swap(other); }
+  KTData(KTData&& other) noexcept : type_(other.type_), subtype_(other.subtype_), payload_(other.payload_) {
+    other.type_ = Undefined;
+    other.subtype_ = kNoSubtype;
+  }
   ~KTData() {
     if (ownsContent()) drop();
   }
@@ -60,8 +63,14 @@ class KTData {
   // Each drops the old content first and leaves `subtype` at 6.
   void clear();
   void setNull();
-  void setNumber(double value);
-  void setBool(bool value);
+  void setNumber(double value) {
+    become(Number);
+    payload_.number = value;
+  }
+  void setBool(bool value) {
+    become(Boolean);
+    payload_.flag = value;
+  }
   void setInt64(i64 value);
   void setString(const char* text);      // A null text is empty.
   void setString(const char16_t* text);  // Becomes UTF-8; empty if it can't.
@@ -86,7 +95,9 @@ class KTData {
   i32 toInt() const;
   u32 toUInt() const { return static_cast<u32>(toInt()); }
   i64 toInt64() const;
-  double toDouble() const;  // Of a Date, seconds.
+  double toDouble() const {
+    return type_ == Number ? payload_.number : otherToDouble();
+  }  // Of a Date, seconds.
   float toFloat() const { return static_cast<float>(toDouble()); }
   // Of a String or an Xml; else empty, never null. Valid until the value changes.
   const char* asString() const { return text().data(); }
@@ -141,6 +152,7 @@ class KTData {
 
   bool ownsContent() const { return isOneOf(kStrings | kArrays | kOne << Memory, type_); }
   void drop();
+  double otherToDouble() const;
   void become(u8 type) {
     if (ownsContent()) drop();
     type_ = type;

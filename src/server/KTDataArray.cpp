@@ -47,12 +47,12 @@ std::size_t KTDataArray::nextCapacity() const {
 }
 
 u64 KTDataArray::elementGrowthCost() const {
-  if (values_.size() < values_.capacity()) return 0;
+  if (!isFull()) return 0;
   return nextCapacity() * sizeof(KTData) + orv::amf::kBlockOverhead;
 }
 
 void KTDataArray::push(KTData&& value) {
-  if (values_.size() == values_.capacity()) values_.reserve(nextCapacity());
+  if (isFull()) values_.reserve(nextCapacity());
   values_.push_back(std::move(value));
 }
 
@@ -74,13 +74,12 @@ bool KTDataArray::set(u32 index, orv::KeyView key, KTData value) {
 }
 
 void KTDataArray::appendElement(KTData value) {
-  if (!keys_.areIndices()) {
-    orv::KeyList::Digits digits;
-    append(orv::KeyList::decimal(size(), digits), std::move(value));
-    return;
+  if (keys_.areIndices()) {
+    push(std::move(value));
+    keys_.appendIndex();
+  } else {
+    append(orv::IndexText(size()).view(), std::move(value));
   }
-  push(std::move(value));
-  keys_.appendIndex();
 }
 
 void KTDataArray::extendTo(u32 count) {
@@ -102,23 +101,23 @@ KTString& KTDataArray::keyAt(u32 index) {
   return keys_.at(index);
 }
 
-std::string_view KTDataArray::keyText(u32 index, orv::KeyList::Digits& digits) const {
-  return index < size() ? keys_.text(index, digits) : std::string_view("");
+std::string_view KTDataArray::keyText(u32 index, orv::IndexText& indexText) const {
+  return index < size() ? keys_.text(index, indexText) : std::string_view("");
 }
 
 const KTData& KTDataArray::find(const char* key) const {
   if (!key) return missing;
-  orv::KeyList::Digits digits;
+  orv::IndexText indexText;
   for (u32 i = 0; i < size(); ++i) {
-    if (orv::equalNoCase(keys_.text(i, digits), key)) return values_[i];
+    if (orv::equalNoCase(keys_.text(i, indexText), key)) return values_[i];
   }
   return missing;
 }
 
 bool KTDataArray::sameShape(const KTDataArray& other) const {
   if (size() != other.size() || type_ != other.type_) return false;
-  orv::KeyList::Digits mine;
-  orv::KeyList::Digits theirs;
+  orv::IndexText mine;
+  orv::IndexText theirs;
   for (u32 i = 0; i < size(); ++i) {
     if (keys_.text(i, mine) != other.keys_.text(i, theirs)) return false;
   }

@@ -27,7 +27,10 @@ class KTDataArray : public KTObject {
 
   u32 size() const { return static_cast<u32>(values_.size()); }
   // Never shrinks.
-  void reserve(u32 count) { values_.reserve(count); }
+  void reserve(u32 count) {
+    values_.reserve(count);
+    keys_.expect(count);
+  }
 
   // What the array stands for, by the marker that it was read from; 6 until somebody sets it.
   i32 type() const { return type_; }
@@ -39,6 +42,13 @@ class KTDataArray : public KTObject {
   bool append(orv::KeyView key, KTData value) { return set(size(), key, std::move(value)); }
   // With the decimal text of its index as key.
   void appendElement(KTData value);
+  // The same, if they take no memory; else false, and the value is still there.
+  bool appendWithinRoom(std::string_view key, KTData& value) {
+    return !isFull() && keys_.appendWithinRoom(key) && take(value);
+  }
+  bool appendElementWithinRoom(KTData& value) {
+    return !isFull() && keys_.appendIndexWithinRoom() && take(value);
+  }
 
   // Past the end: a shared Undefined and the empty key. References hold until the array changes.
   const KTData& valueAt(u32 index) const { return index < size() ? values_[index] : missing; }
@@ -47,8 +57,8 @@ class KTDataArray : public KTObject {
   KTData& valueAt(u32 index);
   KTString& keyAt(u32 index);
 
-  // The key as a view, which spares the making of a string; `digits` may hold it.
-  std::string_view keyText(u32 index, orv::KeyList::Digits& digits) const;
+  // The key as a view, which spares the making of a string; `indexText` may hold it.
+  std::string_view keyText(u32 index, orv::IndexText& indexText) const;
   // True while every key is the decimal text of its index, as in a dense array.
   bool hasIndexKeys() const { return keys_.areIndices(); }
 
@@ -65,6 +75,11 @@ class KTDataArray : public KTObject {
  private:
   static const KTData missing;
 
+  bool isFull() const { return values_.size() == values_.capacity(); }
+  bool take(KTData& value) {
+    values_.push_back(std::move(value));
+    return true;
+  }
   std::size_t nextCapacity() const;
   void push(KTData&& value);
   void extendTo(u32 count);

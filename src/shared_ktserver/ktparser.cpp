@@ -61,6 +61,11 @@ void KTParser::grow(u32 count) {
   limit_ = static_cast<i32>(capacity);
 }
 
+const u8* KTParser::refuseRead() {
+  fail();
+  return nullptr;
+}
+
 u8* KTParser::refuseWrite() {
   KT_ASSERT(writing_);
   return nullptr;

@@ -88,6 +88,26 @@ class KTParser {
   // Takes back what was written since `position`.
   void rewind(i32 position) { position_ = position; }
 
+  // For what is written in several pieces: the next `count` bytes, all to be filled; null on a reader.
+  u8* room(u32 count) {
+    if (!writing_) return refuseWrite();
+    if (count > static_cast<u32>(limit_ - position_)) grow(count);
+    u8* const bytes = owned_.get() + position_;
+    position_ += static_cast<i32>(count);
+    return bytes;
+  }
+  // Put a number or a text there, and give the place behind it.
+  template <class Number>
+  static u8* put(u8* bytes, Number value) {
+    const Number wire = swapped(value);
+    std::memcpy(bytes, &wire, sizeof wire);
+    return bytes + sizeof wire;
+  }
+  static u8* putText(u8* bytes, std::string_view text) {
+    if (!text.empty()) std::memcpy(bytes, text.data(), text.size());
+    return bytes + text.size();
+  }
+
  private:
   template <class Number>
   static Number swapped(Number value) {
@@ -98,14 +118,12 @@ class KTParser {
   }
 
   const u8* take(u32 count) {
-    if (count > remaining()) [[unlikely]] {
-      fail();
-      return nullptr;
-    }
+    if (count > remaining()) return refuseRead();
     const u8* const bytes = buffer_ + position_;
     position_ += static_cast<i32>(count);
     return bytes;
   }
+  const u8* refuseRead();
 
   template <class Number>
   Number readNumber() {
@@ -116,25 +134,12 @@ class KTParser {
     return swapped(value);
   }
 
-  // Room for `count` more bytes; null on a reader.
-  u8* room(u32 count) {
-    if (!writing_) [[unlikely]]
-      return refuseWrite();
-    if (count > static_cast<u32>(limit_ - position_)) [[unlikely]]
-      grow(count);
-    u8* const bytes = owned_.get() + position_;
-    position_ += static_cast<i32>(count);
-    return bytes;
-  }
   void grow(u32 count);
   u8* refuseWrite();
 
   template <class Number>
   void writeNumber(Number value) {
-    u8* const bytes = room(sizeof value);
-    if (!bytes) return;
-    const Number wire = swapped(value);
-    std::memcpy(bytes, &wire, sizeof wire);
+    if (u8* const bytes = room(sizeof value)) put(bytes, value);
   }
 
   bool failed_ = false;

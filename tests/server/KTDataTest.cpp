@@ -205,9 +205,9 @@ TEST(KTDataArray, keysStayWhatTheyAre) {
   EXPECT_STREQ(list->keyAt(11).c_str(), "11");  // Strings from here on.
   const char* const kEnd[] = {"12", "x", "14"};
   for (u32 i = 0; i < 3; ++i) {
-    KeyList::Digits digits;
-    EXPECT_EQ(list->keyText(12 + i, digits), kEnd[i]);
-    EXPECT_EQ(packed->keyText(12 + i, digits), kEnd[i]);
+    IndexText indexText;
+    EXPECT_EQ(list->keyText(12 + i, indexText), kEnd[i]);
+    EXPECT_EQ(packed->keyText(12 + i, indexText), kEnd[i]);
   }
   EXPECT_TRUE(list->sameShape(*packed));
   EXPECT_FALSE(list->sameShape(*indices));

@@ -20,10 +20,10 @@ void printArray(std::ostream& out, const KTDataArray& array, Path& path) {
     return;
   }
   path.push_back(&array);
-  KeyList::Digits digits;
+  IndexText indexText;
   out << '[' << array.type() << "]{";
   for (u32 i = 0; i < array.size(); ++i) {
-    out << (i ? ", " : "") << array.keyText(i, digits) << ": ";
+    out << (i ? ", " : "") << array.keyText(i, indexText) << ": ";
     print(out, array.valueAt(i), path);
   }
   out << '}';
