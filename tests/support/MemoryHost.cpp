@@ -88,6 +88,7 @@ int MemoryHost::open(const char* path, int flags, int mode, int) {
   if (call.result == kFailed) return kFailed;
   FilePtr file = named(path);
   if (flags == openflags::createTruncate) {
+    if (protectsFiles && file && file->image.size() > 0) return call.result = kFailed;
     if (!file) file = files_[path] = std::make_shared<File>();
     file->image.resize(0);
     changed(*file);

@@ -54,6 +54,7 @@ class MemoryHost final : public TestContext, public IFileService {
   i64 clock = 1'000'000;
   i64 clockStep = 1;  // 0: changes that no reader can notice.
   int firstDescriptor = 3;
+  bool protectsFiles = false;  // Refuses to cut a file that holds bytes when it is opened.
 
   std::vector<Call> calls;
   u32 count(Op op) const;

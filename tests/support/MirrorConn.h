@@ -7,6 +7,7 @@
 #include <string>
 
 #include "modules/streams/contract/IBackupConn.h"
+#include "modules/streams/contract/IFileService.h"
 #include "support/FileImage.h"
 #include "util/KTString.h"
 
@@ -23,7 +24,8 @@ class MirrorConn final : public IBackupConn {
   int answer = 0;                          // To every call.
 
   int open(const KTString& name, int flags, int mode) override {
-    if (flags == 0x8302) files[name.c_str()].resize(0);
+    if (flags == openflags::createTruncate) files[name.c_str()].resize(0);
+    cursors_[name.c_str()] = 0;
     return tell("open", flags, mode);
   }
   int close(const KTString&) override { return tell("close"); }
