@@ -5,6 +5,11 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+#include <utility>
 
 #include "TempDir.h"
 
@@ -16,27 +21,82 @@ struct Outcome {
   std::string err;
 };
 
-inline Outcome flvhost(std::vector<std::string> args) {
-  const TempDir dir;
-  args.insert(args.begin(), FLVHOST_PATH);
-  std::vector<char*> argv;
-  for (std::string& arg : args) argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  const std::string out = dir.path("out"), err = dir.path("err");
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
-  std::string module = std::string("FLVADAPTOR_MODULE=") + FLV_MODULE_PATH;
-  char* environment[] = {module.data(), nullptr};
-  pid_t child = 0;
-  const int failed = posix_spawn(&child, FLVHOST_PATH, &actions, nullptr, argv.data(), environment);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failed) throw std::runtime_error("flvhost doesn't start");
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  const auto text = [](const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); };
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(TempDir::read(out)), text(TempDir::read(err))};
+// A run that is fed, and ended, step by step.
+class Running {
+ public:
+  explicit Running(std::vector<std::string> args) {
+    std::signal(SIGPIPE, SIG_IGN);
+    args.insert(args.begin(), FLVHOST_PATH);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, dir_.path("out").c_str(), O_WRONLY | O_CREAT, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, dir_.path("err").c_str(), O_WRONLY | O_CREAT, 0600);
+    std::string module = std::string("FLVADAPTOR_MODULE=") + FLV_MODULE_PATH;
+    char* environment[] = {module.data(), nullptr};
+    const int failed = posix_spawn(&child_, FLVHOST_PATH, &actions, nullptr, argv.data(), environment);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(ends[0]);
+    input_ = ends[1];
+    if (failed) throw std::runtime_error("flvhost doesn't start");
+  }
+  ~Running() { end(SIGKILL); }
+
+  // What the program no longer takes is dropped.
+  void feed(const Bytes& bytes) {
+    for (std::size_t at = 0; at < bytes.size();) {
+      const ssize_t done = ::write(input_, bytes.data() + at, bytes.size() - at);
+      if (done <= 0) return;
+      at += static_cast<std::size_t>(done);
+    }
+  }
+  void signal(int number) const { ::kill(child_, number); }
+  // Its input ends, and it is waited for.
+  Outcome wait() {
+    end(0);
+    return {exitCode_, out(), text("err")};
+  }
+  std::string out() const { return text("out"); }
+
+ private:
+  void end(int number) {
+    if (input_ >= 0) ::close(std::exchange(input_, -1));
+    if (child_ == 0) return;
+    int status = 0;
+    if (number) ::kill(child_, number);
+    ::waitpid(std::exchange(child_, 0), &status, 0);
+    exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::string text(const std::string& name) const {
+    const Bytes bytes = TempDir::read(dir_.path(name));
+    return {bytes.begin(), bytes.end()};
+  }
+
+  const TempDir dir_;
+  pid_t child_ = 0;
+  int input_ = -1;
+  int exitCode_ = -1;
+};
+
+inline Outcome flvhost(std::vector<std::string> args, const Bytes& input = {}) {
+  Running run(std::move(args));
+  run.feed(input);
+  return run.wait();
+}
+
+// Whether `condition` comes true within ten seconds.
+template <class Condition>
+bool eventually(Condition condition) {
+  for (int i = 0; i < 1000; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
 }
 
 }  // namespace orv::host::test

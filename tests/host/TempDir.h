@@ -33,7 +33,9 @@ class TempDir {
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return path(name);
   }
+  // Nothing if there is no such file.
   static Bytes read(const std::string& file) {
+    if (!std::filesystem::exists(file)) return {};
     std::ifstream in(file, std::ios::binary);
     Bytes bytes(std::filesystem::file_size(file));
     in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
