@@ -84,7 +84,8 @@ void handover_KTFiberMutex(benchmark::State& state) {
   });
 }
 
-// These let whoever is awake barge in: most of their rounds pass nothing on. Shown for what a plain lock does.
+// These let whoever is awake barge in: most of their rounds pass nothing on. Shown for what a plain lock
+// does.
 template <class Mutex>
 void contend(benchmark::State& state, Mutex& mutex) {
   inTwoThreads(state, [&](const std::atomic<bool>&) {

@@ -177,6 +177,11 @@ TEST(ORVFiber, fibersAndThreadsAreServedInOneLine) {
   }
   mutex.unlock();
   for (auto& thread : threads) thread.join();
+  // The last fiber goes on in a thread that may not have begun yet.
+  await([&] {
+    const KTMutexGuard guard(mutex);
+    return order.size() == works.size();
+  });
   awaitThreads();
   EXPECT_EQ("abcdefgh", order);
   await([] { return ORVFiber::aliveCount() == 0; });
