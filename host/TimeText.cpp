@@ -6,7 +6,7 @@ namespace orv::host {
 
 namespace {
 
-constexpr u64 kSecond = 1000;
+constexpr u32 kSecond = 1000;
 constexpr u64 kTooMuch = u64{1} << 32;
 
 // Takes the digits at the front of `text`. None where there is none; a number too big for a time saturates.
