@@ -58,10 +58,13 @@ class RecordKillTest : public testing::Test {
     }
   }
 
-  void killAfter(std::chrono::microseconds time) {
+  // Once so many tags are promised, however slow the machine, and a moment later.
+  void killAfter(u32 tags, std::chrono::microseconds time) {
     promised->store(0);
     const pid_t child = fork();
     if (child == 0) recordForever();
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (promised->load() < tags && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
     std::this_thread::sleep_for(time);
     kill(child, SIGKILL);
     int status = 0;
@@ -99,7 +102,8 @@ TEST_F(RecordKillTest, atRandomMoments) {
   u32 mostPromised = 0, tornFiles = 0;
   for (int round = 0; round < rounds && Clock::now() < deadline; ++round) {
     std::filesystem::remove(directory_ + "/film.flv");
-    ASSERT_NO_FATAL_FAILURE(killAfter(std::chrono::microseconds(random.below(25'000))));
+    const auto moment = std::chrono::microseconds(random.below(5'000));
+    ASSERT_NO_FATAL_FAILURE(killAfter(static_cast<u32>(random.below(5)) * kTagsAFlush, moment));
     bool torn = false;
     // A torn last tag hides the whole tag before it.
     const u32 found = tagsFound(*player, &torn) + (torn ? 1 : 0);
