@@ -35,7 +35,7 @@ TEST(KTPtr, callsOnlyWhenOwnershipChanges) {
 
 TEST(KTObject, releaseGivesZeroWhenItDestroys) {
   std::string log;
-  KTObject* const object = new Witness("o", log);
+  Witness* const object = new Witness("o", log);
   EXPECT_EQ(0, object->getRefCount());
   EXPECT_EQ(1, object->addRef());
   EXPECT_EQ(2, object->addRef());

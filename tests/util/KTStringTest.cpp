@@ -46,7 +46,9 @@ TEST(KTString, appendingKeepsTheBlockUntilItsRoomEnds) {
   EXPECT_EQ("12345" + std::string(25, 'x') + "y", text.c_str());
   EXPECT_EQ(62,
             text.append(text.c_str()).length());  // The text may be its own source, with and without a move.
-  text = text.c_str() + 60;
+  text = text.c_str() + 1;                        // In place, over itself.
+  EXPECT_EQ("2345" + std::string(25, 'x') + "y12345" + std::string(25, 'x') + "y", text.c_str());
+  text = text.c_str() + 59;
   EXPECT_STREQ("xy", text.c_str());
   EXPECT_STREQ("xyxy", (text += text).c_str());
 }
