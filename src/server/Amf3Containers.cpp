@@ -214,7 +214,8 @@ void KTCSerializer::writeAmf3Content(u8 marker, const KTDataArray& array) {
 
 // Begins the record that stands for a vector or a dictionary; null after a failure.
 KTDataArray* KTCSerializer::openRecord(u8 marker, u32 count, const char* flagName, bool flag, KTData& value) {
-  KTDataArray* const record = failed() ? nullptr : newArray(KTDataArray::kNoType, recordHeaderSize(marker));
+  if (failed() || !mayNest()) return nullptr;
+  KTDataArray* const record = newArray(KTDataArray::kNoType, recordHeaderSize(marker));
   if (!record) return nullptr;
   value.setArray(record, KTData::Amf3);
   value.setSubtype(marker);

@@ -63,15 +63,15 @@ bool KTCSerializer::mayNest() {
 
 // A new array, or null after a failure. Nobody owns it yet.
 KTDataArray* KTCSerializer::newArray(i32 type, u32 reserve) {
-  if (!mayNest() || !charge(kArrayCost)) return nullptr;
+  if (!charge(kArrayCost)) return nullptr;
   auto* const array = new KTDataArray(reserve);
   array->setType(type);
   return array;
 }
 
-// The same, with the next index of the table, which owns it.
+// The same for one that holds what follows, with the next index of the table, which owns it.
 KTDataArray* KTCSerializer::newObject(i32 type) {
-  if (!charge(2 * sizeof(KTDataArrayPtr))) return nullptr;
+  if (!mayNest() || !charge(2 * sizeof(KTDataArrayPtr))) return nullptr;
   objects_.makePlace();
   KTDataArray* const array = newArray(type, kReadReserve);
   if (array) objects_.add(array);

@@ -6,7 +6,7 @@
 // A reader's failures are those of KTParser; going past a limit (server/AmfLimits.h) is one of them. An
 // AMF0 marker that doesn't exist throws KTBreakConnection whatever the policy. After a soft failure
 // - a value whose marker is missing stays Undefined;
-// - a plain value that was cut has its type, with 0 or the empty text;
+// - a plain value that was cut has its type, with 0 or the empty text for what is missing;
 // - a container has what was read whole, in its order. A plain member or element that was cut is left out; a
 //   container that was cut is kept, with what it has.
 //

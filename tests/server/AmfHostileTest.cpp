@@ -179,6 +179,10 @@ TEST(AmfHostile, nestingEndsAt64) {
       EXPECT_EQ(levels, 64U);
     }
   }
+  Bytes full = repeated("11", "09 03 01", 64);  // A date takes a place in the table, but no level.
+  for (const u8 byte : bytesOf("08 01 00(8)")) full.push_back(byte);
+  KTData whole;
+  EXPECT_NO_THROW(readerOf(full, true).readValue(whole));
   const Bytes hundredThousand = repeated("", "03 0000", 100'000);
   KTCSerializer reader = readerOf(hundredThousand);
   KTData value;
