@@ -31,8 +31,8 @@ void open(benchmark::State& state) {
   const CompositeMessagePtr composite(new CompositeMessage(block, block->capacity));
   state.counters["payload"] = block->capacity;
   state.counters["entries"] = composite->entryCount();
-  state.counters["allocations"] = static_cast<double>(heap.allocations());
-  state.counters["allocatedBytes"] = static_cast<double>(heap.live());
+  state.counters["allocations"] = static_cast<double>(heap->allocations);
+  state.counters["allocatedBytes"] = static_cast<double>(heap->live);
 }
 BENCHMARK(open)->Arg(400)->Arg(2000)->Arg(8000);
 

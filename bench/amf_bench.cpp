@@ -11,31 +11,13 @@
 #include <vector>
 
 #include "server/KTCommand.h"
+#include "support/AmfText.h"
 
+namespace orv::test {
 namespace {
-
-using Bytes = std::vector<u8>;
 
 // A process that has had a second thread: as in a server, counts are atomic and the allocator is locked.
 const bool kThreaded = (std::thread([] {}).join(), true);
-
-KTData number(double value) {
-  KTData data;
-  data.setNumber(value);
-  return data;
-}
-
-KTData text(const char* value) {
-  KTData data;
-  data.setString(value);
-  return data;
-}
-
-KTData boolean(bool value) {
-  KTData data;
-  data.setBool(value);
-  return data;
-}
 
 KTDataArrayPtr typicalMetadata() {
   const KTDataArrayPtr array(new KTDataArray());
@@ -188,3 +170,4 @@ BENCHMARK(encodeMessage)->Arg(0)->Arg(1);
 BENCHMARK(encodeLibrtmp)->Arg(0)->Arg(1);
 
 }  // namespace
+}  // namespace orv::test

@@ -80,6 +80,6 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
   const test::HeapWatch heap;
   test::check(flv::readU24(data) >> 8, flv::readU32(data + 2), data + test::kHead,
               static_cast<u32>(size - test::kHead));
-  if (heap.live() != 0) std::abort();
+  if (heap->live != 0) std::abort();
   return 0;
 }

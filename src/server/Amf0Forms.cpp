@@ -249,19 +249,19 @@ void KTCSerializer::writeStrictArray(const KTDataArray& array) {
 // An index past the end leaves the value as it was, which is no failure.
 void KTCSerializer::readReference(KTData& value) {
   const u16 index = readU16();
-  if (!failed() && index < objects_.size()) value.setArray(objects_[index].get(), KTData::EcmaArray);
+  if (!failed() && index < objects_.size()) value.setArray(objects_[index], KTData::EcmaArray);
 }
 
 u8 KTCSerializer::writeContainer(const KTData& value) {
   KTDataArray* const array = value.asArray();
-  const i64 known = indexOf(array);
+  const i64 known = objects_.find(array);
   if (!array || known > 0xFFFF || (known < 0 && depth_ == amf::kMaxNesting)) return writeRefused();
   if (known >= 0) {
     writeU8(KTData::Reference);
     writeU16(static_cast<u16>(known));
     return KTData::Reference;
   }
-  addObject(array);
+  objects_.add(array);
   writeU8(value.type());
   const Level level(*this, array);
   writeContent(value.type(), *array);

@@ -60,21 +60,35 @@ KTData boolOf(bool value) {
 
 }  // namespace
 
-// Names and their values, up to the empty name.
-void KTCSerializer::readPairs(std::vector<Pair>& pairs) {
-  for (;;) {
-    const std::string_view key = readAmf3String();
-    if (key.empty() || failed()) return;
-    KTData value;
-    readAmf3(value);
-    if (wasCut(value) || !charge(2 * sizeof(Pair))) return;
-    pairs.push_back({key, std::move(value)});
-    if (failed()) return;
-  }
+// Names and their values, up to the empty name. False where they end.
+bool KTCSerializer::readPair(Pair& pair) {
+  pair.key = readAmf3String();
+  if (pair.key.empty() || failed()) return false;
+  readAmf3(pair.value);
+  return !wasCut(pair.value);
 }
 
-void KTCSerializer::enterPairs(KTDataArray& array, std::vector<Pair>& pairs) {
-  for (Pair& pair : pairs) enter(array, pair.key, std::move(pair.value));
+void KTCSerializer::readNamed(KTDataArray& array) {
+  for (Pair pair; !failed() && readPair(pair); pair.value.clear())
+    enter(array, pair.key, std::move(pair.value));
+}
+
+// Named entries that come before the dense ones and go behind them. They are paid for when they are read, so
+// that all of them can be entered.
+std::vector<KTCSerializer::Pair> KTCSerializer::readNamedAhead() {
+  std::vector<Pair> named;
+  for (Pair pair; !failed() && readPair(pair); pair.value.clear()) {
+    const u64 entryCost = 2 * (sizeof(KTData) + sizeof(u32) + pair.key.size());
+    if (!charge(2 * sizeof(Pair) + entryCost)) break;
+    named.push_back(std::move(pair));
+  }
+  return named;
+}
+
+void KTCSerializer::enterPaid(KTDataArray& array, std::vector<Pair>& named) {
+  for (Pair& pair : named) {
+    if (noteReference(array, pair.value)) array.append(pair.key, std::move(pair.value));
+  }
 }
 
 // An entry with an empty key ends what a reader takes for the array.
@@ -100,15 +114,15 @@ void KTCSerializer::readAmf3Array(KTData& value) {
   if (header.known) return;
 
   const Level level(*this, array);
-  std::vector<Pair> named;
-  readPairs(named);
+  if (count == 0) return readNamed(*array);
+  std::vector<Pair> named = readNamedAhead();
   makeRoom(*array, count, kSmallElement);
   for (u32 i = 0; i < count && !failed(); ++i) {
     KTData element;
     readAmf3(element);
     if (!wasCut(element)) enterElement(*array, std::move(element));
   }
-  enterPairs(*array, named);
+  enterPaid(*array, named);
 }
 
 void KTCSerializer::readAmf3Object(KTData& value) {
@@ -127,10 +141,7 @@ void KTCSerializer::readAmf3Object(KTData& value) {
   const i64 traits = readTraits(header.bits);
   if (traits < 0) return;
   readSealed(static_cast<std::size_t>(traits), *array);
-  if (failed() || !(traits_[static_cast<std::size_t>(traits)].header & kDynamic)) return;
-  std::vector<Pair> named;
-  readPairs(named);
-  enterPairs(*array, named);
+  if (traits_[static_cast<std::size_t>(traits)].header & kDynamic) readNamed(*array);
 }
 
 // The index of the class that the header refers to or that follows it; -1 after a failure.
@@ -178,11 +189,11 @@ void KTCSerializer::writeAmf3Object(const KTDataArray& array) {
 
 void KTCSerializer::writeAmf3Container(u8 marker, const KTData& value) {
   KTDataArray* const array = value.asArray();
-  const i64 known = indexOf(array);
+  const i64 known = objects_.find(array);
   if (!array || (known < 0 && depth_ == amf::kMaxNesting)) return writeAmf3Refused();
   writeU8(marker);
   if (known >= 0) return writeU29(static_cast<u32>(known) << 1);
-  addObject(array);
+  objects_.add(array);
   const Level level(*this, array);
   writeAmf3Content(marker, *array);
 }
@@ -203,7 +214,8 @@ void KTCSerializer::writeAmf3Content(u8 marker, const KTDataArray& array) {
 
 // Begins the record that stands for a vector or a dictionary; null after a failure.
 KTDataArray* KTCSerializer::openRecord(u8 marker, u32 count, const char* flagName, bool flag, KTData& value) {
-  KTDataArray* const record = failed() ? nullptr : newArray(KTDataArray::kNoType, recordHeaderSize(marker));
+  if (failed() || !mayNest()) return nullptr;
+  KTDataArray* const record = newArray(KTDataArray::kNoType, recordHeaderSize(marker));
   if (!record) return nullptr;
   value.setArray(record, KTData::Amf3);
   value.setSubtype(marker);
@@ -233,7 +245,7 @@ void KTCSerializer::readVector(u8 marker, KTData& value) {
     readVectorElement(marker, element);
     if (!wasCut(element)) enter(*record, kValueKey, std::move(element));
   }
-  if (charge(2 * sizeof(KTDataArrayPtr))) addObject(record);
+  if (charge(2 * sizeof(KTDataArrayPtr))) objects_.add(record);
 }
 
 void KTCSerializer::writeVector(u8 marker, const KTDataArray& array) {
@@ -267,7 +279,7 @@ void KTCSerializer::readDictionary(KTData& value) {
   KTDataArray* const record = openRecord(amf3::kDictionary, count, "weak", weak, value);
   if (!record) return;
   readDictionaryPairs(count, *record);
-  if (charge(2 * sizeof(KTDataArrayPtr))) addObject(record);
+  if (charge(2 * sizeof(KTDataArrayPtr))) objects_.add(record);
 }
 
 // A pair of which either half was cut is left out whole.

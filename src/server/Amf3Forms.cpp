@@ -167,10 +167,6 @@ void KTCSerializer::writeU29(u32 value) {
   writeU8(static_cast<u8>(value));
 }
 
-std::string_view KTCSerializer::textOf(Span span) const {
-  return {reinterpret_cast<const char*>(bytes()) + span.begin, span.length};
-}
-
 // Where it lies in the buffer; empty after a failure.
 std::string_view KTCSerializer::readAmf3String() {
   const u32 header = readU29();
@@ -183,19 +179,18 @@ std::string_view KTCSerializer::readAmf3String() {
   }
   const std::string_view text = viewBytes(number);
   if (failed() || !charge(2 * sizeof(Span))) return {};
-  strings_.push_back({static_cast<u32>(position()) - number, number});
+  strings_.add({static_cast<u32>(position()) - number, number});
   return text;
 }
 
 void KTCSerializer::writeAmf3String(std::string_view text) {
   if (text.empty()) return writeU29(kInline);
-  for (std::size_t i = 0; i < strings_.size(); ++i) {
-    if (textOf(strings_[i]) == text) return writeU29(static_cast<u32>(i << 1));
-  }
+  const i64 known = strings_.find(text, bytes());
+  if (known >= 0) return writeU29(static_cast<u32>(known) << 1);
   const u32 length = static_cast<u32>(text.size());
   writeU29(inlineHeader(length));
   writeBytes(text.data(), length);
-  strings_.push_back({static_cast<u32>(position()) - length, length});
+  strings_.add({static_cast<u32>(position()) - length, length});
 }
 
 // A place in the table that holds no array makes the header that of an inline form.
@@ -203,7 +198,7 @@ KTCSerializer::FormHeader KTCSerializer::readHeader() {
   const u32 bits = readU29();
   if (failed()) return {false, 0, nullptr};
   if (bits & kInline) return {true, bits, nullptr};
-  if (bits >> 1 < objects_.size()) return {true, bits, objects_[bits >> 1].get()};
+  if (bits >> 1 < objects_.size()) return {true, bits, objects_[bits >> 1]};
   fail();
   return {false, 0, nullptr};
 }
@@ -221,10 +216,10 @@ void KTCSerializer::writeAmf3Number(const KTData& value) {
 // Texts, dates and byte arrays can be referred to: each gets a record in the table that holds its value.
 void KTCSerializer::addRecord(i32 type, const char* key, const KTData& value) {
   if (!charge(2 * sizeof(KTDataArrayPtr))) return;
-  makePlace();
+  objects_.makePlace();
   KTDataArray* const record = newArray(type, 1);
   if (!record) return;
-  addObject(record);
+  objects_.add(record);
   enter(*record, key, KTData(value));
 }
 
@@ -253,7 +248,7 @@ void KTCSerializer::writeAmf3Xml(const KTData& value) {
     writeU8(amf3::kString);
     return writeAmf3String(text);
   }
-  addObject(nullptr);
+  objects_.add(nullptr);
   writeU8(value.subtype());
   writeU29(inlineHeader(static_cast<u32>(text.size())));
   writeBytes(text.data(), static_cast<u32>(text.size()));
@@ -272,7 +267,7 @@ void KTCSerializer::readAmf3Date(KTData& value) {
 }
 
 void KTCSerializer::writeAmf3Date(const KTData& value) {
-  addObject(nullptr);
+  objects_.add(nullptr);
   writeU8(amf3::kDate);
   writeU29(kInline);
   writeDouble(value.dateMilliseconds());
@@ -290,7 +285,7 @@ void KTCSerializer::readAmf3Bytes(KTData& value) {
 void KTCSerializer::writeAmf3Bytes(const KTData& value) {
   const KTBuffer view = value.memoryRange();
   if (view.size > amf3::kGreatestLength) return writeAmf3Refused();
-  addObject(nullptr);
+  objects_.add(nullptr);
   writeU8(amf3::kByteArray);
   writeU29(inlineHeader(view.size));
   writeBytes(view.data, view.size);

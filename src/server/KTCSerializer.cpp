@@ -51,7 +51,7 @@ void KTCSerializer::writeValue(const KTData& value, bool resetTablesAfter) {
 }
 
 void KTCSerializer::resetTables() {
-  objects_.clear();
+  objects_.cutTo(0);
   traits_.clear();
 }
 
@@ -63,30 +63,19 @@ bool KTCSerializer::mayNest() {
 
 // A new array, or null after a failure. Nobody owns it yet.
 KTDataArray* KTCSerializer::newArray(i32 type, u32 reserve) {
-  if (!mayNest() || !charge(kArrayCost)) return nullptr;
+  if (!charge(kArrayCost)) return nullptr;
   auto* const array = new KTDataArray(reserve);
   array->setType(type);
   return array;
 }
 
-// The same, with the next index of the table, which owns it.
+// The same for one that holds what follows, with the next index of the table, which owns it.
 KTDataArray* KTCSerializer::newObject(i32 type) {
-  if (!charge(2 * sizeof(KTDataArrayPtr))) return nullptr;
-  makePlace();
+  if (!mayNest() || !charge(2 * sizeof(KTDataArrayPtr))) return nullptr;
+  objects_.makePlace();
   KTDataArray* const array = newArray(type, kReadReserve);
-  if (array) addObject(array);
+  if (array) objects_.add(array);
   return array;
-}
-
-// So that entering a new array can't fail and leave it without an owner.
-void KTCSerializer::makePlace() {
-  if (objects_.size() == objects_.capacity()) objects_.reserve(std::max<std::size_t>(8, 2 * objects_.size()));
-}
-
-i64 KTCSerializer::indexOf(const KTDataArray* array) const {
-  const auto isArray = [array](const KTDataArrayPtr& object) { return object.get() == array; };
-  const auto found = std::find_if(objects_.begin(), objects_.end(), isArray);
-  return found == objects_.end() ? -1 : found - objects_.begin();
 }
 
 bool KTCSerializer::isOpen(const KTDataArray* array) const {
@@ -148,8 +137,8 @@ void KTCSerializer::readBlock(KTData& value, u32 length) {
 
 void KTCSerializer::goBackTo(const Mark& mark) {
   rewind(mark.position);
-  objects_.resize(mark.objects);
-  strings_.resize(mark.strings);
+  objects_.cutTo(mark.objects);
+  strings_.cutTo(mark.strings);
 }
 
 amf::ClassName amf::classNameOf(const KTDataArray& array) {

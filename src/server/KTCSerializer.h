@@ -6,7 +6,7 @@
 // A reader's failures are those of KTParser; going past a limit (server/AmfLimits.h) is one of them. An
 // AMF0 marker that doesn't exist throws KTBreakConnection whatever the policy. After a soft failure
 // - a value whose marker is missing stays Undefined;
-// - a plain value that was cut has its type, with 0 or the empty text;
+// - a plain value that was cut has its type, with 0 or the empty text for what is missing;
 // - a container has what was read whole, in its order. A plain member or element that was cut is left out; a
 //   container that was cut is kept, with what it has.
 //
@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "server/AmfLimits.h"
-#include "server/KTDataArray.h"
+#include "server/AmfTables.h"
 #include "shared_ktserver/ktparser.h"
 
 namespace orv {
@@ -60,11 +60,8 @@ class KTCSerializer : public KTParser {
   }
 
  private:
-  // A run of the bytes that are read or were written.
-  struct Span {
-    u32 begin;
-    u32 length;
-  };
+  using Span = orv::amf::Span;
+
   // An AMF3 class as its first object describes it.
   struct Traits {
     u32 header;
@@ -84,8 +81,8 @@ class KTCSerializer : public KTParser {
   // How far a writer had come, to go back to.
   struct Mark {
     i32 position;
-    std::size_t objects;
-    std::size_t strings;
+    u32 objects;
+    u32 strings;
   };
   // What opens an AMF3 form that may be a reference.
   struct FormHeader {
@@ -113,9 +110,6 @@ class KTCSerializer : public KTParser {
   bool mayNest();
   KTDataArray* newArray(i32 type, u32 reserve);
   KTDataArray* newObject(i32 type);
-  void makePlace();
-  void addObject(KTDataArray* array) { objects_.emplace_back(array); }
-  i64 indexOf(const KTDataArray* array) const;
   bool isOpen(const KTDataArray* array) const;
   void enter(KTDataArray& array, std::string_view key, KTData&& value);
   void enterElement(KTDataArray& array, KTData&& value);
@@ -166,7 +160,7 @@ class KTCSerializer : public KTParser {
   void writeU29(u32 value);
   std::string_view readAmf3String();
   void writeAmf3String(std::string_view text);
-  std::string_view textOf(Span span) const;
+  std::string_view textOf(Span span) const { return span.in(bytes()); }
   FormHeader readHeader();
   void writeAmf3Number(const KTData& value);
   void readAmf3Xml(u8 marker, KTData& value);
@@ -185,8 +179,10 @@ class KTCSerializer : public KTParser {
   i64 readTraits(u32 header);
   i64 readNewTraits(u32 header);
   void readSealed(std::size_t traits, KTDataArray& array);
-  void readPairs(std::vector<Pair>& pairs);
-  void enterPairs(KTDataArray& array, std::vector<Pair>& pairs);
+  bool readPair(Pair& pair);
+  void readNamed(KTDataArray& array);
+  std::vector<Pair> readNamedAhead();
+  void enterPaid(KTDataArray& array, std::vector<Pair>& named);
   void readVector(u8 marker, KTData& value);
   KTDataArray* openRecord(u8 marker, u32 count, const char* flagName, bool flag, KTData& value);
   void readVectorElement(u8 marker, KTData& value);
@@ -200,8 +196,8 @@ class KTCSerializer : public KTParser {
   void writeVectorElement(u8 marker, const KTData& value);
   void writeDictionary(const KTDataArray& array);
 
-  std::vector<Span> strings_;            // AMF3 strings, where they lie in the buffer.
-  std::vector<KTDataArrayPtr> objects_;  // Of AMF0 and AMF3 alike; null where a writer kept no array.
+  orv::amf::StringTable strings_;  // Of AMF3.
+  orv::amf::ObjectTable objects_;  // Of AMF0 and AMF3 alike; null where a writer kept no array.
   std::vector<Traits> traits_;
   std::vector<BackReference> backReferences_;
   const KTDataArray* open_[orv::amf::kMaxNesting];  // The containers around the current value.

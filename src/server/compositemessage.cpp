@@ -183,7 +183,8 @@ CompositeMessage* CompositeMessage::before(Iterator entry) {
 // The part from that entry on.
 CompositeMessage* CompositeMessage::from(Iterator entry) {
   const u32 offset = offsetOf(entry);
-  const KTMemoryPtr block(new PartialMemory(memory, offset, blockLength() - offset));
+  const u32 size = std::min(blockLength(), memory->capacity);  // Others may have changed the block's length.
+  const KTMemoryPtr block(new PartialMemory(memory, offset, size > offset ? size - offset : 0));
   return new CompositeMessage(this, block, entry, endEntry_);
 }
 

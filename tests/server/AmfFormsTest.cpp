@@ -143,5 +143,139 @@ TEST(AmfForms, amf3) {
   for (const Form& form : kAmf3) check(form);
 }
 
+// A value as AMF3, in an array of one entry.
+std::string writtenAsAmf3(const KTData& value) {
+  KTData array;
+  array.setArray(new KTDataArray(), KTData::EcmaArray);
+  array.asArray()->append("a", value);
+  const std::string bytes = written(array, 3), before = hexOf(bytesOf("11 09 01 03'a'"));
+  EXPECT_EQ(bytes.substr(0, before.size()), before);
+  return bytes.substr(before.size(), bytes.size() - before.size() - 2);
+}
+
+TEST(AmfForms, numbersAtTheBorders) {
+  const struct {
+    double value;
+    const char* bytes;
+  } kRows[] = {
+      {0, "04 00"},
+      {127, "04 7F"},
+      {128, "04 8100"},
+      {16383, "04 FF7F"},
+      {16384, "04 818000"},
+      {2097151, "04 FFFF7F"},
+      {2097152, "04 80C08000"},
+      {268435455, "04 BFFFFFFF"},
+      {-1, "04 FFFFFFFF"},
+      {-268435456, "04 C0808000"},
+      {268435456, "05 41B0000000000000"},
+      {-268435457, "05 C1B0000001000000"},
+      {0.5, "05 3FE0000000000000"},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_EQ(writtenAsAmf3(number(row.value)), hexOf(bytesOf(row.bytes))) << row.value;
+    const Bytes bytes = bytesOf(std::string("11") + row.bytes);
+    KTCSerializer reader(bytes.data(), static_cast<u32>(bytes.size()), true);
+    KTData value;
+    reader.readValue(value);
+    EXPECT_EQ(value.toDouble(), row.value);
+    EXPECT_EQ(writtenAsAmf3(value), hexOf(bytesOf(row.bytes)));
+  }
+  KTData forced = number(5);
+  forced.setSubtype(5);
+  EXPECT_EQ(writtenAsAmf3(forced), hexOf(bytesOf("05 4014000000000000")));
+}
+
+TEST(AmfForms, textsAtTheBorders) {
+  const std::string longest(65'535, 'a');
+  EXPECT_EQ(written(text(longest.c_str()), 0), hexOf(bytesOf("02 FFFF 'a'(65535)")));
+  EXPECT_EQ(written(text((longest + 'a').c_str()), 0), hexOf(bytesOf("0C 00010000 'a'(65536)")));
+  EXPECT_EQ(writtenAsAmf3(text(std::string(63, 'b').c_str())), hexOf(bytesOf("06 7F 'b'(63)")));
+  EXPECT_EQ(writtenAsAmf3(text(std::string(64, 'b').c_str())), hexOf(bytesOf("06 8101 'b'(64)")));
+  EXPECT_EQ(writtenAsAmf3(text("a")), hexOf(bytesOf("06 00")));
+  KTData object;
+  object.setArray(new KTDataArray(), KTData::Object);
+  object.asArray()->append((longest + "bc").c_str(), boolean(true));  // A key is cut where its length ends.
+  EXPECT_EQ(written(object, 0), hexOf(bytesOf("03 FFFF 'a'(65535) 01 01 000009")));
+}
+
+// Values that no reader gives.
+TEST(AmfForms, valuesOfOurOwn) {
+  KTData list, int64, xml, block;
+  list.setArray(new KTDataArray(), KTData::StrictArray);
+  list.asArray()->append("a", boolean(false));
+  EXPECT_EQ(written(list, 0), hexOf(bytesOf("0A 00000001 01 00")));
+  list.setType(KTData::TypedObject);
+  EXPECT_EQ(written(list, 0), hexOf(bytesOf("10 0006'Object' 0001'a' 01 00 000009")));
+  list.setType(KTData::Amf3);
+  list.setSubtype(13);  // A record too short for its form.
+  EXPECT_EQ(written(list, 0), hexOf(bytesOf("11 0D 01 00")));
+  int64.setInt64(1);
+  EXPECT_EQ(writtenAsAmf3(int64), "00");
+  xml = text("x");
+  xml.setType(KTData::Xml);
+  EXPECT_EQ(written(xml, 3), hexOf(bytesOf("11 06 03'x'")));
+  KTBuffer view(4, nullptr);
+  view.append("abcd", 4);
+  view.assign(KTMemoryPtr(view.memory), 1, 3);
+  block.setMemory(view);
+  EXPECT_EQ(written(block, 0), hexOf(bytesOf("20 00000002 'bc'")));
+  EXPECT_EQ(written(block, 3), hexOf(bytesOf("11 0C 09 'abcd'")));
+}
+
+// The second time a vector goes out as a reference, as any reader of AMF3 expects.
+TEST(AmfForms, aVectorWrittenTwice) {
+  KTData vector, array;
+  vector.setArray(new KTDataArray(), KTData::Amf3);
+  vector.setSubtype(13);
+  vector.asArray()->append("size", number(1));
+  vector.asArray()->append("fixed", boolean(true));
+  vector.asArray()->append("value", number(7));
+  array.setArray(new KTDataArray(), KTData::EcmaArray);
+  array.asArray()->append("a", vector);
+  array.asArray()->append("b", vector);
+  EXPECT_EQ(written(array, 3), hexOf(bytesOf("11 09 01 03'a' 0D 03 01 00000007 03'b' 0D 02 01")));
+}
+
+TEST(AmfForms, anArrayThatNoReferenceReachesIsLeftOut) {
+  KTData list;
+  list.setArray(new KTDataArray(), KTData::EcmaArray);
+  for (u32 i = 0; i < 65'537; ++i) {
+    KTData empty;
+    empty.setArray(new KTDataArray(), KTData::Object);
+    list.asArray()->append("", empty);
+  }
+  for (const u32 index : {65'534U, 65'535U}) list.asArray()->append("", list.asArray()->valueAt(index));
+  KTCSerializer writer;
+  writer.writeValue(list);
+  EXPECT_TRUE(writer.failed());
+  const Bytes end = bytesOf("0000 07 FFFF 0000 06 000009");
+  EXPECT_EQ(hexOf(writer.bytes() + writer.length() - end.size(), end.size()), hexOf(end));
+}
+
+TEST(KTParser, theBufferGrowsInSteps) {
+  const struct {
+    u32 count;
+    i32 limit;
+  } kRows[] = {{300, 1324}, {1024, 1324}, {1, 2648}, {66'000, 68'349}, {2000, 133'885}};
+  const Bytes zeros(70'000);
+  KTCSerializer writer, small;
+  for (const auto& row : kRows) {
+    writer.writeBytes(zeros.data(), row.count);
+    EXPECT_EQ(writer.limit(), row.limit) << row.count;
+  }
+  small.writeU8(1);
+  EXPECT_EQ(small.limit(), 256);
+  EXPECT_EQ(small.readU8(), 0);  // The wrong way round: refused, and what was written stays.
+  EXPECT_EQ(small.length(), 1);
+  KTCSerializer reader(zeros.data(), 4, false);
+  reader.writeU8(1);
+  EXPECT_EQ(zeros[0] + reader.position(), 0);
+  EXPECT_EQ(std::string(reader.readString(KTParser::kShortText).get()), "");
+  EXPECT_EQ(reader.copyBytes(2)[1], 0);
+  EXPECT_FALSE(reader.readBytes(1));
+  EXPECT_TRUE(reader.failed());
+}
+
 }  // namespace
 }  // namespace orv::test

@@ -12,24 +12,6 @@
 namespace orv::test {
 namespace {
 
-KTData number(double value) {
-  KTData data;
-  data.setNumber(value);
-  return data;
-}
-
-KTData text(const char* value) {
-  KTData data;
-  data.setString(value);
-  return data;
-}
-
-KTData boolean(bool value) {
-  KTData data;
-  data.setBool(value);
-  return data;
-}
-
 KTData int64(i64 value) {
   KTData data;
   data.setInt64(value);
@@ -237,7 +219,7 @@ TEST(KTDataArray, deepTreesAreTakenDown) {
     all->valueAt(all->size() - 1).clear();
     EXPECT_EQ(kept->getRefCount(), 2);
   }
-  EXPECT_EQ(heap.live(), 0U);
+  EXPECT_EQ(heap->live, 0U);
 }
 
 }  // namespace

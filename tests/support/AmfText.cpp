@@ -63,6 +63,24 @@ std::size_t repetition(const std::string& text, std::size_t& at) {
 
 }  // namespace
 
+KTData number(double value) {
+  KTData data;
+  data.setNumber(value);
+  return data;
+}
+
+KTData text(const char* value) {
+  KTData data;
+  data.setString(value);
+  return data;
+}
+
+KTData boolean(bool value) {
+  KTData data;
+  data.setBool(value);
+  return data;
+}
+
 Bytes bytesOf(const std::string& text) {
   Bytes bytes;
   bool quoted = false;

@@ -19,6 +19,11 @@ inline std::string hexOf(const Bytes& bytes) {
   return hexOf(bytes.data(), bytes.size());
 }
 
+// Plain values.
+KTData number(double value);
+KTData text(const char* value);
+KTData boolean(bool value);
+
 // A value with its types: 1.5, true, "text", null, undefined, Object{key: 1}, EcmaArray[9]{...} with the
 // array's type in brackets, Xml#7"..." with a subtype that isn't 6, Memory<0102>, Int64(5), Date(5, 60). An
 // array inside itself shows as ^ and the number of levels up.
