@@ -17,6 +17,7 @@ class DiskHost final : public TestContext, public IFileService {
  public:
   std::atomic<i64> callCount{0};
   std::atomic<i64> bytesRead{0};
+  std::atomic<i64> writeCount{0};
   std::atomic<i64> openDescriptors{0};
   std::atomic<bool> refuseOpens{false};
 
@@ -40,7 +41,7 @@ class DiskHost final : public TestContext, public IFileService {
   }
   int write(int fd, i64 position, const void* data, u32 size) override {
     ++callCount;
-    ++writes_;
+    ++writeCount;
     return static_cast<int>(::pwrite(fd, data, size, position));
   }
   int fstat(int fd, FileStat* record, int) override {
@@ -84,11 +85,9 @@ class DiskHost final : public TestContext, public IFileService {
     *record = {};
     record->size = found.st_size;
     record->modificationTime =
-        found.st_mtim.tv_sec * 1'000'000 + found.st_mtim.tv_nsec / 1000 + found.st_size + writes_;
+        found.st_mtim.tv_sec * 1'000'000 + found.st_mtim.tv_nsec / 1000 + found.st_size + writeCount;
     return result;
   }
-
-  std::atomic<i64> writes_{0};
 };
 
 }  // namespace orv::test
