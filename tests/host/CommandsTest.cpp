@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Program.h"
+#include "support/AmfText.h"
 #include "support/FlvBuilder.h"
 
 namespace orv::host {
@@ -117,7 +118,8 @@ TEST(Flvhost, callsThatCantBeServedEndWithTwo) {
 }
 
 TEST(Flvhost, everySubcommandHelpsWithAnExample) {
-  for (const char* command : {"info", "segments", "seek", "play", "demo"}) {
+  for (const char* command :
+       {"info", "segments", "seek", "play", "record", "follow", "meta", "contexts", "demo"}) {
     const Outcome result = flvhost({command, "--help"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.out, HasSubstr(std::string("Example:\n  flvhost ") + command));
@@ -279,11 +281,74 @@ TEST(Flvhost, whatTheModulePrintsStaysOutOfTheData) {
   EXPECT_THAT(flvhost({"info", "--verbose", file}).err, HasSubstr("error-code"));
 }
 
-TEST(Flvhost, demoChecksEveryTag) {
+// A file whose metadata says it all, some of it wrong, and holds an array that refers to itself.
+Bytes claimingMovie() {
+  const Bytes head = orv::test::bytesOf(
+      "02 000A'onMetaData' 08 00000000"
+      "0008'duration' 00 402C000000000000"      // 14 s, where the last tag stands at 13.980.
+      "0008'filesize' 00 4059000000000000"      // 100
+      "000C'videocodecid' 00 4000000000000000"  // H.263
+      "000C'audiocodecid' 02 0004'mp4a'"
+      "0004'self' 07 0000 000009");
+  FlvBuilder file;
+  file.tag(18, 0, head).tag(18, 0, orv::test::bytesOf("02 0011'|AdditionalHeader' 05"));
+  for (const BuiltTag& tag : movie().tags()) {
+    const auto data = movie().bytes().begin() + tag.position + flv::kTagHeaderSize;
+    file.tag(tag.type, tag.time, Bytes(data, data + tag.size));
+  }
+  return file.bytes();
+}
+
+TEST(Flvhost, infoMarksWhereTheMetadataIsWrong) {
+  TempDir dir;
+  const std::string file = dir.file("f.flv", claimingMovie());
+  const json claims = json::parse(flvhost({"info", "--json", file}).out)["files"][0]["claims"];
+  EXPECT_EQ(claims["duration"], (json{{"claimed", 14.0}, {"actual", 13.98}, {"agrees", true}}));
+  EXPECT_EQ(claims["filesize"],
+            (json{{"claimed", 100.0}, {"actual", claimingMovie().size()}, {"agrees", false}}));
+  EXPECT_EQ(claims["videocodecid"], (json{{"claimed", 2.0}, {"actual", 2.0}, {"agrees", true}}));
+  EXPECT_EQ(claims["audiocodecid"]["claimed"], "\"mp4a\"");
+  EXPECT_EQ(claims["audiocodecid"]["agrees"], false);
+  EXPECT_THAT(flvhost({"info", file}).out, HasSubstr("filesize 100 bytes, DIFFERS: it is "));
+}
+
+TEST(Flvhost, metaAndContextsShowTheHeadAsJsonOrBytes) {
+  TempDir dir;
+  const std::string file = dir.file("f.flv", claimingMovie());
+  const json records = json::parse(flvhost({"meta", file}).out)["records"];
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0]["values"][0]["entries"]["self"], (json{{"type", "reference"}, {"to", 1}}));
+  EXPECT_EQ(records[1]["name"], "|AdditionalHeader");
+  EXPECT_THAT(flvhost({"meta", "--raw", file}).out,
+              HasSubstr("|AdditionalHeader, type 18, 21 bytes\n"
+                        "00000000  02 00 11 7c 41 64 64 69  74 69 6f 6e 61 6c 48 65  ...|AdditionalHe\n"
+                        "00000010  61 64 65 72 05                                     ader.\n"));
+
+  const json contexts = json::parse(flvhost({"contexts", file}).out);
+  std::vector<int> tracks;
+  for (const json& context : contexts["getMediaContexts"]) tracks.push_back(context["trackID"]);
+  EXPECT_EQ(tracks, (std::vector{2, 3, 5}));
+  EXPECT_EQ(contexts["getMediaContexts"][2]["bytes"], "002100000000");
+  EXPECT_EQ(contexts["getAllMediaContexts"]["value"]["pairs"].size(), 3u);
+  EXPECT_EQ(contexts["getAllMediaContexts"]["value"]["pairs"][2][1]["entries"]["buffer"]["hex"],
+            "002100000000");
+  const std::string bare = dir.file("bare.flv", movie().bytes());
+  EXPECT_EQ(json::parse(flvhost({"contexts", bare}).out)["getAllMediaContexts"], nullptr);
+}
+
+TEST(Flvhost, demoChecksEveryTagAndRecordsTheFile) {
   TempDir dir;
   const Outcome result = flvhost({"demo", dir.file("f.flv", movie().bytes())});
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_THAT(result.out, HasSubstr("checked   700 tags, 710500 bytes of the file: each one equal"));
+  EXPECT_THAT(result.out, HasSubstr("followed  700 tags in 28 looks: each one as it went in; 0 kept aside"));
+  EXPECT_THAT(result.out, HasSubstr("mirror    710513 bytes, equal to the recording"));
+
+  FlvBuilder avc;
+  for (u32 i = 0; i < 50; ++i) avc.tag(9, i * 40, Bytes{u8(i ? 0x27 : 0x17), 1, 0, 0, 0, u8(i)});
+  const Outcome refused = flvhost({"demo", dir.file("avc.flv", avc.bytes())});
+  EXPECT_EQ(refused.exitCode, 0) << refused.err;
+  EXPECT_THAT(refused.out, HasSubstr("recorded  nothing could be recorded"));
 }
 
 }  // namespace

@@ -1,0 +1,131 @@
+#include <gmock/gmock.h>
+
+#include "Program.h"
+#include "support/FlvBuilder.h"
+
+namespace orv::host {
+namespace {
+
+using orv::test::FlvBuilder;
+using test::Bytes;
+using test::eventually;
+using test::flvhost;
+using test::Outcome;
+using test::Running;
+using test::TempDir;
+using testing::HasSubstr;
+
+// One key frame in 50; behind metadata, which a follower gets first.
+FlvBuilder movie(u32 tags) {
+  FlvBuilder stream;
+  stream.tag(18, 0, Bytes{2, 0, 10, 'o', 'n', 'M', 'e', 't', 'a', 'D', 'a', 't', 'a', 3, 0, 0, 9});
+  for (u32 i = 0; i < tags; ++i) {
+    Bytes data = orv::test::payload(i % 5 ? 9 : 8, 1000, i);
+    data[0] = i % 5 == 0 ? 0x2F : i % 50 == 1 ? 0x12 : 0x22;
+    stream.tag(i % 5 ? 9 : 8, i * 20, data);
+  }
+  return stream;
+}
+
+std::string str(const Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+class FollowCommandTest : public testing::Test {
+ protected:
+  // Tags `from` to `to` of the movie's, the file header with the first.
+  Bytes part(std::size_t from, std::size_t to) const {
+    const auto begin = from == 0 ? 0 : stream.tags()[from].position;
+    const auto end = to == stream.tags().size() ? stream.size() : stream.tags()[to].position;
+    return {stream.bytes().begin() + begin, stream.bytes().begin() + end};
+  }
+
+  TempDir dir;
+  const std::string file = dir.path("live.flv");
+  const FlvBuilder stream = movie(2000);
+};
+
+TEST_F(FollowCommandTest, playsEachTagOnceWhileTheFileGrows) {
+  Running recorder({"record", file, "--flush-every", "10ms"});
+  recorder.feed(part(0, 1));
+  ASSERT_TRUE(eventually([&] { return TempDir::read(file).size() >= 13; }));
+  Running pipe({"follow", file, "-o", "-"});
+  Running silent({"follow", file, "--until-idle", "700ms"});
+  const std::size_t steps[] = {1, 2, 10, 300, 301, 700, 1500, 2001};
+  for (std::size_t i = 0; i + 1 < std::size(steps); ++i) {
+    recorder.feed(part(steps[i], steps[i + 1]));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  }
+  EXPECT_EQ(recorder.wait().exitCode, 0);
+  EXPECT_TRUE(eventually([&] { return pipe.out().size() == stream.bytes().size(); }));
+  pipe.signal(SIGINT);
+  const Outcome followed = pipe.wait();
+  EXPECT_EQ(followed.exitCode, 0) << followed.err;
+  EXPECT_THAT(followed.err, HasSubstr("2000 tags, 2000000 bytes of data, 00:00:00.000 to 00:00:39.980"));
+  EXPECT_TRUE(followed.out.substr(13) == str(stream.bytes()).substr(13));
+  const Outcome counted = silent.wait();
+  EXPECT_EQ(counted.exitCode, 0);
+  EXPECT_EQ(counted.out, "");
+  EXPECT_THAT(counted.err, HasSubstr("2000 tags"));
+}
+
+// Appended to by other means than the module, a byte or a few at a time: only whole tags ever come.
+TEST_F(FollowCommandTest, neverPlaysATagThatIsStillBeingWritten) {
+  const Bytes start = part(0, 300), rest = part(300, 330);
+  dir.file("live.flv", start);
+  Running run({"follow", file, "-o", "-", "--until-idle", "1s"});
+  std::ofstream out(file, std::ios::binary | std::ios::app);
+  for (std::size_t at = 0; at < rest.size(); at += 2500) {
+    out.write(reinterpret_cast<const char*>(rest.data()) + at,
+              std::min<long>(2500, std::ssize(rest) - static_cast<long>(at)));
+    out.flush();
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  }
+  const Outcome result = run.wait();
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_TRUE(result.out.substr(13) == str(part(0, 330)).substr(13));
+}
+
+TEST_F(FollowCommandTest, endsWhenThereIsNothingMoreToFollow) {
+  const Bytes start = part(0, 100);
+  const struct {
+    const char* name;
+    std::function<void()> change;
+    std::vector<std::string> args;
+    int exitCode;
+    const char* line;
+  } kCases[] = {
+      {"idle", [] {}, {"--until-idle", "200ms"}, 0, "99 tags"},
+      {"removed", [&] { std::filesystem::remove(file); }, {}, 1, "was removed, replaced or cut"},
+      {"replaced",
+       [&] { std::filesystem::rename(dir.file("other", stream.bytes()), file); },
+       {},
+       1,
+       "was removed, replaced or cut"},
+      {"cut", [&] { std::filesystem::resize_file(file, 5000); }, {}, 1, "was removed, replaced or cut"},
+  };
+  for (const auto& c : kCases) {
+    dir.file("live.flv", start);
+    std::vector<std::string> args{"follow", file, "-o", dir.path(std::string(c.name) + ".flv")};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    Running run(args);
+    const auto played = [&] { return TempDir::read(args[3]); };
+    EXPECT_TRUE(eventually([&] { return played().size() == start.size(); })) << c.name;
+    c.change();
+    const Outcome result = run.wait();
+    EXPECT_EQ(result.exitCode, c.exitCode) << c.name;
+    EXPECT_THAT(result.err, HasSubstr(c.line)) << c.name;
+    EXPECT_TRUE(played() == start) << c.name;
+  }
+}
+
+TEST_F(FollowCommandTest, anEmptyRecordingIsALegalStreamAndAMissingOneAnError) {
+  dir.file("live.flv", part(0, 0));
+  const Outcome result = flvhost({"follow", file, "-o", "-", "--until-idle", "0"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_EQ(result.out, str(part(0, 0)));
+  EXPECT_EQ(flvhost({"follow", dir.path("none.flv")}).exitCode, 2);
+}
+
+}  // namespace
+}  // namespace orv::host
