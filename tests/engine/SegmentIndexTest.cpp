@@ -54,6 +54,7 @@ TEST_F(SegmentIndexTest, segmentsAreThoseOfAFullRead) {
        FlvBuilder().tag(kAudio, 5, 72).tag(kVideo, 9, 999'985).constantRate(1'500'000)},
       {"first tag over several blocks", FlvBuilder().tag(kVideo, 9, 999'985).constantRate(1'500'000)},
       {"tag that ends with a block", FlvBuilder().tag(kVideo, 9, kBlock - 28).constantRate(600'000)},
+      {"file that ends one byte into a block", FlvBuilder().tag(kVideo, 9, 72).tag(kVideo, 20, kBlock - 114)},
       {"tag that ends one byte into a block", FlvBuilder().tag(kVideo, 9, kBlock - 27).constantRate(600'000)},
       {"header longer than a block", FlvBuilder(300'000).tag(kVideo, 9, 99).constantRate(900'000)},
       {"jump of the times", jump},
@@ -75,6 +76,8 @@ TEST_F(SegmentIndexTest, segmentsAreThoseOfAFullRead) {
       for (int query = 0; query < 8; ++query) {
         const BuiltTag tag = anyTag();
         ASSERT_TRUE(isExpectedAt(tag.position, stream.atTime(tag.time))) << film.name << ' ' << tag.time;
+        host.clearCalls();
+        ASSERT_TRUE(stream.atTime(tag.time) && host.calls.empty()) << film.name << ' ' << tag.time;
         const i64 inside = tag.position + static_cast<i64>(random() % (tag.size + 15));
         ASSERT_TRUE(isExpectedAt(inside, stream.atPosition(inside))) << film.name << ' ' << inside;
       }
