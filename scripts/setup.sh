@@ -9,7 +9,7 @@ packages_of() {
     build) echo g++ cmake ninja-build ccache libboost-dev libboost-context-dev libboost-filesystem-dev \
       libboost-thread-dev libcli11-dev nlohmann-json3-dev libfmt-dev ;;
     test) echo libgtest-dev libgmock-dev binutils pkg-config ;;
-    bench) echo libbenchmark-dev librtmp-dev ;;
+    bench) echo libbenchmark-dev librtmp-dev libboost-fiber-dev libmimalloc2.0 ;;
     lint) echo clang-format clang-tidy ;;
     clang) echo clang libclang-rt-dev ;;
     interop) echo ffmpeg flvmeta mediainfo ;;

@@ -1,13 +1,6 @@
 #include "platform/ThreadLocal.h"
 
-#include <pthread.h>
-
 namespace orv::platform {
-
-void* ThreadLocal::get() const {
-  const u32 index = index_.load(std::memory_order_acquire);
-  return index == kNone ? nullptr : pthread_getspecific(index);
-}
 
 bool ThreadLocal::set(void* value) {
   const u32 mine = index();

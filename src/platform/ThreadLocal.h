@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 
 #include "platform/Types.h"
@@ -16,7 +18,12 @@ class ThreadLocal {
   ThreadLocal(const ThreadLocal&) = delete;
   ThreadLocal& operator=(const ThreadLocal&) = delete;
 
-  void* get() const;      // Null on a thread that has set nothing.
+  // Null on a thread that has set nothing.
+  void* get() const {
+    const u32 taken = index_.load(std::memory_order_acquire);
+    return taken == kNone ? nullptr : pthread_getspecific(taken);
+  }
+
   bool set(void* value);  // False when the system has no index or no memory left.
   void giveBack();  // The index; what the threads have set is forgotten. The next `set` takes a new one.
 

@@ -34,7 +34,8 @@ KTMemory::~KTMemory() {
 
 i32 KTMemory::release() {
   KTPoolSide<KTMemory>* const owner = pool;  // Behind the decrement the block may be somebody else's.
-  const i32 count = refCount_.decrement();
+  // Two counts are the pool's and the caller's: nobody is left who could change them meanwhile.
+  const i32 count = owner && refCount_.replace(2, 1) ? 1 : refCount_.decrement();
   if (count < 1) {
     delete this;
     return 0;

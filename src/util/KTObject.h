@@ -23,6 +23,14 @@ class KTAtomicCounter {
   void store(i32 value) { value_.exchange(value, std::memory_order_acq_rel); }
   void clear() { store(0); }
 
+  // For the one who knows that nobody else uses the word meanwhile: these take no interlocked instruction.
+  void restart() { value_.store(0, std::memory_order_relaxed); }
+  bool replace(i32 expected, i32 value) {
+    if (value_.load(std::memory_order_acquire) != expected) return false;
+    value_.store(value, std::memory_order_relaxed);
+    return true;
+  }
+
  private:
   mutable std::atomic<i32> value_;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "platform/CriticalSection.h"
@@ -12,22 +13,17 @@
 namespace {
 
 namespace platform = orv::platform;
+using orv::util::hidden::slotsOfThread;
 using platform::SectionGuard;
-
-struct Slot {
-  void* value = nullptr;
-  SlotCleanup cleanup = nullptr;
-};
+using Slot = orv::util::hidden::ThreadSlot;
 
 // The slots of one thread; a node of the list of all.
 struct ThreadSlots {
-  Slot slots[kSlotCount];
+  Slot slots[kSlotCount];  // First: the index leads here.
   platform::ThreadId thread = platform::currentThreadId();
   u32 process = platform::currentProcessId();
   ThreadSlots* next = nullptr;
 };
-
-constinit platform::ThreadLocal slotsOfThread;
 
 // Every thread's slots.
 constinit platform::CriticalSection listSection;
@@ -82,6 +78,8 @@ ThreadSlots* exchangeForAbandoned(ThreadSlots& added) {
   return abandoned;
 }
 
+static_assert(std::is_standard_layout_v<ThreadSlots>);
+
 ThreadSlots* callersSlots() {
   return static_cast<ThreadSlots*>(slotsOfThread.get());
 }
@@ -120,11 +118,6 @@ ThreadSlots* makeCallersSlots() {
 }
 
 }  // namespace
-
-void* slotGet(u32 index) {
-  const ThreadSlots* const mine = index < kSlotCount ? callersSlots() : nullptr;
-  return mine ? mine->slots[index].value : nullptr;
-}
 
 bool slotSet(u32 index, void* value, SlotCleanup cleanup) {
   if (index >= kSlotCount) return false;

@@ -7,6 +7,7 @@
 
 #pragma once
 
+#include "platform/ThreadLocal.h"
 #include "platform/Types.h"
 
 inline constexpr u32 kSlotPoolCacheFirst = 0;  // 0 to 4: per-thread caches of pools.
@@ -19,8 +20,24 @@ inline constexpr u32 kSlotCount = 9;
 
 using SlotCleanup = void (*)(void* value);  // May be null.
 
+namespace orv::util::hidden {
+
+struct ThreadSlot {
+  void* value = nullptr;
+  SlotCleanup cleanup = nullptr;
+};
+
+// Leads to the calling thread's array of kSlotCount.
+inline constinit platform::ThreadLocal slotsOfThread;
+
+}  // namespace orv::util::hidden
+
 // The calling thread's value; null for an empty slot and for an index of kSlotCount or above.
-void* slotGet(u32 index);
+inline void* slotGet(u32 index) {
+  const void* const slots = orv::util::hidden::slotsOfThread.get();
+  return slots && index < kSlotCount ? static_cast<const orv::util::hidden::ThreadSlot*>(slots)[index].value
+                                     : nullptr;
+}
 
 // Runs the cleanup of the old value, then stores the new one. False for an index of kSlotCount or above. A
 // thread that has no slots yet and no memory for them keeps none, which still gives true: who must know asks
