@@ -14,31 +14,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <new>
 
 #include "modules/streams/flv/FLVAdaptor.h"
 #include "support/DiskHost.h"
 #include "support/FlvBuilder.h"
+#include "support/HeapWatch.h"
 #include "support/MemoryHost.h"
 #include "support/Module.h"
 #include "support/Random.h"
-
-namespace {
-std::atomic<i64> allocations{0};
-}  // namespace
-
-// Not inlined: the compiler would see malloc and free behind new and delete, and warn.
-__attribute__((noinline)) void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size)) return block;
-  throw std::bad_alloc();
-}
-__attribute__((noinline)) void operator delete(void* block) noexcept {
-  std::free(block);
-}
-__attribute__((noinline)) void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
-}
 
 namespace {
 
@@ -271,13 +254,14 @@ void load(benchmark::State& state, const char* aggregates) {
   const i64 bytesBefore = host.bytesRead;
   for (auto _ : state) {
     plain += plainCopy(film);
-    faults -= pageFaults(), news -= allocations;
+    faults -= pageFaults();
+    const HeapWatch heap;
     const auto from = std::chrono::steady_clock::now();
     for (SegmentBounds segment : segments) {
       if (!adaptor.loadSegment(stream.handle, &segment, &holder)) state.SkipWithError("load failed");
     }
     const double took = seconds(from);
-    faults += pageFaults(), news += allocations;
+    faults += pageFaults(), news += static_cast<i64>(heap->allocations);
     module += took;
     state.SetIterationTime(took);
   }

@@ -113,7 +113,7 @@ void stage(benchmark::State& state) {
       for (u32 i = 0; i < count; ++i) stream->stage(flv::kTypeVideo, 1 + i, message);
     });
     calls += host.callCount - callsBefore;
-    allocated += static_cast<i64>(heap.allocations());
+    allocated += static_cast<i64>(heap->allocations);
     stream->flush();
     copying.time([&] {
       u8* at = copy.data();

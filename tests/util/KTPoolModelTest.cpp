@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "util/Gate.h"
+#include "platform/Event.h"
 #include "util/KTPool.h"
 
 namespace {

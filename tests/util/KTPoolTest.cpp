@@ -78,7 +78,9 @@ TEST(KTPool, keepsItsBlocksAndItsBooksUnderContention) {
             block->data[0] = block->data[size - 1] = static_cast<u8>(size);
             const std::lock_guard guard(mutex);
             KTMemoryPtr& place = shared[random() % shared.size()];
-            if (place) EXPECT_EQ(place->data[0], place->data[place->length.read() - 1]);
+            if (place) {
+              EXPECT_EQ(place->data[0], place->data[place->length.read() - 1]);
+            }
             block->length.store(static_cast<i32>(size));
             place = block;
           }
