@@ -25,7 +25,7 @@ namespace {
 
 constexpr KTPoolSettings kSettings{.threadSlot = 0,
                                    .maxEntrySize = 1 << 20,
-                                   .maxEntries = 4096,
+                                   .maxEntries = 2048,
                                    .maxBytes = 256 << 20,
                                    .lowShare = 64,
                                    .syncInterval = 10000};

@@ -37,17 +37,27 @@ struct Fiber {
 
 namespace {
 
-thread_local Fiber* current = nullptr;
+// A thread's own.
+struct ThreadState {
+  Fiber* current = nullptr;
+  ExceptionsInFlight* exceptions = nullptr;  // The live record; known once the thread is converted.
+};
 
-__attribute__((noinline)) void setCurrent(Fiber* fiber) {
-  current = fiber;
+constinit thread_local ThreadState state;
+
+// The compiler takes the address of `state` for a constant, so no function that also switches may name it.
+__attribute__((noinline)) void setThread(ThreadState own) {
+  state = own;
 }
 
-// Puts the record of `from` aside and that of `to` in its place. The compiler takes the address of the record
-// for a constant of the thread, so it must not meet it in a function that also switches.
-__attribute__((noinline)) void exchangeExceptions(Fiber& from, Fiber& to) {
-  auto& live = *reinterpret_cast<ExceptionsInFlight*>(abi::__cxa_get_globals());
-  from.exceptions = std::exchange(live, to.exceptions);
+// Makes `target` the current fiber, with its record of exceptions in place of that of the one that leaves.
+// Gives the latter; null when there is none, or when the target can't be gone to.
+__attribute__((noinline)) Fiber* exchangeCurrent(Fiber* target) {
+  Fiber* const from = state.current;
+  if (!from || !target || !target->context) return nullptr;
+  from->exceptions = std::exchange(*state.exceptions, target->exceptions);
+  state.current = target;
+  return from;
 }
 
 // On the stack of `here`, which the switch has just reached.
@@ -58,8 +68,6 @@ void arrive(context::transfer_t transfer, const Fiber& here) {
 }
 
 context::transfer_t jump(Fiber& from, Fiber& to, bool forGood) {
-  exchangeExceptions(from, to);
-  setCurrent(&to);
   sanitizer::leaving(from.notes, to.notes, forGood);
   return context::jump_fcontext(std::exchange(to.context, nullptr), &from);
 }
@@ -75,7 +83,7 @@ void fiberMain(context::transfer_t transfer) noexcept {
 }  // namespace
 
 __attribute__((noinline)) Fiber* currentFiber() {
-  return current;
+  return state.current;
 }
 
 Fiber* convertThreadToFiber() {
@@ -83,14 +91,14 @@ Fiber* convertThreadToFiber() {
   auto* const own = new (std::nothrow) Fiber;
   if (!own) return nullptr;
   sanitizer::threadConverted(own->notes);
-  setCurrent(own);
+  setThread({own, reinterpret_cast<ExceptionsInFlight*>(abi::__cxa_get_globals())});
   return own;
 }
 
 void convertFiberToThread() {
   Fiber* const own = currentFiber();
   if (!own || own->entry) return;
-  setCurrent(nullptr);
+  setThread({});
   delete own;
 }
 
@@ -105,14 +113,14 @@ Fiber* createFiber(std::size_t reserve, FiberEntry entry, void* argument) {
 }
 
 bool switchToFiber(Fiber* target) {
-  Fiber* const from = currentFiber();
-  if (!from || !target || !target->context) return false;
+  Fiber* const from = exchangeCurrent(target);
+  if (!from) return false;
   arrive(jump(*from, *target, false), *from);
   return true;
 }
 
 void leaveFiberFor(Fiber* target) {
-  jump(*currentFiber(), *target, true);
+  if (Fiber* const from = exchangeCurrent(target)) jump(*from, *target, true);
   std::terminate();
 }
 

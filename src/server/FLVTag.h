@@ -3,6 +3,9 @@
 
 #pragma once
 
+#include <bit>
+#include <cstring>
+
 #include "platform/Types.h"
 
 namespace orv::flv {
@@ -44,8 +47,8 @@ inline void writeU24(u8* bytes, u32 value) {
   bytes[2] = static_cast<u8>(value);
 }
 inline void writeU32(u8* bytes, u32 value) {
-  bytes[0] = static_cast<u8>(value >> 24);
-  writeU24(bytes + 1, value);
+  const u32 bigEndian = __builtin_bswap32(value);
+  std::memcpy(bytes, &bigEndian, sizeof bigEndian);
 }
 
 // A view of the 11 header bytes of a tag.
@@ -60,10 +63,8 @@ struct TagHeader {
 };
 
 inline void writeTagHeader(u8* bytes, u8 typeByte, u32 dataSize, u32 time, u32 streamId = 0) {
-  bytes[0] = typeByte;
-  writeU24(bytes + 1, dataSize);
-  writeU24(bytes + 4, time & 0xFFFFFF);
-  bytes[7] = static_cast<u8>(time >> 24);
+  writeU32(bytes, u32{typeByte} << 24 | (dataSize & 0xFFFFFF));
+  writeU32(bytes + 4, std::rotl(time, 8));
   writeU24(bytes + 8, streamId);
 }
 

@@ -40,9 +40,14 @@ KTMessage::KTMessage(u32 size, KTPoolSide<KTMessage>* owner) : pool(owner) {
   if (pool) refCount_.increment();
 }
 
+// Both as with KTMemory: what only the caller can know of takes no interlocked instruction.
+i32 KTMessage::addRef() {
+  return pool && refCount_.replace(1, 2) ? 2 : refCount_.increment();
+}
+
 i32 KTMessage::release() {
   KTPoolSide<KTMessage>* const owner = pool;  // Behind the decrement the message may be somebody else's.
-  const i32 count = refCount_.decrement();
+  const i32 count = owner && refCount_.replace(2, 1) ? 1 : refCount_.decrement();
   if (count < 1) {
     delete this;
     return 0;

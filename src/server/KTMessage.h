@@ -13,6 +13,10 @@ class KTMessage : public orv::SingleMessage {
   // With a pool, the message starts with a count of 1, which is the pool's own.
   KTMessage(u32 size, KTPoolSide<KTMessage>* owner);
 
+  // For a pool: the same, with no block until `resetPayload`.
+  explicit KTMessage(KTPoolSide<KTMessage>* owner) : pool(owner) { refCount_.increment(); }
+
+  i32 addRef() override;
   // A pooled message that only its pool still holds drops its block and its attachments and goes back there.
   i32 release() override;
 

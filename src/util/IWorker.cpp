@@ -35,7 +35,9 @@ IWorker* makeDelegate() {
 }  // namespace
 
 IWorker* callingWorker() {
-  if (void* const fiber = slotGet(kSlotFiber)) return static_cast<IWorker*>(fiber);
-  if (void* const worker = slotGet(kSlotWorker)) return static_cast<IWorker*>(worker);
-  return makeDelegate();
+  const auto* const slots = orv::util::hidden::slotsOfCaller();
+  if (!slots) return makeDelegate();
+  void* const fiber = slots[kSlotFiber].value;
+  void* const worker = fiber ? fiber : slots[kSlotWorker].value;
+  return worker ? static_cast<IWorker*>(worker) : makeDelegate();
 }

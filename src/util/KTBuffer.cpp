@@ -32,6 +32,11 @@ KTMemory::~KTMemory() {
   if (freeFunction) freeFunction(data);
 }
 
+i32 KTMemory::addRef() {
+  // One count is the pool's: only the caller knows of a block that has no user yet.
+  return pool && refCount_.replace(1, 2) ? 2 : refCount_.increment();
+}
+
 i32 KTMemory::release() {
   KTPoolSide<KTMemory>* const owner = pool;  // Behind the decrement the block may be somebody else's.
   // Two counts are the pool's and the caller's: nobody is left who could change them meanwhile.

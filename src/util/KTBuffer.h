@@ -27,10 +27,13 @@ class KTMemory : public KTObject {
 
   // Owns nothing.
   KTMemory() = default;
+  // For a pool: the same, with the count that is the pool's own. `reserve` brings bytes.
+  explicit KTMemory(KTPoolSide<KTMemory>* owner) : pool(owner) { refCount_.increment(); }
   // With a pool, the block starts with a count of 1, which is the pool's own for the life of the block.
   KTMemory(u32 size, KTPoolSide<KTMemory>* owner);
   ~KTMemory() override;
 
+  i32 addRef() override;
   // A pooled block that only its pool still holds goes back there; it stays alive, and the result is 1.
   i32 release() override;
 

@@ -21,7 +21,8 @@
 #include "util/ThreadSlots.h"
 
 // What a pool must know of its entries; specialised beside each class that can be pooled. `make` gives an
-// entry with a count of 1; `prepare` makes a free one fit for a user who asked for `size`, and may throw.
+// entry with a count of 1 and no bytes; `prepare` makes a new or a free one fit for a user who asked for
+// `size`. Both may throw.
 template <class Entry>
 struct KTPoolTraits;
 
@@ -29,7 +30,7 @@ template <>
 struct KTPoolTraits<KTMemory> {
   static constexpr u32 kHitOverhead = sizeof(KTMemory);  // What a hit counts beside the size asked for.
 
-  static KTMemory* make(u32 size, KTPoolSide<KTMemory>* pool) { return new KTMemory(size, pool); }
+  static KTMemory* make(KTPoolSide<KTMemory>* pool) { return new KTMemory(pool); }
   static u64 cost(const KTMemory& block) { return u64{block.capacity} + sizeof(KTMemory); }
   static void prepare(KTMemory& block, u32 size) {
     block.length.restart();
@@ -74,8 +75,7 @@ class alignas(64) KTPoolCache : public KTPoolCacheBase, private boost::noncopyab
   using Traits = KTPoolTraits<Entry>;
 
   KTPool<Entry>& pool() const { return *static_cast<KTPool<Entry>*>(pool_); }
-  Entry* hit(u32 size);
-  Entry* makeEntry(u32 size);
+  [[gnu::always_inline]] inline Entry* hit(u32 size);
   void keep(Entry* entry);
   void countOut();
   void countIn();
@@ -84,7 +84,7 @@ class alignas(64) KTPoolCache : public KTPoolCacheBase, private boost::noncopyab
   [[gnu::noinline]] Entry* makeOversize(u32 size);
   [[gnu::noinline]] void destroyOversize(Entry* entry);
   [[gnu::noinline]] Entry* refill(u32 size, u32 lowMark, u32 highMark);
-  Entry* makeBatch(u32 size, u32 number);
+  Entry* makeEntries(u32 size, u32 number);
 
   KTPoolStats& handIn();
 

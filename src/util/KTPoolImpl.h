@@ -32,7 +32,13 @@ void KTPool<Entry>::recycle(Entry* entry) {
 
 template <class Entry>
 Entry* KTPool<Entry>::acquireDirectly(u32 size) {
-  Entry* const entry = Traits::make(size, this);
+  Entry* const entry = Traits::make(this);
+  try {
+    Traits::prepare(*entry, size);
+  } catch (...) {
+    entry->release();
+    throw;
+  }
   const u64 cost = Traits::cost(*entry);
   const KTMutexGuard guard(mutex_);
   counters_.directAlloc.add(cost);

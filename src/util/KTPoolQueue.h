@@ -26,7 +26,6 @@ class KTPoolQueue {
     head_ = entry->nextFree;
     if (!head_) tail_ = nullptr;
     entry->nextFree = nullptr;
-    prefetch(head_);
     return entry;
   }
 
@@ -39,12 +38,6 @@ class KTPoolQueue {
   }
 
  private:
-  // Who takes one entry soon takes the next: its count, at the start, and its link may be on two cache lines.
-  static void prefetch(const Entry* entry) {
-    __builtin_prefetch(entry, 1);
-    __builtin_prefetch(entry ? &entry->nextFree : nullptr, 1);
-  }
-
   Entry* head_ = nullptr;
   Entry* tail_ = nullptr;
 };

@@ -30,13 +30,16 @@ struct ThreadSlot {
 // Leads to the calling thread's array of kSlotCount.
 inline constinit platform::ThreadLocal slotsOfThread;
 
+inline const ThreadSlot* slotsOfCaller() {
+  return static_cast<const ThreadSlot*>(slotsOfThread.get());
+}
+
 }  // namespace orv::util::hidden
 
 // The calling thread's value; null for an empty slot and for an index of kSlotCount or above.
 inline void* slotGet(u32 index) {
-  const void* const slots = orv::util::hidden::slotsOfThread.get();
-  return slots && index < kSlotCount ? static_cast<const orv::util::hidden::ThreadSlot*>(slots)[index].value
-                                     : nullptr;
+  const auto* const slots = orv::util::hidden::slotsOfCaller();
+  return slots && index < kSlotCount ? slots[index].value : nullptr;
 }
 
 // Runs the cleanup of the old value, then stores the new one. False for an index of kSlotCount or above. A

@@ -17,7 +17,7 @@ namespace {
 
 // An entry that can be told from every other.
 struct Numbered : KTObject {
-  Numbered(u32 size, KTPoolSide<Numbered>* owner) : capacity(size), pool(owner) { addRef(); }
+  explicit Numbered(KTPoolSide<Numbered>* owner) : pool(owner) { addRef(); }
   ~Numbered() override { --alive; }
   i32 release() override {
     const i32 count = refCount_.decrement();
@@ -28,7 +28,7 @@ struct Numbered : KTObject {
 
   static inline int made = 0, alive = 0, failing = -1;  // `failing`: makes that succeed before one throws.
   const int number = made++;
-  u32 capacity;
+  u32 capacity = 0;
   KTPoolSide<Numbered>* const pool;
   Numbered* nextFree = nullptr;
 };
@@ -43,10 +43,10 @@ struct KTPoolTraits<Numbered> {
   static void mayFail() {
     if (Numbered::failing >= 0 && Numbered::failing-- == 0) throw std::bad_alloc();
   }
-  static Numbered* make(u32 size, KTPoolSide<Numbered>* pool) {
+  static Numbered* make(KTPoolSide<Numbered>* pool) {
     mayFail();
     ++Numbered::alive;
-    return new Numbered(size, pool);
+    return new Numbered(pool);
   }
   static u64 cost(const Numbered& entry) { return entry.capacity + kOverhead; }
   static void prepare(Numbered& entry, u32 size) {
@@ -102,10 +102,22 @@ struct Model {
     updateMarks();
   }
 
-  Item make(u32 size) {
+  void mayFail() {
     if (failing >= 0 && failing-- == 0) throw OutOfMemory();
-    ++alive;
-    return {made++, size};
+  }
+
+  // First all objects, then the bytes of each.
+  Item make(u32 size, u32 number, Thread* t) {
+    int next = made;
+    for (u32 left = number; left > 0; --left, ++made) mayFail();
+    for (;; ++next) {
+      if (size > 0) mayFail();
+      ++alive;
+      const Item item{next, size};
+      if (t) t->stats.alloc.add(item.cost());
+      if (next == made - 1) return item;
+      append(*t, item);
+    }
   }
 
   Item hit(Thread& t, u32 size) {
@@ -113,12 +125,13 @@ struct Model {
     t.stats.cached.subtract(head.cost());
     if (size > head.capacity) {
       head.capacity = 0;
-      const bool fails = failing >= 0 && failing-- == 0;
-      if (!fails) head.capacity = size;
-      if (fails) {
+      try {
+        mayFail();
+      } catch (const OutOfMemory&) {
         t.stats.cached.add(head.cost());
-        throw OutOfMemory();
+        throw;
       }
+      head.capacity = size;
     }
     t.stats.hits.add(u64{size} + 3);
     const Item item = head;
@@ -140,9 +153,8 @@ struct Model {
     makeCache(t);
     const u32 lowNow = low, highNow = high;
     if (size > settings.maxEntrySize) {
-      const Item item = make(size);
+      const Item item = make(size, 1, &t);
       t.stats.oversizeAlloc.add(item.cost());
-      t.stats.alloc.add(item.cost());
       return item;
     }
     ++t.outstanding;
@@ -162,13 +174,7 @@ struct Model {
         c.taken.add(free.front().cost());
       }
       if (!t.list.empty()) return hit(t, size);
-      for (u32 spare = 1; spare < take; ++spare) {
-        append(t, make(size));
-        t.stats.alloc.add(t.list.back().cost());
-      }
-      const Item item = make(size);
-      t.stats.alloc.add(item.cost());
-      return item;
+      return make(size, std::max(take, 1u), &t);
     } catch (const OutOfMemory&) {
       --t.outstanding;
       throw;
@@ -212,7 +218,7 @@ struct Model {
 
   // A thread whose slot another pool has.
   Item acquireDirectly(u32 size) {
-    const Item item = make(size);
+    const Item item = make(size, 1, nullptr);
     c.directAlloc.add(item.cost());
     if (item.cost() > settings.maxEntrySize) c.oversizeAlloc.add(item.cost());
     return item;

@@ -21,6 +21,10 @@ u8 lowNibble(u8 byte) {
   return byte & 0x0F;
 }
 
+bool mayBeMetadata(u8 type, u32 time) {
+  return time == 0 && (type == kTypeDataAmf0 || type == kTypeDataAmf3);
+}
+
 }  // namespace
 
 bool KTFLVData::record(u16 type, const void* data, u32 size, u32 time) {
@@ -95,7 +99,7 @@ void KTFLVData::noteCodecs(const RecordedMessage& message) {
 
 // True if the message has become the stream's metadata.
 bool KTFLVData::noteMetadata(const RecordedMessage& message) {
-  if (metadata) return false;
+  if (metadata || !mayBeMetadata(message.type, message.time)) return false;
   metadata = parseMetadata(message);
   if (!metadata) return false;
   // Where the tag will stand after the next flush; if that can't be told it has no place, and is never
@@ -113,7 +117,6 @@ void KTFLVData::forgetMetadata() {
 
 KTMessagePtr KTFLVData::parseMetadata(const RecordedMessage& message) {
   const KTMessagePtr none(nullptr);
-  if (message.time != 0 || (message.type != kTypeDataAmf0 && message.type != kTypeDataAmf3)) return none;
   const KTMessagePtr parsed;
   parsed->setType(message.type & kTypeMask);
   parsed->setTime(0);
