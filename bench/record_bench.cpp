@@ -144,7 +144,6 @@ void stage(benchmark::State& state) {
 
 constexpr u32 kTags = 250;
 constexpr u32 kTagData = 2100;
-constexpr u32 kFlushBytes = kTags * (kTagData + flv::kTagOverhead);
 
 // A file that begins and ends with sound tags and is `size` bytes long, with a hole in between if it is
 // large.

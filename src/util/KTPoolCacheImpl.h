@@ -1,6 +1,8 @@
-// The operations of KTPoolCache. Included by KTPool.h alone.
+// The operations of KTPoolCache, for KTPool.h.
 
 #pragma once
+
+#include "util/KTPool.h"
 
 template <class Entry>
 KTPoolCache<Entry>::KTPoolCache(KTPool<Entry>& pool) : KTPoolCacheBase(&pool) {

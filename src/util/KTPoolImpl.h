@@ -1,6 +1,8 @@
-// The operations of KTPool. Included by KTPool.h alone.
+// The operations of KTPool, for KTPool.h.
 
 #pragma once
+
+#include "util/KTPool.h"
 
 template <class Entry>
 KTPool<Entry>::KTPool(const KTPoolSettings& settings) : settings_(settings) {

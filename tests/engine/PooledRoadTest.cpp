@@ -69,7 +69,7 @@ TEST(PooledRoadTest, givesTheSameAndLeavesNothing) {
   defaultMemoryPool = nullptr;
   defaultMessagePool = nullptr;
   EXPECT_EQ(plain, pooled);
-  for (const u32 slot : {1, 0}) slotSet(slot, nullptr, nullptr);  // Messages first: they hold blocks.
+  for (const u32 slot : {1u, 0u}) slotSet(slot, nullptr, nullptr);  // Messages first: they hold blocks.
   expectAllHome(messages.counters());
   const KTPoolCounters counters = blocks.counters();
   EXPECT_GT(counters.totals.alloc.count, 0u);

@@ -8,7 +8,6 @@ namespace orv::test {
 namespace {
 
 constexpr u8 kData = flv::kTypeDataAmf0;
-constexpr u16 kAggregate = flv::kTypeAggregate;
 
 class SegmentLoadTest : public EngineTest {
  protected:

@@ -278,7 +278,7 @@ TEST(Flvhost, goesOnBehindDamageAndSaysSo) {
 TEST(Flvhost, whatTheModulePrintsStaysOutOfTheData) {
   TempDir dir;
   const std::string file = dir.file("e.flv", {});
-  EXPECT_NO_THROW(json::parse(flvhost({"info", "--json", file}).out));
+  EXPECT_TRUE(json::accept(flvhost({"info", "--json", file}).out));
   EXPECT_EQ(flvhost({"play", file, "-o", "-"}).out, "");
   EXPECT_THAT(flvhost({"info", "--verbose", file}).err, HasSubstr("error-code"));
 }

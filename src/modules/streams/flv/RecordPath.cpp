@@ -59,7 +59,7 @@ bool KTFLVData::openForRecord() {
 bool KTFLVData::writeFileHeader() {
   u8 header[kFirstTagPosition] = {'F', 'L', 'V', 1, typeFlags, 0, 0, 0, kFileHeaderSize, 0, 0, 0, 0};
   u32 offset = 0;
-  for (const u32 size : {3, 1, 1, 4, 4}) {
+  for (const u32 size : {3u, 1u, 1u, 4u, 4u}) {
     if (write(header + offset, size) == -1) return false;
     offset += size;
   }
