@@ -3,9 +3,6 @@
 // Figures are processor time for one block taken and released. The rows named heap show the system's
 // allocator, or any other that is preloaded:
 //     LD_PRELOAD=libmimalloc.so.2 build/release/bench/pool_bench
-//
-// "allocations" and "locks" are what the timed part of a pool row called of operator new and entered of
-// critical sections, per block: on the hit path both are 0.
 
 #include <benchmark/benchmark.h>
 #include <time.h>

@@ -7,7 +7,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/HeapWatch.h"
+
 namespace {
+
+using orv::test::HeapWatch;
 
 constexpr KTPoolSettings kSettings{.threadSlot = 1,
                                    .maxEntrySize = 4096,
@@ -36,6 +40,20 @@ TEST(KTPool, handsABlockOutAgainFreshAndGreatEnough) {
   EXPECT_EQ(0, again->length.read());
   EXPECT_EQ(0, again->writeOffset.read());
   EXPECT_EQ(nullptr, again->nextFree);
+}
+
+// A thread hands its counters in whenever it takes the mutex: as long as the pool hasn't heard of it, it took
+// none.
+TEST(KTPool, aHitTakesNoLockAndNoMemory) {
+  KTPool<KTMemory> pool(kSettings);
+  { const KTMemoryPtr block(100, &pool); }
+  const KTPoolCounters before = pool.counters();
+  const HeapWatch heap;
+  for (u32 i = 0; i < kSettings.syncInterval; ++i) const KTMemoryPtr block(100, &pool);
+  EXPECT_EQ(0u, heap->allocations);
+  EXPECT_EQ(before, pool.counters());
+  { const KTMemoryPtr oneMore(100, &pool); }
+  EXPECT_EQ(kSettings.syncInterval + 1, pool.counters().totals.hits.count);
 }
 
 TEST(KTPool, destroysABlockThatOnlyItsOverheadMakesTooGreat) {
