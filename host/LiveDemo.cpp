@@ -148,7 +148,13 @@ void LiveDemo::recordSource() {
   flushAndFollow();
 }
 
+// An aggregate is recorded, and comes out, entry by entry.
 void LiveDemo::take(const Tag& tag) {
+  if (tag.plainType() == flv::kTypeAggregate) {
+    forEachTag({flv::kTypeAggregate, tag.time, tag.data, tag.size},
+               [this](const Tag& entry) { take(entry); });
+    return;
+  }
   const u64 before = recording_.tally().tags;
   recording_.take(tag);
   if (recording_.tally().tags > before) comparison_.sent(tag);

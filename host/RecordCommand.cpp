@@ -59,6 +59,9 @@ Recording& RecordRun::recording() {
 
 ExitCode RecordRun::run() {
   if (isatty(STDIN_FILENO)) throw hostFault("an FLV stream is wanted on standard input, from a pipe");
+  if (options_.reserveMetadata && target_.appends()) {
+    tell(target_.file() + ": goes on with the metadata that it has; nothing is reserved");
+  }
   const StopSignals signals;
   for (bool more = true; more;) {
     const auto timeout = recording_ ? recording_->untilFlush() : std::nullopt;
@@ -70,7 +73,7 @@ ExitCode RecordRun::run() {
   return conclude();
 }
 
-// What is appended to has its metadata, or none that players would find.
+// What is appended to has its metadata, or has none, and what came now would not be its head.
 void RecordRun::take(const Tag& tag) {
   if (options_.reserveMetadata && !target_.appends()) {
     reserve_.take(tag);

@@ -128,9 +128,18 @@ RecordStream RecordTarget::open(Session& session) {
   const bool isLate = appends() && !copyIsEqual_;
   RecordStream stream = session.openForRecording(file_, isLate ? nullptr : mirror_.get());
   if (lock_ < 0) lock();
-  if (isLate && mirror_) stream.attach(mirror_.get());
+  if (isLate && mirror_) catchUp(stream);
   tellTornEnd(stream);
   return stream;
+}
+
+// The module sends what the file holds, unless it can't have it in one piece, and tells nobody.
+void RecordTarget::catchUp(RecordStream& stream) {
+  stream.attach(mirror_.get());
+  const auto copied = lookAt(copy_);
+  if (!copied || copied->size != size_) {
+    throw hostFault(fmt::format("{}: could not be made equal to {}; nothing is recorded", copy_, file_));
+  }
 }
 
 // The module appends behind the file's last byte, and never cuts.

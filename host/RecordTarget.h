@@ -43,6 +43,7 @@ class RecordTarget {
   void lock();
   void unlock();
   void makeMirror();
+  void catchUp(RecordStream& stream);
   void tellTornEnd(const RecordStream& stream) const;
 
   const std::string file_;

@@ -9,6 +9,7 @@ namespace orv::platform {
 
 bool breakDown(i64 seconds, Zone zone, std::tm* time) {
   const std::time_t value = seconds;
+  if (zone == Zone::kLocal) tzset();  // As mktime does: both directions follow a change of TZ.
   return (zone == Zone::kUtc ? gmtime_r(&value, time) : localtime_r(&value, time)) != nullptr;
 }
 

@@ -115,10 +115,11 @@ class TreeRemover {
     return true;
   }
 
+  // One that gives no listing, or no way back up, may yet be empty.
   void descend(const std::string& name) {
     Handle below(::openat(here_.get(), name.c_str(), kOpenDirectory));
-    if (!below) {
-      ::unlinkat(here_.get(), name.c_str(), AT_REMOVEDIR);  // One that can't be opened may yet be empty.
+    if (!below || ::faccessat(below.get(), ".", X_OK, AT_EACCESS) != 0) {
+      ::unlinkat(here_.get(), name.c_str(), AT_REMOVEDIR);
       return;
     }
     std::swap(here_, below);

@@ -34,15 +34,6 @@ bool fitsInteger(double value) {
   return value >= amf3::kLeastInteger && value <= amf3::kGreatestInteger && value == std::trunc(value);
 }
 
-// A text that there is no memory for breaks off the value, as a buffer does that can't grow.
-void setXmlText(KTData& value, std::string_view text) {
-  try {
-    value.setText(text);
-  } catch (const std::bad_alloc&) {
-    throw KTOutOfMemory();
-  }
-}
-
 }  // namespace
 
 void KTCSerializer::readAmf3(KTData& value) {
@@ -230,15 +221,18 @@ void KTCSerializer::copyFromRecord(const KTDataArray& record, i32 type, u8 value
   if (charge(held.text().size() + amf::kBlockOverhead)) value = held;
 }
 
-void KTCSerializer::readAmf3Xml(u8 marker, KTData& value) {
+// A text that there is no memory for breaks off the value, as a buffer does that can't grow.
+void KTCSerializer::readAmf3Xml(u8 marker, KTData& value) try {
   const FormHeader header = readHeader();
   if (header.known) return copyFromRecord(*header.known, marker, KTData::Xml, value);
   const std::string_view text = header.usable ? viewBytes(header.length()) : std::string_view();
   const bool granted = !failed() && charge(2 * (text.size() + amf::kBlockOverhead));
-  setXmlText(value, granted ? text : std::string_view());
+  value.setText(granted ? text : std::string_view());
   value.setType(KTData::Xml);
   value.setSubtype(marker);
   if (granted) addRecord(marker, "xml", value);
+} catch (const std::bad_alloc&) {
+  throw KTOutOfMemory();
 }
 
 // One that didn't come from AMF3 has no XML form there.

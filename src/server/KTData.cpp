@@ -104,7 +104,9 @@ void KTData::setType(u8 type) {
   const bool sameForm =
       type == type_ || (isString(type) && isString(type_)) || (isArray(type) && isArray(type_));
   if (!sameForm) {
+    const u8 subtype = subtype_;
     become(Undefined);
+    subtype_ = subtype;
     payload_ = {};
     if (isString(type)) payload_.text = KTStringPool::empty<char>();
   }

@@ -85,7 +85,7 @@ class KTData {
 
   u8 type() const { return type_; }
   // Between two types of one form (the containers; String and Xml) the content stays. Any other change drops
-  // it, `subtype` included, and leaves the zero of the new form.
+  // it and leaves the zero of the new form. `subtype` stays in any case.
   void setType(u8 type);
   // The AMF3 marker that the value came from or shall go out as; 6 when none applies.
   u8 subtype() const { return subtype_; }

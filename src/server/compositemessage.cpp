@@ -21,7 +21,6 @@ SubMessage::SubMessage(CompositeMessage* root, u32 place, u32 start, const u8* h
     : parent(root), offset(start), index(place) {
   std::memcpy(&header, headerBytes, sizeof header);
   memory = payload;
-  takeTypeBit();
 }
 
 i32 SubMessage::addRef() {
@@ -86,8 +85,8 @@ CompositeMessage* CompositeMessage::fromMessage(const Message& message) {
 }
 
 void CompositeMessage::parse(u32 size) {
-  for (u32 offset = 0; offset < size;) {
-    const u32 entrySize = appendEntry(offset, size);
+  for (u64 offset = 0; offset < size;) {  // The last entry's trailing field may be missing.
+    const u32 entrySize = appendEntry(static_cast<u32>(offset), size);
     if (entrySize == 0) return;
     offset += entrySize;
   }
@@ -104,6 +103,7 @@ u32 CompositeMessage::appendEntry(u32 offset, u32 size) {
   const KTMemoryPtr payload(new ProxyMemory(memory, start + flv::kTagHeaderSize, dataSize));
   const u32 index = static_cast<u32>(entries_.size());
   entries_.push_back(std::make_unique<SubMessage>(this, index, offset, start, payload));
+  entries_.back()->takeTypeBit();
   return dataSize + flv::kTagOverhead;
 }
 

@@ -19,10 +19,6 @@ bool isDigit(char character) {
   return character >= '0' && character <= '9';
 }
 
-bool isLetter(char character) {
-  return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z');
-}
-
 const char* skipBlanks(const char* text) {
   while (*text == ' ') ++text;
   return text;
@@ -49,17 +45,14 @@ class Fields {
     return value;
   }
 
-  // The next word that is a month; other words, a weekday for one, are passed over. -1 when there is none.
+  // The next letters that name a month; others, a weekday for one, are passed over. -1 when there are none.
   i32 month() {
-    while (*at_) {
-      while (*at_ && !isLetter(*at_)) ++at_;
+    for (; *at_; ++at_) {
       const i32 month = monthIndex(std::string_view(at_, strnlen(at_, kMonthLetters)));
-      if (month >= 0) {
-        at_ += kMonthLetters;
-        stepOverSeparator();
-        return month;
-      }
-      while (isLetter(*at_)) ++at_;
+      if (month < 0) continue;
+      at_ += kMonthLetters;
+      stepOverSeparator();
+      return month;
     }
     return -1;
   }
@@ -116,7 +109,7 @@ bool readByShape(const char* text, std::tm* time) {
     const char* const behind = skipBlanks(comma + 1);
     return readDayFirst(behind, std::strchr(behind, '-') ? 18 : 20, time);
   }
-  return isDigit(*text) ? readYearFirst(text, time) : readMonthFirst(skipBlanks(text), time);
+  return isDigit(*text) ? readYearFirst(text, time) : readMonthFirst(text, time);
 }
 
 bool within(i32 value, i32 first, i32 last) {

@@ -26,7 +26,8 @@ class KTConditionSignal : private boost::noncopyable {
   // and the waiting isn't lost.
   int wait(IMutex& held);
   int wait(IMutex& held, u32 milliseconds);
-  int wait(IMutex& held, KTTicks limit);  // Whole milliseconds; what is left over is dropped.
+  // Whole milliseconds; what is left over is dropped, and a negative limit is 0. No limit stands for ever.
+  int wait(IMutex& held, KTTicks limit);
 
   void signal() { event_.signal(); }
 

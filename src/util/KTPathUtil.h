@@ -24,10 +24,11 @@ KTWideString toBackslashes(const KTWideString& path);
 // Two leading backslashes are dropped, or else a colon at index 1; then every backslash becomes a slash.
 KTWideString toForwardSlashes(const KTWideString& path);
 
-// `relative` under `base`, in `*out`, with backslashes only. An absolute `relative` is the result itself when
-// `allowAbsolute` is set, and a failure when it is not. Unless `allowDotDot` is set, a failure also when the
-// first ".." in `relative` is a path element; what follows the first one is not looked at, so the join alone
-// keeps nobody in. After a failure `*out` holds `base` with a backslash. The three may be one object.
+// `relative` under `base`, in `*out`, with backslashes only unless `relative` is empty. An absolute
+// `relative` is the result itself, as it stands, when `allowAbsolute` is set, and a failure when it is not.
+// Unless `allowDotDot` is set, a failure also when the first ".." in `relative` is a path element; what
+// follows the first one is not looked at, so the join alone keeps nobody in. After a failure `*out` holds
+// `base` with a backslash. The three may be one object.
 bool join(const KTWideString& base, const KTWideString& relative, KTWideString* out, bool allowAbsolute,
           bool allowDotDot);
 
@@ -39,8 +40,8 @@ KTWideString safeFileName(const KTWideString& text);
 // name isn't wide text.
 KTWideString moduleDirectory();
 
-// As the operating system takes it: UTF-8 with slashes. Empty for a path with a character of value 0, which
-// would name another file.
+// As the operating system takes it: UTF-8 with slashes, for characters of up to 16 bits; what lies above
+// can't be named. Empty for a path with a character of value 0, which would name another file.
 KTString toNative(const KTWideString& path);
 
 }  // namespace orv::util::paths

@@ -41,9 +41,10 @@ Char* newPrivate(i32 length) {
   return newTextBlock<Char>(capacityFor(length), length, KTStringPool::kPrivate);
 }
 
+// The two may overlap: a text may be appended to itself with its NUL.
 template <class Char>
 void copyText(Char* to, const Char* from, i32 length) {
-  if (length) std::char_traits<Char>::copy(to, from, static_cast<std::size_t>(length));
+  if (length) std::char_traits<Char>::move(to, from, static_cast<std::size_t>(length));
 }
 
 template <class Char>

@@ -133,13 +133,8 @@ i32 KTText<Text, Char>::compareViews(View a, View b) {
 }
 
 template <class Text, class Char>
-bool KTText<Text, Char>::equalsNoCase(const Text& other) const {
-  return text_ == other.text_ || equalNoCase(view(), other.view());
-}
-
-template <class Text, class Char>
 bool KTText<Text, Char>::equalsNoCase(const Char* text) const {
-  return text_ == text || equalNoCase(view(), viewOf(text));
+  return text_ == text || equalNoCase(viewOf(text_), viewOf(text));
 }
 
 // Interning makes one block for each text: two pooled blocks differ in their texts.

@@ -62,13 +62,14 @@ class KTText {
   // Empty when `start` is past the end; a negative start counts as 0.
   Text substring(i32 start, i32 count = -1) const;
   Text left(i32 count) const { return substring(0, count); }
-  // Drops white space at both ends.
+  // Drops white space at both ends of this text.
   Text& trim();
 
   // By character value: -1, 0 or 1.
   i32 compare(const Text& other) const { return compareViews(view(), other.view()); }
   i32 compare(const Char* text) const { return compareViews(view(), viewOf(text)); }
-  bool equalsNoCase(const Text& other) const;
+  // Both up to the first NUL.
+  bool equalsNoCase(const Text& other) const { return equalsNoCase(other.text_); }
   bool equalsNoCase(const Char* text) const;
 
   friend bool operator==(const Text& a, const Text& b) { return a.equals(b); }

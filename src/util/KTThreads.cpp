@@ -72,8 +72,12 @@ KTThread* findThread(u32 threadId) {
 // False when there is no fiber to run it on.
 bool callOnFiber(const ThreadCall& call) {
   if (!(call.options & kThreadWithFiber) || !fibersOn.load(std::memory_order_relaxed)) return false;
-  const ORVFiberPtr fiber = acquireFiber();
-  return fiber && fiber->run(call.function, call.argument);
+  ORVFiberPool* const pool = fiberPool.load(std::memory_order_acquire);
+  const ORVFiberPtr fiber = acquireFiber(pool);
+  if (!fiber) return false;
+  if (fiber->run(call.function, call.argument)) return true;
+  if (pool) pool->recycle(fiber);
+  return false;
 }
 
 void callRegistered(ThreadCall& call) {

@@ -52,7 +52,8 @@ inline constexpr u32 kThreadWithFiber = 1;  // An option: run the function on a 
 
 // Starts a thread that nobody waits for, and gives its id; 0 when there is none to be had. The library finds
 // the thread again by its id, and by `argument` as its owner. The thread ends with the function; on a fiber,
-// also when the function first waits: it goes on on another thread then, and its result is lost.
+// also when the function first waits: it goes on on another thread then, and its result is lost. A thread
+// that finds no memory for its own entry ends the process.
 u32 startThread(KTThreadFunction function, void* argument, u32 options);
 
 // Threads that are between their registration and its end.

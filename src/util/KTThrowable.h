@@ -4,9 +4,9 @@
 
 #include "util/KTWideString.h"
 
-// A host may catch what the shared library throws by class, without linking against it: every class is
-// visible in the library's type information, and none has a member out of line that a catch clause would
-// need.
+// A host may catch what the shared library throws by class and by reference, without linking against it:
+// KTThrowable, KTException and KTBreakConnection are visible in the library's type information, and have no
+// member out of line that a catch clause would need.
 class ORV_EXPORT KTThrowable {
  public:
   KTThrowable() = default;

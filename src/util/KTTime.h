@@ -1,6 +1,8 @@
 // The two time classes: seconds in a double, and an exact count with special values. Both count from
 // 1970-01-01 00:00:00 UTC when they stand for a point in time. Months count from 0, January, wherever a
-// number stands for one.
+// number stands for one. Local times follow the environment variable TZ, which no thread may change
+// meanwhile. Outside 1970 to 2038 every fourth year is a leap year, and daylight saving is that of a year
+// inside.
 
 #pragma once
 
@@ -27,7 +29,8 @@ class KTTimeSpan {
   // every failure give 0. Nothing behind the last field is looked at, a zone included.
   //   "Sun, 06 Nov 1994 08:49:37"  "Sunday, 06-Nov-1994 08:49:37"
   //   "Sun Nov  6 08:49:37 1994"   "1994-10-06T08:49:37.0"  (month 10 is November)
-  // Years run from 1970 to 2020. `relative` adds a bare number to the current time.
+  // Years run from 1970 to 2020. A text is too short below 20 and 18 characters behind the comma, and below
+  // 24 and 21 in the lower row. `relative` adds a bare number to the current time.
   static KTTimeSpan parse(const char* text, bool relative);
 
   // The seconds by which local time lies behind UTC at this moment, daylight saving included.

@@ -9,18 +9,18 @@
 
 namespace {
 
-// Room for a conversion: on the stack when it is small.
-template <class Char>
+// Room to convert up to 1,024 characters on the stack, and more on the heap.
+template <class Char, std::size_t kUnitsPerCharacter>
 class WorkBuffer {
  public:
-  explicit WorkBuffer(std::size_t size) {
-    if (size > kOnStack) large_.reset(new Char[size]);
+  explicit WorkBuffer(std::size_t characters) {
+    if (characters > kOnStack) large_.reset(new Char[characters * kUnitsPerCharacter]);
   }
   Char* data() { return large_ ? large_.get() : small_; }
 
  private:
   static constexpr std::size_t kOnStack = 1024;
-  Char small_[kOnStack];
+  Char small_[kOnStack * kUnitsPerCharacter];
   std::unique_ptr<Char[]> large_;
 };
 
@@ -111,7 +111,7 @@ KTWideString& KTWideString::formatList(const char16_t* pattern, std::va_list arg
 }
 
 KTString toNarrow(const KTWideString& wide) {
-  WorkBuffer<char> buffer(wide.view().size() * orv::platform::kMaxUtf8Bytes);
+  WorkBuffer<char, orv::platform::kMaxUtf8Bytes> buffer(wide.view().size());
   char* out = buffer.data();
   for (const char16_t unit : wide.view()) out += orv::platform::encodeUtf8(unit, out);
   return {buffer.data(), out - buffer.data()};
@@ -119,7 +119,7 @@ KTString toNarrow(const KTWideString& wide) {
 
 KTWideString toWide(const KTString& narrow) {
   std::string_view rest = narrow.view();
-  WorkBuffer<char16_t> buffer(rest.size());
+  WorkBuffer<char16_t, 1> buffer(rest.size());
   char16_t* out = buffer.data();
   while (!rest.empty()) {
     const std::size_t used = orv::platform::decodeUtf8(rest.data(), rest.size(), out);

@@ -175,10 +175,12 @@ void ORVFiber::wakeBound() {
 }
 
 bool ORVFiber::waitBound() {
+  const bool heldForWait = state_ == kWaiting;
   state_ = kWaitingBound;
   while (!wakeFlag_) wakeSignal_.wait(lock_);
   wakeFlag_ = false;
   state_ = kRunning;
+  if (heldForWait) release();  // As in `wake`; the thread's slot has a count of its own.
   return true;
 }
 

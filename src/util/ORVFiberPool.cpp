@@ -1,5 +1,7 @@
 #include "util/ORVFiberPool.h"
 
+#include <new>
+
 #include "util/KTThrowable.h"
 
 namespace {
@@ -13,9 +15,8 @@ constexpr u32 kIdlePerActive = 4;
 
 constinit std::atomic<ORVFiberPool*> fiberPool{nullptr};
 
-ORVFiberPtr acquireFiber() {
-  ORVFiberPool* const pool = fiberPool.load(std::memory_order_acquire);
-  return pool ? pool->acquire() : ORVFiberPtr(new ORVFiber);
+ORVFiberPtr acquireFiber(ORVFiberPool* pool) {
+  return pool ? pool->acquire() : ORVFiberPtr(new (std::nothrow) ORVFiber);
 }
 
 ORVFiberPtr ORVFiberPool::acquire() {
@@ -35,31 +36,37 @@ ORVFiberPtr ORVFiberPool::takeIdle() {
 
 ORVFiberPtr ORVFiberPool::makeFiber() {
   if (ORVFiber::aliveCount() >= maximum_) return nullptr;
-  ORVFiberPtr fiber(new ORVFiber);
-  const bool started = fiber->start(ORVFiber::kStackCommit, ORVFiber::kStackReserve, mainLoop, this);
+  ORVFiberPtr fiber(new (std::nothrow) ORVFiber);
+  const bool started = fiber && fiber->start(ORVFiber::kStackCommit, ORVFiber::kStackReserve, mainLoop, this);
   return started ? fiber : ORVFiberPtr();
 }
 
 // Runs on the fiber. Whoever acquires it again, as soon as it is back in the pool, finds its lock held until
-// it has suspended itself.
+// it has suspended itself. Once it is back, the pool may be gone with the next instruction.
 void ORVFiberPool::mainLoop(void* raw) {
   auto& pool = *static_cast<ORVFiberPool*>(raw);
   ORVFiber& me = *ORVFiber::current();
-  while (!pool.stopping_) {
+  for (bool stopping = false; !stopping;) {
     me.suspend();
-    if (me.runAssignment()) pool.recycle(ORVFiberPtr(&me));
+    if (me.runAssignment()) stopping = pool.takeBack(ORVFiberPtr(&me));
   }
   me.requestStop();
   for (;;) me.suspend();
 }
 
 void ORVFiberPool::recycle(const ORVFiberPtr& fiber) {
+  takeBack(fiber);
+}
+
+// Gives whether the pool hands out no more.
+bool ORVFiberPool::takeBack(const ORVFiberPtr& fiber) {
   fiber->reset();
   const KTMutexGuard guard(lock_);
   idle_.push_back(fiber);
   ++idleCount_;
   KT_ASSERT(activeCount_ > 0);
   if (activeCount_ > 0 && --activeCount_ == 0) cameHome_.signal();
+  return stopping_;
 }
 
 bool ORVFiberPool::stop() {

@@ -35,6 +35,7 @@ class ORVFiberPool : private boost::noncopyable {
  private:
   ORVFiberPtr takeIdle();
   ORVFiberPtr makeFiber();
+  bool takeBack(const ORVFiberPtr& fiber);
   static void mainLoop(void* pool);
 
   std::atomic<bool> stopping_{false};
@@ -49,5 +50,6 @@ class ORVFiberPool : private boost::noncopyable {
 // The process's pool; null, the start, means none. Whoever sets it keeps it alive.
 extern std::atomic<ORVFiberPool*> fiberPool;
 
-// From the process's pool, null when that has none to give; without a pool a new fiber, not started.
-ORVFiberPtr acquireFiber();
+// From the pool, by default the process's; null when that has none to give. Without a pool a new fiber, not
+// started.
+ORVFiberPtr acquireFiber(ORVFiberPool* pool = fiberPool.load(std::memory_order_acquire));

@@ -121,11 +121,11 @@ bool autofilebuffer::holdsNext(i64 next) {
   return came;
 }
 
+// Where nothing comes, the block stays as it was.
 void autofilebuffer::fill() {
   const i64 start = startOfBlock(position_, capacity_, placement_);
   cursor_ = static_cast<u32>(position_ - start);
   position_ = start;
-  fill_ = 0;  // A read that fails may have overwritten the block.
   fill_ = rawRead(start, block_, capacity_);
   blockStart_ = start;
 }

@@ -44,6 +44,7 @@ class autofilebuffer {
   // A centred or backward read that runs past the end of the file doesn't come up short: it goes on with
   // bytes from earlier in the file until the count is full. A check of a tag's size fails on such bytes, and
   // a search goes on to its next candidate instead of ending. What the file can serve is always the file's.
+  // Inside a PassThroughScope such a read comes up short like any other.
   u32 readAt(int fd, i64 position, void* data, u32 size, bool allowShort, u32 line, const char* unit,
              bool noThrow, u32 placement) {
     if (holds(fd, position, size)) {
@@ -57,9 +58,11 @@ class autofilebuffer {
     return readSlowly(fd, position, data, size, allowShort, line, unit, noThrow, placement);
   }
 
-  // Loads the block around `position` ahead of later reads. False if nothing came.
+  // Loads the block around `position` ahead of later reads. False if nothing came or `position` is below 0;
+  // inside a PassThroughScope nothing is loaded.
   bool prime(int fd, i64 position, u32 placement);
-  // Forgets everything and gives the memory back; the next read takes it anew.
+  // Forgets everything and gives the memory back; the next read takes it anew. This and reset() end a
+  // PassThroughScope's effect.
   void release() noexcept;
   // Forgets the block's contents and keeps the memory.
   void reset(int fd, i64 position);

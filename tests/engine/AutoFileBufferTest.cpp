@@ -62,7 +62,10 @@ TEST_F(AutoFileBufferTest, placementOfTheBlock) {
 TEST_F(AutoFileBufferTest, readsAtTheEndOfTheFile) {
   useFile(5000);
   autofilebuffer buffer(1000, &host);
+  EXPECT_EQ(read(buffer, 4500, 1, 0), fileBytes(4500, 1));
   EXPECT_EQ(read(buffer, 4995, 11, 0), fileBytes(4995, 5));
+  EXPECT_EQ(read(buffer, 4500, 500, 0), fileBytes(4500, 500));
+  EXPECT_EQ(reads(), (Reads{{4500, 1000}, {5000, 1000}}));  // the block stays where nothing comes
   EXPECT_EQ(read(buffer, 5000, 11, 0), Bytes());
   EXPECT_EQ(read(buffer, 9'999'999, 11, 0), Bytes());
   const Bytes wrapped = read(buffer, 4995, 11, 1);

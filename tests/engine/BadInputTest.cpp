@@ -161,6 +161,31 @@ TEST_F(FaultTest, aDeadDiskIsGivenUpSoon) {
   EXPECT_LE(text.size(), 300u);
 }
 
+// Rows of tag headers, each of a tag so long that the checks of a candidate look at places 64 MiB apart, and
+// fail at the last of them. No place is read twice.
+TEST_F(BadInputTest, candidatesThatPointFarAway) {
+  constexpr u32 kSize = 16'773'086;  // With its size field, a whole number of slots of 15 bytes.
+  constexpr i64 kStart = 300, kStep = kSize + 4;
+  const auto fill = [](i64 position, u8* out, u32 size) {
+    u8 slot[15];
+    flv::writeU32(slot, kSize);
+    flv::writeTagHeader(slot + 4, kVideo, kSize - flv::kTagHeaderSize, 5);
+    for (u32 i = 0; i < size; ++i)
+      out[i] = position + i < kStart + kStep ? 0 : slot[(position + i - kStart) % sizeof slot];
+  };
+  FileImage image(kStart + 5 * kStep, fill);
+  const Bytes head = FlvBuilder().tag(kVideo, 1, 0).bytes();
+  image.write(0, head.data(), static_cast<u32>(head.size()));
+  image.append(Bytes(4));
+  for (u32 i = 0; i < 5; ++i) image.append(tagBytes(kVideo, 50 + i, {}));
+  configure({{"MaxFrameScan", "262144"}});
+  Stream stream = open(std::move(image));
+  ASSERT_TRUE(stream);
+  host.clearCalls();
+  EXPECT_FALSE(stream.atPosition(kStart + 3 * kStep - 1));
+  EXPECT_LE(host.count(Op::read), 60u);
+}
+
 TEST_F(BadInputTest, shrunkenFile) {
   const FlvBuilder film = FlvBuilder().interleaved(400, 1);
   Stream stream = open(film);

@@ -228,6 +228,16 @@ TEST_F(MediaContextsTest, deserialize) {
   }
 }
 
+// References to one record count as records of their own, with bytes that the blob doesn't hold.
+TEST_F(MediaContextsTest, hugeByReferences) {
+  Bytes blob = blobOf({{9, Bytes(3000), 0, 77, 6, 2}});
+  for (u32 i = 0; i < 1000; ++i) blob.insert(blob.end() - 3, {0, 0, 7, 0, 1});
+  MediaContextStore store;
+  store.deserialize(blob.data(), static_cast<u32>(blob.size()));
+  EXPECT_GT(store.byteSize(), 2 * 3000u);
+  EXPECT_LT(store.byteSize(), 2 * blob.size());
+}
+
 TEST_F(MediaContextsTest, lookUp) {
   // Positions and types of one track, in the order of their arrival.
   const struct {

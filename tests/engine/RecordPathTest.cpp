@@ -243,13 +243,20 @@ TEST_F(RecordPathTest, flagsAreTheFiles) {
   EXPECT_EQ(stream.size(), 13 + 16);
 }
 
-// Written once, in order, whatever happened to the flags.
+// Written once, in order, whatever happened to the flags; metadata that came meanwhile is found in its place,
+// and what a search has seen meanwhile is entered once.
 TEST_F(RecordPathTest, flagsThatFailAndMoreTags) {
-  for (const Fault tagsFault : {Fault::fails, Fault::fallsShort}) {
+  using namespace amf;
+  const auto metadata = [](double seconds) { return onMetaData(object({{"duration", number(seconds)}})); };
+  for (const auto& [tagsFault, searches] : {std::pair(Fault::fails, false), {Fault::fallsShort, false},
+                                            {Fault::fallsShort, true}, {Fault::fails, true}}) {
     host.remove(kFile);
     Stream stream = openRecord();
     Bytes expected;
     for (u32 i = 0; i < 4; ++i) {
+      if (i == 2 && !searches) {
+        stream.stage(kData, 0, metadata(0)), expected = expected + tagBytes(kData, 0, metadata(0.12));
+      }
       const Bytes data = payload(kVideo, 100, i);
       stream.stage(kVideo, 40 * i, data), expected = expected + tagBytes(kVideo, 40 * i, data);
       u32 write = 0;
@@ -260,10 +267,16 @@ TEST_F(RecordPathTest, flagsThatFailAndMoreTags) {
       };
       EXPECT_EQ(stream.flush().has_value(), i == 3);
       EXPECT_EQ(host.openDescriptors(), i == 3 ? 0u : 1u);
+      if (searches && stream.size() > kFirstTag) stream.walk();
     }
     host.beforeCall = nullptr;
     EXPECT_EQ(behind(bytes(), kFirstTag), expected);
-    EXPECT_EQ(stream.atPosition(0)->endPosition, 13 + 4 * 115 - 1);
+    i64 next = 0;
+    for (const SegmentBounds& segment : stream.walk()) {
+      EXPECT_EQ(segment.startPosition, next);
+      next = segment.endPosition + 1;
+    }
+    EXPECT_EQ(next, static_cast<i64>(bytes().size()));
   }
 }
 

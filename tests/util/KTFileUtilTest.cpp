@@ -294,7 +294,8 @@ TEST_F(KTFileUtil, removesLinksAndKeepsWhatTheyPointTo) {
 }
 
 TEST_F(KTFileUtil, aReadOnlyDirectoryStaysAndTheRestGoes) {
-  for (const char* name : {"tree/locked/sub", "tree/unreadable", "tree/free/sub"})
+  for (const char* name :
+       {"tree/locked/sub", "tree/unreadable", "tree/free/sub", "tree/listed", "tree/m/sub", "tree/z/sub"})
     fs::create_directories(root_ / name);
   write("tree/locked/file", "x");
   write("tree/free/file", "x");
@@ -303,12 +304,14 @@ TEST_F(KTFileUtil, aReadOnlyDirectoryStaysAndTheRestGoes) {
   ASSERT_TRUE(geteuid() != 0 || chown(root_.c_str(), 65534, 65534) == 0);
   fs::permissions(root_ / "tree/locked", fs::perms(0555));
   fs::permissions(root_ / "tree/unreadable", fs::perms(0));
+  fs::permissions(root_ / "tree/listed", fs::perms(0444));  // No way back up from it.
   const uid_t self = geteuid();
   ASSERT_TRUE(self != 0 || seteuid(65534) == 0);  // Permissions don't bind the superuser.
   EXPECT_FALSE(files::removeTree(wide("tree")));
   ASSERT_EQ(0, seteuid(self));
   EXPECT_EQ("x", read("tree/locked/file"));
-  EXPECT_FALSE(fs::exists(root_ / "tree/free") || fs::exists(root_ / "tree/unreadable"));
+  for (const char* gone : {"tree/unreadable", "tree/free", "tree/listed", "tree/m", "tree/z"})
+    EXPECT_FALSE(fs::exists(root_ / gone)) << gone;
   fs::permissions(root_ / "tree/locked", fs::perms(0755));
 }
 

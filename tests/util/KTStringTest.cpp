@@ -87,7 +87,7 @@ TEST(KTString, comparesByUnsignedCharacter) {
     EXPECT_EQ(c.sameNoCase, KTString(c.a).equalsNoCase(c.b)) << c.a;
   }
   EXPECT_EQ(1, KTWideString(u"\xFFFF").compare(u"a"));
-  EXPECT_TRUE(KTWideString(u"FLV").equalsNoCase(u"flv"));
+  EXPECT_TRUE(KTWideString(u"FLV").equalsNoCase(u"flv") && KTString("A\0b", 3).equalsNoCase("a"));
 }
 
 TEST(KTString, searchesAndPieces) {

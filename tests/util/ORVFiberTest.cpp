@@ -233,18 +233,24 @@ TEST(ORVFiber, standByTheThousandOnAFewThreads) {
 
 TEST(ORVFiber, boundToItsThreadItBlocksIt) {
   ORVFiberPtr fiber(new ORVFiber);
+  KTFiberMutex mutex;
   Gate bound;
   bool resumed = false;
   Work work = [&] {
     fiber->bindToThread();
     bound.open();
     resumed = fiber->suspend();
+    const KTMutexGuard guard(mutex);
   };
   std::thread thread = cleanThread([&] { fiber->run(doWork, &work); });
   bound.pass();
+  mutex.lock();
   EXPECT_TRUE(fiber->resume());
+  await([&] { return mutex.waitersForTest() == 1; });
+  mutex.unlock();
   thread.join();
   EXPECT_TRUE(resumed);
+  EXPECT_EQ(1, fiber->getRefCount());
 }
 
 TEST(ORVFiberPool, handsOutTakesBackAndStopsAtItsLimit) {
@@ -288,6 +294,26 @@ TEST(ORVFiberPool, stopWaitsForTheActiveOnes) {
   EXPECT_TRUE(done);
   EXPECT_EQ(0u, pool.activeCount());
   awaitThreads();
+}
+
+// Nothing of a stopped pool is touched any more, and what was handed out before has done its work.
+TEST(ORVFiberPool, mayGoOnceItHasStopped) {
+  for (int round = 0; round < 2 * kFibersEach; ++round) {
+    auto pool = std::make_unique<ORVFiberPool>(64);
+    bool done = false;
+    Work work = [&] { done = true; };
+    std::atomic<bool> acquired{false};
+    std::thread thread = cleanThread([&] {
+      const ORVFiberPtr fiber = pool->acquire();
+      acquired = true;
+      EXPECT_TRUE(fiber->run(doWork, &work));
+    });
+    await([&] { return acquired.load(); });
+    EXPECT_FALSE(pool->stop());
+    pool.reset();
+    thread.join();
+    EXPECT_TRUE(done);
+  }
 }
 
 TEST(ORVFiberPool, trimKeepsFourIdleForEachActive) {

@@ -1,8 +1,11 @@
 // The host's file service: the module's only way to the disk.
 //
-// Paths are UTF-8 with backslashes as separators. A descriptor is an int, -1 meaning none. Every operation is
-// positional or names its file, so a service needs no cursor. One service serves all streams and is called
-// from any thread.
+// Paths are UTF-8 with backslashes as separators. A descriptor is an int, -1 meaning none; 0 must never be
+// handed out, since searches take it for none. Every operation is positional or names its file, so a service
+// needs no cursor; but a connection that is attached late gets a copy which the module reads by the
+// descriptor itself, from where it stands. So descriptors must be the platform's own, and stand at the start
+// when they are opened. One service serves all streams, is called from any thread and must not throw.
+// `reserved` is always 0.
 
 #pragma once
 
@@ -36,11 +39,12 @@ class IFileService {
   // A descriptor or -1.
   virtual int open(const char* path, int flags, int mode, int reserved) = 0;
   virtual int close(int fd, int reserved) = 0;
-  // Bytes read, perhaps fewer than asked; below 1 at the end of the file or on failure.
+  // Bytes read, perhaps fewer than asked; below 1, with `data` untouched, at the end of the file or on
+  // failure.
   virtual int read(int fd, i64 position, void* data, u32 size) = 0;
-  // Bytes written.
+  // Bytes written, perhaps fewer than asked; below 1 on failure.
   virtual int write(int fd, i64 position, const void* data, u32 size) = 0;
-  // 0 on success, for these three.
+  // 0 on success, for these three. The results of close and mkdir are not looked at.
   virtual int fstat(int fd, FileStat* record, int reserved) = 0;
   virtual int stat(const char* path, FileStat* record, int reserved) = 0;
   virtual int unlink(const char* path, int reserved) = 0;

@@ -16,7 +16,7 @@ class ORV_EXPORT IQVStreamContext {
   ORV_MEMBER virtual ~IQVStreamContext() {}
   virtual void reserved() = 0;  // Not called by this module.
   // 0: the text stands NUL-terminated in *buffer, which has room for `size` bytes. Above 0: the room needed,
-  // terminator included. Below 0: no such setting.
+  // terminator included; more than 1 MiB counts as no setting. Below 0: no such setting.
   virtual int getConfigValue(const char* key, char** buffer, u32 size) = 0;
   // `text` is UTF-8 and valid during the call. `flag` is always 1.
   virtual void logMessage(const char* text, int level, int flag) = 0;

@@ -20,6 +20,9 @@ class ORV_EXPORT ISegmentHolder {
 class ORV_EXPORT IContextHolder {
   ORV_INTERFACE_MEMBERS(IContextHolder)
 
+  // One head record. `trackID` is its kind: 2 "onMetaData", 3 "|AdditionalHeader", 4 "onXMPData", 5 the
+  // control message that comes with each 3. `messageType` is what the receiver is to treat the data as;
+  // `time` is in milliseconds; `position` is -1, for none; `contextType` is ContextTypeBefore.
   virtual void onContext(unsigned short messageType, const void* data, u32 size, u32 time, i64 position,
                          u32 trackID, u32 contextType) = 0;
 
@@ -30,7 +33,8 @@ class ORV_EXPORT IContextHolder {
 class ORV_EXPORT IAllContextHolder {
   ORV_INTERFACE_MEMBERS(IAllContextHolder)
 
-  // All media contexts as one serialized AMF0 object.
+  // All media contexts as one serialized AMF0 object, which holds one object for each: "contextType", "time",
+  // "messageType", "buffer" (bytes, marker 34), "position" (64 bits, marker 32) and "trackID".
   virtual void onAllContexts(const void* data, u32 size) = 0;
 
  protected:

@@ -54,13 +54,14 @@ bool KTFLVData::flushSegment(SegmentBounds* bounds) {
 FrameRecord KTFLVData::appendStagedTags(i64 fileEnd) {
   if (!unfinishedFlush.pending) unfinishedFlush = {true, dataEnd, duration, 0, 0};
   const u32 before = unfinishedFlush.written;
-  const i64 written = std::max<i64>(write(recordBuffer.data + before, recordBuffer.end - before), 0);
+  const u32 wanted = recordBuffer.end - before;
+  const i64 written = std::clamp<i64>(write(recordBuffer.data + before, wanted), 0, wanted);
   unfinishedFlush.written += static_cast<u32>(written);
   unfinishedFlush.fileEnd = fileEnd + written;
 
   const i64 oldEnd = unfinishedFlush.dataEnd;
   const FrameRecord start{oldEnd, unfinishedFlush.duration, oldEnd + recordBuffer.firstTagSize()};
-  if (!segmentIndex.empty() && segmentIndex.back().last.position == oldEnd) segmentIndex.back().last = start;
+  endIndexAt(start);
   dataEnd = oldEnd + recordBuffer.end;
   typeFlags |= recordBuffer.seenFlags();
   return start;
@@ -111,7 +112,7 @@ KTMessagePtr KTFLVData::updatedMetadata() const {
       writer.addObjectProperty(key, value);
     }
   }
-  return changed ? writer.toDataMessage() : none;
+  return changed && !writer.failed() ? writer.toDataMessage() : none;
 }
 
 bool KTFLVData::updateValue(const KTString& key, bool amf3, KTData* value) const {

@@ -1,7 +1,5 @@
 // The head records: data tags at time 0 in front of the media that describe the stream.
 
-#include <new>
-
 #include "modules/streams/flv/KTFLVData.h"
 #include "server/FLVTag.h"
 #include "server/KTCommand.h"
@@ -31,6 +29,8 @@ u32 KTFLVData::classifyRecord(std::string_view name) {
   return 0;
 }
 
+// Media between head records are stepped over by their headers: their payload, which may be long, tells
+// nothing.
 void KTFLVData::scanHeadRecords(int fd) {
   mediaContexts.clear();
   forgetMetadata();

@@ -68,11 +68,12 @@ class KTFLVData : public KTFLVPersist {
 
   // Stages one message as a tag; nothing but a new file's header reaches the file before the flush. False
   // only if the file couldn't be opened for recording. A message that FLV can't carry here, or that there is
-  // no memory for, is dropped. An "onMetaData" that can't be parsed throws KTBreakConnection, with nothing
-  // staged and no lock left.
+  // no memory for, is dropped. A data message of time 0 that can't be parsed, while no metadata is known,
+  // throws KTBreakConnection; std::bad_alloc may come too. Nothing is staged then, and no lock left.
   bool record(u16 type, const void* data, u32 size, u32 time);
-  // Appends what is staged, brings the header's flags and the metadata up to date and closes the file. False,
-  // with what is staged kept, if the file isn't open, its end can't be told or its flags can't be written.
+  // Appends what is staged, brings the header's flags and the metadata up to date and closes the file.
+  // `bounds` is set if all went that far. False, with what is staged kept, if the file isn't open, its end
+  // can't be told or its flags can't be written; false after all of it if the file then can't be read.
   bool flushSegment(SegmentBounds* bounds);
 
   // The frame that holds `position`, in `range`. Takes the caller's open descriptor.
@@ -123,6 +124,7 @@ class KTFLVData : public KTFLVPersist {
   bool seekSegmentByTime(u32 time, SegmentRange* range, int fd, IndexIterator hint);
   bool buildSegment(i64 position, SegmentRange* range, int fd, IndexIterator hint);
   bool insertSegment(const SegmentRange& range, IndexIterator hint);
+  void endIndexAt(const FrameRecord& start);
 
   // Record path and flush, all under `mutex`
   struct RecordedMessage {
@@ -168,7 +170,8 @@ class KTFLVData : public KTFLVPersist {
 
   std::set<i64> sidePositions;  // Tags that are held as media contexts and left out of a load.
   // Segments found so far, in file order, without overlap. Where two touch, the earlier one's `last` is the
-  // later one's `first`; between others lies what no search has visited yet.
+  // later one's `first`, or stays the mark of the old end if the file has grown behind it: what the host was
+  // told doesn't change. Between others lies what no search has visited yet.
   std::list<SegmentRange> segmentIndex;
   autofilebuffer fileBuffer;
   u32 bufferTime =

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/Descriptor.h"
 #include "util/KTThrowable.h"
@@ -92,21 +93,21 @@ i64 KTFLVPersist::sizeOf(int fd) const {
 
 void KTFLVPersist::setBackupConn(const IBackupConnPtr& conn) {
   if (backupConn_ || !conn) return;
+  const KTString path = toNarrow(filePath_);
   backupConn_ = conn;
   const bool wasOpen = fd_ != -1;
   // The connection hears nothing of this: for it the file is not open yet.
-  if (wasOpen) fileService_->close(fd_, 0);
-  const KTString path = toNarrow(filePath_);
+  if (wasOpen) fileService_->close(std::exchange(fd_, -1), 0);
   const int copyFd = fileService_->open(path.c_str(), openflags::readOnly, 0, 0);
   if (copyFd != -1) {
-    sendCopy(copyFd);
+    sendCopy(path, copyFd);
     fileService_->close(copyFd, 0);
   }
   if (wasOpen) fd_ = fileService_->open(path.c_str(), openflags::readWrite, openflags::ownerReadWrite, 0);
 }
 
 // Sends the whole file in one piece, or nothing where it can't be had in one piece.
-void KTFLVPersist::sendCopy(int fd) {
+void KTFLVPersist::sendCopy(const KTString& name, int fd) {
   const i64 size = sizeOf(fd);
   KT_ASSERT(size >= 0);
   if (size < 0 || size > 0xFFFFFFFF) return;
@@ -116,7 +117,6 @@ void KTFLVPersist::sendCopy(int fd) {
   const bool whole = platform::readDescriptor(fd, block.get(), count) == size;
   KT_ASSERT(whole);
   if (!whole) return;
-  const KTString name = toNarrow(filePath_);
   backupConn_->open(name, openflags::createTruncate, openflags::ownerReadWrite);
   backupConn_->write(name, block.get(), count);
   backupConn_->close(name);

@@ -22,15 +22,18 @@ class KTFLVPersist {
 
   // An existing file is opened as it is, a missing one created. True when the file is open.
   virtual bool open();
-  virtual bool close();
+  virtual bool close();  // True, also when it is closed.
   // The bytes written, as the host tells it, at the write position, which moves by that much; -1 when closed.
+  // The connection gets all of `data` unless nothing was written.
   virtual i64 write(const void* data, u32 size);
-  // Sets the write position; `whence` is 0 from the start or 2 from the end. The new position or -1.
+  // Sets the write position; `whence` is 0 from the start or 2 from the end. The new position or -1, which
+  // the write position then is too. The connection gets the arguments as they are.
   virtual i64 seek(i64 offset, int whence);
-  virtual bool unlink();
-  virtual int fd() const;
+  virtual bool unlink();   // Open or not, which stays as it is.
+  virtual int fd() const;  // -1 when closed.
 
-  // Attaches a connection, once and for good, and sends it a copy of what the file holds by now.
+  // Attaches a connection, once and for good, and sends it a copy of what the file holds by now. An open file
+  // is closed for that and opened again, which may fail. Null, and a second connection, change nothing.
   void setBackupConn(const IBackupConnPtr& conn);
 
  protected:
@@ -40,7 +43,7 @@ class KTFLVPersist {
   i64 sizeOf(int fd) const;
 
  private:
-  void sendCopy(int fd);
+  void sendCopy(const KTString& name, int fd);
 
   KTWideString filePath_;
   KTString filePathNarrow_;

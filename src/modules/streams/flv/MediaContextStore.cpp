@@ -115,8 +115,14 @@ void MediaContextStore::deserialize(const u8* data, u32 size) {
   reader.readValue(root, false);
   const KTDataArray* const records = root.asArray();
   if (!records) return;
+  u64 bytes = 0;
   for (u32 i = 0; i < records->size(); ++i) {
-    if (const KTDataArray* record = records->valueAt(i).asArray()) add(fromArray(*record));
+    const KTDataArray* const record = records->valueAt(i).asArray();
+    if (!record) continue;
+    const MediaContext context = fromArray(*record);
+    bytes += context.buffer.size;
+    if (bytes > size) return;  // What `serialize` writes has no references, by which more would come of it.
+    add(context);
   }
 }
 

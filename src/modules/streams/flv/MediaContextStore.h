@@ -18,7 +18,7 @@ inline constexpr u32 kTrackControl = 5;  // Comes with each additional header.
 
 struct MediaContext {
   ContextType_t contextType = ContextTypeBefore;
-  u32 time = 0;
+  u32 time = 0;        // Milliseconds.
   u8 messageType = 0;  // Masked: what the receiver is to treat the data as.
   KTBuffer buffer;     // The payload, a block of exactly its size.
   i64 position = -1;   // Every record of this module has none.
@@ -47,7 +47,9 @@ class MediaContextStore {
                const boost::function<void(const MediaContext&)>& function) const;
   // One AMF0 object of one object a record. False, with `out` untouched, if the store is empty.
   bool serialize(KTBuffer& out) const;
-  // Rebuilds the store from such bytes; what a torn blob still holds is taken. A size of 0 changes nothing.
+  // Rebuilds the store from such bytes; what a torn blob still holds is taken, up to `size` bytes of payload.
+  // A size of 0 changes nothing. A marker that AMF0 doesn't have throws KTBreakConnection, and leaves the
+  // store empty.
   void deserialize(const u8* data, u32 size);
   // An estimate of the memory held, in bytes.
   u32 byteSize() const;

@@ -11,8 +11,8 @@
 namespace orv::flv {
 namespace {
 
-// The most that one interval's block may ask for ahead of its need.
-constexpr u32 kMaxRoomWanted = 0x400000;
+// The most memory that a new block asks for ahead of its need.
+constexpr u32 kMaxRoomAhead = 0x400000;
 
 // A block in warm memory that may be larger than it shows.
 class StagingMemory : public KTMemory {
@@ -27,8 +27,8 @@ class StagingMemory : public KTMemory {
 }  // namespace
 
 void RecordBuffer::restart() {
+  room_ = std::clamp(size, kInitialCapacity, kMaxRoomAhead);  // As much as the last interval filled.
   assign(KTMemoryPtr(), 0, 0);  // First, so that its memory serves the new block.
-  room_ = std::max(kInitialCapacity, roomWanted_);
   assign(KTMemoryPtr(new StagingMemory(kInitialCapacity, room_)), 0, 0);
   clearTags();
 }
@@ -76,7 +76,6 @@ bool RecordBuffer::doubleBlock() {
     }
     std::memcpy(block->data, data, end);
     room_ = doubled;
-    roomWanted_ = std::min(doubled, kMaxRoomWanted);
   }
   assign(block, 0, end);
   return true;

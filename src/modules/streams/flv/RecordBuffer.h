@@ -17,8 +17,9 @@ class RecordBuffer : public KTBuffer {
  public:
   static constexpr u32 kInitialCapacity = 32768;
 
-  // Gives up the block and takes one of the initial capacity, empty. The memory behind it may have been
-  // touched before and may reach further: then growing costs neither pages nor a copy.
+  // Gives up the block and takes one of the initial capacity, empty. The memory behind it has been touched
+  // before and reaches as far as the last block did, within bounds: then growing costs neither pages nor a
+  // copy. Throws std::bad_alloc; the buffer is without a block then.
   void restart();
   // Forgets the tags and keeps the block.
   void clearTags();
@@ -38,8 +39,7 @@ class RecordBuffer : public KTBuffer {
   u8 seenFlags_ = 0;
   u32 maxTime_ = 0;
   u32 firstTagSize_ = 0;
-  u32 room_ = 0;        // Bytes of memory behind the block, of which its capacity shows a part.
-  u32 roomWanted_ = 0;  // The most that any interval needed so far.
+  u32 room_ = 0;  // Bytes of memory behind the block, of which its capacity shows a part.
 };
 
 }  // namespace orv::flv

@@ -44,9 +44,9 @@ bool KTFLVData::record(u16 type, const void* data, u32 size, u32 time) {
 
 bool KTFLVData::openForRecord() {
   if (recordOpen) return true;
-  recordOpen = true;  // First, so that a failure below isn't tried again with each message.
-  unfinishedFlush = {};
   recordBuffer.restart();
+  recordOpen = true;  // So that a failure below isn't tried again with each message.
+  unfinishedFlush = {};
   if (!open() || !checkHeader(fd())) return false;
   if (seek(0, 2) == 0) {
     if (!writeFileHeader()) return false;
@@ -102,10 +102,10 @@ bool KTFLVData::noteMetadata(const RecordedMessage& message) {
   if (metadata || !mayBeMetadata(message.type, message.time)) return false;
   metadata = parseMetadata(message);
   if (!metadata) return false;
-  // Where the tag will stand after the next flush; if that can't be told it has no place, and is never
-  // rewritten.
+  // Where the tag will stand after the next flush, which writes what isn't in the file yet; if that can't be
+  // told it has no place, and is never rewritten.
   const i64 fileEnd = seek(0, 2);
-  metadataPosition = fileEnd == -1 ? -1 : fileEnd + recordBuffer.end;
+  metadataPosition = fileEnd == -1 ? -1 : fileEnd + recordBuffer.end - unfinishedFlush.written;
   return true;
 }
 

@@ -15,13 +15,14 @@ constexpr u32 kMargin = 64;
 // A tag up to this long is taken to have neighbours of its length, and they are read along with its ends.
 constexpr i64 kNeighbourhood = 24576;
 
-// The grid. Candidates and what they point to lie no farther apart than 32 MiB: a search of 16 MiB, and a tag
-// of 16.
+// The grid. The candidates of a search lie within 16 MiB, and the checks of each look at up to two tags of 16
+// MiB on either side. All of that has a slot of its own: no page is read twice, and a search never holds more
+// than 81 MiB, on the most hostile of files.
 constexpr i64 kPageSize = 0x10000;
 constexpr i64 kPageOverlap = 16;  // A tag header that starts in a page lies in it whole.
 constexpr i64 kStride = kPageSize - kPageOverlap;
-constexpr std::size_t kPages = 1024;
-static_assert(kPages * kStride > 0x2000000);
+constexpr std::size_t kPages = 2048;
+static_assert(kPages * kStride > 5 * (i64{kMaxTagDataSize} + kTagOverhead) + 2 * kPageSize);
 
 }  // namespace
 

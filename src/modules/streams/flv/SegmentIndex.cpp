@@ -175,6 +175,17 @@ bool KTFLVData::insertSegment(const SegmentRange& range, IndexIterator hint) {
   return true;
 }
 
+// Joins the index to tags that come behind it. What begins at `start` or behind it was found after a flush
+// that failed, and is about to be entered as a whole.
+void KTFLVData::endIndexAt(const FrameRecord& start) {
+  while (!segmentIndex.empty() && segmentIndex.back().first.position >= start.position) {
+    segmentIndex.pop_back();
+  }
+  if (!segmentIndex.empty() && segmentIndex.back().last.position >= start.position) {
+    segmentIndex.back().last = start;
+  }
+}
+
 void KTFLVData::toBounds(const SegmentRange& range, SegmentBounds* bounds) const {
   *bounds = {range.first.position, range.last.position - 1, range.first.time, range.last.time};
   // The first segment covers the file header too.
