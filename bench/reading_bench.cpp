@@ -343,6 +343,20 @@ Bytes rowsOfTags() {
     out.insert(out.end(), film.bytes().begin() + flv::kFirstTagPosition, film.bytes().end());
   return out;
 }
+// From `start` on, a header in each 15 bytes, of a tag of nearly 16 MiB that fits two more of its kind on
+// either side: only below `start` the look back ends.
+FileImage::Fill pointersTwoTagsAway(i64 start) {
+  constexpr u32 kSize = 16'773'086;  // With its size field, a multiple of 15.
+  u8 slot[15];
+  flv::writeU32(slot, kSize);
+  flv::writeTagHeader(slot + 4, flv::kTypeVideo, kSize - flv::kTagHeaderSize, 5);
+  Bytes slots;
+  while (slots.size() < 15 * 4096) slots.insert(slots.end(), slot, slot + sizeof slot);
+  return [fill = repeating(slots), start](i64 position, u8* out, u32 size) {
+    fill(position, out, size);
+    if (position < start) std::fill_n(out, std::min<i64>(size, start - position), u8{0});
+  };
+}
 
 void search_zeros(benchmark::State& state) {
   search(state, constantly(0));
@@ -359,6 +373,10 @@ void search_types(benchmark::State& state) {
 void search_pointers_far_ahead(benchmark::State& state) {
   search(state, repeating(pointersFarAhead()), kGiB);
 }
+void search_pointers_two_tags_away(benchmark::State& state) {
+  constexpr i64 kTwoTags = 2 * 16'773'090;
+  search(state, pointersTwoTagsAway(kGiB + 17 * kMiB - kTwoTags), kGiB);
+}
 void search_rows_of_tags(benchmark::State& state) {
   search(state, repeating(rowsOfTags()), kGiB);
 }
@@ -367,6 +385,7 @@ BENCHMARK(search_noise)->Unit(benchmark::kMillisecond);
 BENCHMARK(search_noise_behind_4GiB)->Unit(benchmark::kMillisecond);
 BENCHMARK(search_types)->Arg(8)->Arg(9)->Unit(benchmark::kMillisecond);
 BENCHMARK(search_pointers_far_ahead)->Unit(benchmark::kMillisecond);
+BENCHMARK(search_pointers_two_tags_away)->Unit(benchmark::kMillisecond);
 BENCHMARK(search_rows_of_tags)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -127,15 +127,31 @@ bool KTFLVData::searchDown(SearchWindow& window, i64 highest, i64 lowest, const 
       continue;
     }
     const i64 bottom = std::max(lowest, view.start);
-    position = likelyCandidate(view, position, bottom);
-    if (position < bottom) {
-      position = bottom;
-      continue;
+    if (findInView(window, view, position, bottom, frame)) {
+      if (frame->position >= range.first.position && frame->end <= range.last.position) return true;
+      reportBadData();
+      return false;
     }
-    if (!validateFrame(window, position, frame)) continue;
-    if (frame->position >= range.first.position && frame->end <= range.last.position) return true;
-    reportBadData();
-    return false;
+    position = bottom;
+  }
+  return false;
+}
+
+// The highest sound frame that starts from `lowest` to `highest`, all inside `view`.
+bool KTFLVData::findInView(SearchWindow& window, const SearchWindow::View& view, i64 highest, i64 lowest,
+                           FrameRecord* frame) {
+  i64 candidate = likelyCandidate(view, highest, lowest);
+  for (; candidate >= lowest && !window.isInGrid();
+       candidate = likelyCandidate(view, candidate - 1, lowest)) {
+    if (validateFrame(window, candidate, frame)) return true;
+  }
+  // Hostile bytes bring millions of candidates, whose checks look all over the file: while one is checked,
+  // what the next one's check begins with comes from memory.
+  while (candidate >= lowest) {
+    const i64 next = likelyCandidate(view, candidate - 1, lowest);
+    if (next >= lowest) window.prefetch(next + TagHeader{view.at(next)}.dataSize() + kTagHeaderSize);
+    if (validateFrame(window, candidate, frame)) return true;
+    candidate = next;
   }
   return false;
 }

@@ -111,6 +111,8 @@ class KTFLVData : public KTFLVPersist {
   bool searchBack(i64 position, FrameRecord* frame, const SegmentRange& range, int fd, u32 limit);
   bool searchDown(SearchWindow& window, i64 highest, i64 lowest, const SegmentRange& range,
                   FrameRecord* frame);
+  bool findInView(SearchWindow& window, const SearchWindow::View& view, i64 highest, i64 lowest,
+                  FrameRecord* frame);
   bool findLastFrame(int fd, FrameRecord* frame);
   void locateEnd(int fd);
   bool badDataUsedUp() const;

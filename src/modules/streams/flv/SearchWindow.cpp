@@ -24,6 +24,10 @@ constexpr i64 kStride = kPageSize - kPageOverlap;
 constexpr std::size_t kPages = 2048;
 static_assert(kPages * kStride > 5 * (i64{kMaxTagDataSize} + kTagOverhead) + 2 * kPageSize);
 
+std::size_t slotOf(i64 pageIndex) {
+  return static_cast<std::size_t>(pageIndex) % kPages;
+}
+
 }  // namespace
 
 SearchWindow::SearchWindow(autofilebuffer& file, IFileService* service, int fd, i64 origin, u32 readSize)
@@ -45,6 +49,11 @@ void SearchWindow::Run::load(autofilebuffer& file, int fd, i64 start, u32 size) 
 }
 
 SearchWindow::View SearchWindow::view(i64 position) {
+  if (!walked_.holds(position, kTagHeaderSize)) walked_ = viewAround(position);
+  return walked_;
+}
+
+SearchWindow::View SearchWindow::viewAround(i64 position) {
   if (const View* known = find(position, kTagHeaderSize)) return *known;
   if (runCount_ != 0 || !pages_.empty()) {
     const u32 more = readSize_ / 2;
@@ -65,6 +74,14 @@ i64 SearchWindow::skipUnreadable(i64 position) {
   const View here = page(position);
   if (here.holds(position, kTagHeaderSize)) return position + 1;
   return std::max(here.start, here.start + here.size + 1 - kTagHeaderSize);
+}
+
+void SearchWindow::prefetch(i64 position) const {
+  const i64 index = position / kStride;
+  const Page& page = pages_[slotOf(index)];
+  if (page.index == index && page.run.view().holds(position, 1)) {
+    __builtin_prefetch(page.run.view().at(position));
+  }
 }
 
 u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
@@ -89,6 +106,7 @@ u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
 }
 
 const SearchWindow::View* SearchWindow::find(i64 position, u32 size) const {
+  if (walked_.holds(position, size)) return &walked_;
   for (u32 i = runCount_; i-- > 0;) {
     if (runs_[i].view().holds(position, size)) return &runs_[i].view();
   }
@@ -113,13 +131,12 @@ void SearchWindow::enterGrid() {
 
 SearchWindow::View SearchWindow::page(i64 position) {
   const i64 index = position / kStride;
-  std::unique_ptr<Page>& slot = pages_[static_cast<std::size_t>(index) % kPages];
-  if (!slot) slot = std::make_unique<Page>();
-  if (slot->index != index) {
-    slot->run.load(file_, fd_, index * kStride, kPageSize);
-    slot->index = index;
+  Page& slot = pages_[slotOf(index)];
+  if (slot.index != index) {
+    slot.run.load(file_, fd_, index * kStride, kPageSize);
+    slot.index = index;
   }
-  return slot->run.view();
+  return slot.run.view();
 }
 
 autofilebuffer& SearchWindow::plainBuffer() {

@@ -58,13 +58,17 @@ class SearchWindow : public FrameSource {
   // stays in place. Borrows the file and the service.
   SearchWindow(autofilebuffer& file, IFileService* service, int fd, i64 origin, u32 readSize);
 
-  // Bytes at and below `position`, to walk down in; perhaps not even `position`'s own. Good until the next
-  // call.
+  // Bytes at and below `position`, to walk down in; perhaps not even `position`'s own. Good as long as the
+  // window.
   View view(i64 position);
   // The file doesn't give the bytes of a candidate at `position`: answers the lowest of the candidates below
   // for which that holds in a row, without asking for each; `position` + 1 if it does give them after all.
   // The first time, the failure is told as any short read is.
   i64 skipUnreadable(i64 position);
+  // Whether the few reads are used up.
+  bool isInGrid() const { return !pages_.empty(); }
+  // Brings the byte at `position` near, if its page is there. Only in the grid.
+  void prefetch(i64 position) const;
   // A look at the neighbours of a candidate.
   u32 read(i64 position, u8* data, u32 size, bool raise) override;
 
@@ -86,6 +90,7 @@ class SearchWindow : public FrameSource {
   };
   static constexpr u32 kMaxRuns = 16;
 
+  View viewAround(i64 position);
   const View* find(i64 position, u32 size) const;
   View load(i64 start, u32 size, i64 position);
   void enterGrid();
@@ -98,9 +103,10 @@ class SearchWindow : public FrameSource {
   i64 origin_;
   u32 readSize_;
   i64 lastRead_;                    // Where the checks looked last.
+  View walked_;                     // What `view` gave last: most looks of the checks fall into it.
   std::array<Run, kMaxRuns> runs_;  // The few reads, in the order of their need.
   u32 runCount_ = 0;
-  std::vector<std::unique_ptr<Page>> pages_;  // By index, modulo the size; empty while runs serve.
+  std::vector<Page> pages_;  // By index, modulo the size; empty while runs serve.
   std::optional<autofilebuffer> plain_;
   bool toldUnreadable_ = false;
 };
