@@ -14,7 +14,7 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/Fiber.h"
+#include "platform/FiberSwitch.h"
 #include "platform/Futex.h"
 #include "util/KTFiberMutex.h"
 #include "util/KTThreads.h"

@@ -51,9 +51,9 @@ class Player {
     settings["AutoBufferReadSize"] = (head[0] & 0xC4) == 4 ? "1024" : "60000";
     if (head[0] & 8) settings["MaxAggMsgSize"] = "0";
     if (head[0] & 16) settings["MaxFrameScan"] = settings["MaxBackFrameScan"] = "131072";
-    settings.insert_or_assign("EnableAggMsgs", "true");
+    settings["EnableAggMsgs"] = std::string("true");
     packing_.emplace(&host);
-    settings.insert_or_assign("EnableAggMsgs", "false");
+    settings["EnableAggMsgs"] = std::string("false");
     single_.emplace(&host);
   }
 

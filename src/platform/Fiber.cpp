@@ -2,38 +2,15 @@
 
 #include <cxxabi.h>
 
-#include <boost/context/detail/fcontext.hpp>
 #include <exception>
 #include <memory>
 #include <new>
-#include <utility>
 
-#include "platform/FiberSanitizer.h"
-#include "platform/FiberStack.h"
+#include "platform/FiberSwitch.h"
 
 namespace orv::platform {
 
 namespace context = boost::context::detail;
-
-namespace {
-
-// The C++ library's record of the exceptions that a thread is handling and unwinding for. Its layout belongs
-// to the C++ binary interface.
-struct ExceptionsInFlight {
-  void* caught = nullptr;
-  unsigned uncaught = 0;
-};
-
-}  // namespace
-
-struct Fiber {
-  context::fcontext_t context = nullptr;  // Where it goes on; null while it runs.
-  FiberEntry entry = nullptr;             // Null for a thread's own stack.
-  void* argument = nullptr;
-  ExceptionsInFlight exceptions;  // While it doesn't run.
-  sanitizer::FiberNotes notes;
-  FiberStack stack;
-};
 
 namespace {
 
@@ -50,37 +27,23 @@ __attribute__((noinline)) void setThread(ThreadState own) {
   state = own;
 }
 
-// Makes `target` the current fiber, with its record of exceptions in place of that of the one that leaves.
-// Gives the latter; null when there is none, or when the target can't be gone to.
-__attribute__((noinline)) Fiber* exchangeCurrent(Fiber* target) {
+// An exception that gets here finds no handler, and ends the process with its stack as it was.
+void fiberMain(context::transfer_t transfer) noexcept {
+  const Fiber& me = *currentFiber();
+  hidden::arrive(transfer, me);
+  me.entry(me.argument);
+  std::terminate();
+}
+
+}  // namespace
+
+Fiber* hidden::exchangeCurrent(Fiber* target) {
   Fiber* const from = state.current;
   if (!from || !target || !target->context) return nullptr;
   from->exceptions = std::exchange(*state.exceptions, target->exceptions);
   state.current = target;
   return from;
 }
-
-// On the stack of `here`, which the switch has just reached.
-void arrive(context::transfer_t transfer, const Fiber& here) {
-  Fiber& cameFrom = *static_cast<Fiber*>(transfer.data);
-  cameFrom.context = transfer.fctx;
-  sanitizer::arrived(cameFrom.notes, here.notes);
-}
-
-context::transfer_t jump(Fiber& from, Fiber& to, bool forGood) {
-  sanitizer::leaving(from.notes, to.notes, forGood);
-  return context::jump_fcontext(std::exchange(to.context, nullptr), &from);
-}
-
-// An exception that gets here finds no handler, and ends the process with its stack as it was.
-void fiberMain(context::transfer_t transfer) noexcept {
-  const Fiber& me = *currentFiber();
-  arrive(transfer, me);
-  me.entry(me.argument);
-  std::terminate();
-}
-
-}  // namespace
 
 __attribute__((noinline)) Fiber* currentFiber() {
   return state.current;
@@ -112,15 +75,8 @@ Fiber* createFiber(std::size_t reserve, FiberEntry entry, void* argument) {
   return made.release();
 }
 
-bool switchToFiber(Fiber* target) {
-  Fiber* const from = exchangeCurrent(target);
-  if (!from) return false;
-  arrive(jump(*from, *target, false), *from);
-  return true;
-}
-
 void leaveFiberFor(Fiber* target) {
-  if (Fiber* const from = exchangeCurrent(target)) jump(*from, *target, true);
+  if (Fiber* const from = hidden::exchangeCurrent(target)) hidden::jump(*from, *target, true);
   std::terminate();
 }
 

@@ -32,11 +32,8 @@ Fiber* currentFiber();
 // reaches foreign memory.
 Fiber* createFiber(std::size_t reserve, FiberEntry entry, void* argument);
 
-// Leaves the current fiber for `target`, and comes back when somebody switches to the one left. False, at
-// once, for a null target, for one that is running, and on a thread that was not converted.
-bool switchToFiber(Fiber* target);
-
-// The same for the last time: the current fiber must then be deleted and never be switched to.
+// As switchToFiber (platform/FiberSwitch.h), for the last time: the current fiber must then be deleted and
+// never be switched to.
 [[noreturn]] void leaveFiberFor(Fiber* target);
 
 // Frees a fiber that isn't running, with its stack; what stands on the stack is not unwound. Null is ignored.

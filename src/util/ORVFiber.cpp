@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/FiberSwitch.h"
 #include "platform/Thread.h"
 #include "util/KTThrowable.h"
 #include "util/ThreadSlots.h"

@@ -1,4 +1,4 @@
-#include "platform/Fiber.h"
+#include "platform/FiberSwitch.h"
 
 #include <gtest/gtest.h>
 
