@@ -46,14 +46,14 @@ class Player {
   Player(MemoryHost& host, const u8* head) : host_(host), head_(head) {
     auto& settings = host.settings;
     if (head[0] & 1) settings["PlayIncompleteFLVs"] = "false";
-    if (head[0] & 2) settings["RetryCorruptedFLVs"] = "0";
+    if (head[0] & 2) settings["RetryCorruptedFLVs"] = '0';
     // Blocks as large as the default come from the kernel each time in a sanitizer's build.
     settings["AutoBufferReadSize"] = (head[0] & 0xC4) == 4 ? "1024" : "60000";
-    if (head[0] & 8) settings["MaxAggMsgSize"] = "0";
+    if (head[0] & 8) settings["MaxAggMsgSize"] = '0';
     if (head[0] & 16) settings["MaxFrameScan"] = settings["MaxBackFrameScan"] = "131072";
-    settings["EnableAggMsgs"] = std::string("true");
+    settings["EnableAggMsgs"] = "true";
     packing_.emplace(&host);
-    settings["EnableAggMsgs"] = std::string("false");
+    settings["EnableAggMsgs"] = "false";
     single_.emplace(&host);
   }
 
