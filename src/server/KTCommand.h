@@ -17,8 +17,9 @@ class KTCommand : public KTCSerializer {
   // A writer of "_result", transaction 0, with a Null command object.
   KTCommand();
   // Read the payload of a message of type 20, 18, 17 or 15; of 17 and 15, a byte 0 comes first. In a message
-  // it is skipped unseen; among raw bytes anything but 0 leaves every field Undefined. Besides memory, an
-  // AMF0 marker that doesn't exist throws (KTBreakConnection), and with `throwOnError` any other failure.
+  // it is skipped unseen; among raw bytes anything but 0 leaves every field Undefined, and none at all is a
+  // short read. Besides memory, an AMF0 marker that doesn't exist throws (KTBreakConnection), and with
+  // `throwOnError` any other failure.
   KTCommand(const orv::SingleMessagePtr& message, bool throwOnError);
   KTCommand(u8 type, const u8* data, u32 length, bool throwOnError);
   // A writer of the same content.

@@ -37,7 +37,7 @@ class KTDataArray : public KTObject {
   void setType(i32 type) { type_ = type; }
 
   // Replaces the entry, or appends it, behind empty keys and Undefined values if `index` lies further out.
-  // Always true. Values are copied, unless they come as temporaries.
+  // Always true. Values are copied, unless they come as temporaries; a key may not be a view into this array.
   bool set(u32 index, orv::KeyView key, KTData value);
   bool append(orv::KeyView key, KTData value) { return set(size(), key, std::move(value)); }
   // With the decimal text of its index as key.

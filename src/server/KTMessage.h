@@ -23,13 +23,15 @@ class KTMessage : public orv::SingleMessage {
   // An empty message with a fresh block for `size` bytes, whatever it carried before.
   void resetPayload(u32 size);
 
-  void setTime(u32 time) { setHeaderTime(time); }
+  void setTime(u32 time) { setHeaderTime(time); }  // Milliseconds.
   void setStreamId(u32 id) { orv::flv::writeU24(header.streamId, id); }
   // The header's 24 bits; with `updateBlock` the block's own length too.
   void setLength(u32 length, bool updateBlock);
 
   // These answer false, and leave the message as it was, when memory or the header's 24 bits don't suffice.
-  // Gives the block the capacity for `length` bytes, be that more or less than it has; what fits is kept.
+  // The block's bytes may move: nobody else may look into it, by a shallow clone or a composite, and `data`
+  // may not lie in it. Numbers are big-endian. Gives the block the capacity for `length` bytes, be that more
+  // or less than it has; what fits is kept.
   bool reserve(u32 length);
   bool resize(u32 length);
   bool append(const void* data, u32 count);

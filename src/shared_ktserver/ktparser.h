@@ -47,7 +47,7 @@ class KTParser {
   u32 readU32() { return readNumber<u32>(); }
   i64 readInt64() { return static_cast<i64>(readNumber<u64>()); }
   double readDouble() { return std::bit_cast<double>(readNumber<u64>()); }
-  // A copy of the text with a NUL behind it.
+  // A copy of the text with a NUL behind it. May throw std::bad_alloc, as copyBytes may.
   std::unique_ptr<char[]> readString(TextKind kind);
   // The text where it lies in the buffer, without a NUL.
   std::string_view viewString(TextKind kind) { return viewBytes(kind == kShortText ? readU16() : readU32()); }
@@ -60,7 +60,8 @@ class KTParser {
   // A copy of them that the caller owns.
   std::unique_ptr<u8[]> copyBytes(u32 length);
 
-  // Writing throws KTOutOfMemory when the buffer can't grow; nothing is written then.
+  // Writing throws KTOutOfMemory when the buffer can't grow; of a text, its length may be written then. What
+  // is written may not lie in the buffer itself.
   void writeU8(u8 value) { writeNumber(value); }
   void writeU16(u16 value) { writeNumber(value); }
   void writeU32(u32 value) { writeNumber(value); }

@@ -10,6 +10,7 @@ class KTString : public orv::util::hidden::KTText<KTString, char> {
   using KTText::operator=;
 
   // "%d" and its like for integers, "%p" for a pointer, 17 significant digits in general format for a double.
+  // Doubles have the decimal point of the process's numeric locale, here and in toDouble.
   static KTString fromNumber(i16 value) { return fromNumber(static_cast<i32>(value)); }
   static KTString fromNumber(i32 value);
   static KTString fromNumber(u32 value);

@@ -34,7 +34,7 @@ class ORV_EXPORT IAllContextHolder {
   ORV_INTERFACE_MEMBERS(IAllContextHolder)
 
   // All media contexts as one serialized AMF0 object, which holds one object for each: "contextType", "time",
-  // "messageType", "buffer" (bytes, marker 34), "position" (64 bits, marker 32) and "trackID".
+  // "messageType", "buffer" (bytes, marker 32), "position" (64 bits, marker 34) and "trackID".
   virtual void onAllContexts(const void* data, u32 size) = 0;
 
  protected:
