@@ -182,7 +182,7 @@ void CommandLine::addRecord() {
       ->excludes(append);
   command->add_flag("--reserve-metadata", record_.reserveMetadata,
                     "Add to the stream's onMetaData what each flush brings up to date: duration, codecs, "
-                    "canSeekToEnd; make one if the stream has none");
+                    "canSeekToEnd; make one if the stream has none. Not where --append goes on behind tags");
   command->callback([this] { chosen_ = [this] { return runRecord(record_); }; });
 }
 
@@ -217,9 +217,9 @@ void CommandLine::addContexts() {
 }
 
 void CommandLine::addDemo() {
-  CLI::App* const command =
-      addCommand("demo", "Shows a file's summary, its segments, a seek, and a full play-out that is checked.",
-                 "flvhost demo clip.flv", demo_.common);
+  CLI::App* const command = addCommand(
+      "demo", "Shows a file's summary, its segments, a seek, a checked play-out, and a live recording of it.",
+      "flvhost demo clip.flv", demo_.common);
   command->add_option("FILE", demo_.file, "An FLV file")->required();
   command->callback([this] { chosen_ = [this] { return runDemo(demo_); }; });
 }

@@ -127,10 +127,11 @@ void Recording::finish() {
 }
 
 std::string Recording::summaryText() const {
-  std::string text =
-      isEmpty() ? "nothing could be recorded"
-                : fmt::format("{} tags, {} bytes of data, {} to {}, in {} flushes", tally_.tags, tally_.bytes,
-                              timeText(tally_.firstTime), timeText(tally_.lastTime), tally_.flushes);
+  std::string text = isEmpty()
+                         ? "nothing could be recorded"
+                         : fmt::format("{} tags, {} bytes of data, {} to {}, in {} flush{}", tally_.tags,
+                                       tally_.bytes, timeText(tally_.firstTime), timeText(tally_.lastTime),
+                                       tally_.flushes, tally_.flushes == 1 ? "" : "es");
   if (erased_) text += ", and no file is left";
   if (tally_.refusedTags() > 0) text += "; refused: " + tally_.refusedText();
   return text;
