@@ -30,15 +30,11 @@ TEST(AmfJson, keepsTheTypesApart) {
   } kValues[] = {
       {18, "00 4008000000000000", "3.0"},
       {18, "00 7FF8000000000000", R"({"text":"nan","type":"number"})"},
-      {18, "01 01", "true"},
-      {18, "02 0002'ab'", R"("ab")"},
-      {18, "05", "null"},
       {18, "06", R"({"type":"undefined"})"},
       {18, "0B 4271F71FB0450000 003C",
        R"({"ms":1234567890000.0,"text":"2009-02-13T23:31:30.000Z","timezone":60,"type":"date"})"},
       {18, "0B 7FF0000000000000 0000", R"({"ms":{"text":"inf","type":"number"},"type":"date"})"},
       {18, "0F 00000003'<a>'", R"({"text":"<a>","type":"xml"})"},
-      {18, "20 00000002 01FF", R"({"hex":"01ff","size":2,"type":"bytes"})"},
       {18, "22 7FFFFFFFFFFFFFFF", R"({"type":"int64","value":9223372036854775807})"},
       {18, "03 0001'a' 05 000009", R"({"entries":{"a":null},"type":"object"})"},
       {18, "08 00000000 0001'a' 05 0001'a' 01 00 000009",
@@ -47,7 +43,6 @@ TEST(AmfJson, keepsTheTypesApart) {
       {18, "10 0001'C' 0001'a' 05 000009", R"({"class":"C","entries":{"a":null},"type":"typedObject"})"},
       {15, "11 04 03", "3"},
       {15, "11 05 4008000000000000", "3.0"},
-      {15, "11 08 01 0000000000000000", R"({"ms":0.0,"text":"1970-01-01T00:00:00.000Z","type":"date"})"},
       {15, "11 09 05 01 04 01 04 02", R"({"type":"amf3Array","values":[1,2]})"},
       {15, "11 0A 0B 03'C' 03'a' 04 01 01", R"({"class":"C","entries":{"a":1},"type":"amf3Object"})"},
       {15, "11 0C 05 01FF", R"({"hex":"01ff","size":2,"type":"bytes"})"},
@@ -73,28 +68,6 @@ TEST(AmfJson, showsWhatIsTornOrNoAmfAsFarAsItGoes) {
   EXPECT_EQ(dataTag(18, {}).dump(), R"({"encoding":"AMF0","name":{"type":"undefined"},"values":[]})");
 }
 
-u64 count(const std::string& text, const std::string& word) {
-  u64 n = 0;
-  for (std::size_t at = text.find(word); at != text.npos; at = text.find(word, at + 1)) ++n;
-  return n;
-}
-
-// Each array lies 60 deep and ends in a reference to the root of the one before it, the first in itself:
-// followed blindly, there is no end to it.
-TEST(AmfJson, aChainOfReferencesIsNotFollowedIntoTheDepth) {
-  constexpr u32 kDepth = 60, kArrays = 60;
-  std::string bytes = "02 0001'n'";
-  for (u32 i = 0; i < kArrays; ++i) {
-    for (u32 level = 0; level < kDepth; ++level) bytes += "0A 00000001";
-    const u32 previous = i == 0 ? 0 : (i - 1) * kDepth;
-    const u8 index[] = {static_cast<u8>(previous >> 8), static_cast<u8>(previous)};
-    bytes += "07" + orv::test::hexOf(index, sizeof index);
-  }
-  const json message = dataTag(18, bytesOf(bytes));
-  ASSERT_EQ(message["values"].size(), kArrays);
-  EXPECT_EQ(count(message.dump(), "reference"), kArrays);
-}
-
 // An AMF3 array's named part is read before its list and shown behind it. Here each list leads, 60 levels
 // down, to the array of the same kind in the named part: the way in which they are met first is 1,800 long.
 TEST(AmfJson, depthIsBoundedWhereTheFirstWayToAnArrayIsALongOne) {
@@ -108,8 +81,8 @@ TEST(AmfJson, depthIsBoundedWhereTheFirstWayToAnArrayIsALongOne) {
     close += orv::test::hexOf(reference, sizeof reference);
   }
   const std::string text = argument(15, "11" + open + "09 01 01" + close);
-  EXPECT_EQ(count(text, "torn"), 0u);
-  EXPECT_GT(count(text, "deeper than is shown"), 0u);
+  EXPECT_THAT(text, testing::Not(testing::HasSubstr("torn")));
+  EXPECT_THAT(text, testing::HasSubstr("deeper than is shown"));
 }
 
 }  // namespace

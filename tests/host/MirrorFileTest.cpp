@@ -1,7 +1,6 @@
 #include "MirrorFile.h"
 
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 
 #include <csignal>
 
@@ -11,8 +10,7 @@
 namespace orv::host {
 namespace {
 
-using test::Bytes;
-using test::TempDir;
+using namespace test;
 using namespace openflags;
 
 class MirrorFileTest : public testing::Test {
@@ -50,16 +48,13 @@ TEST_F(MirrorFileTest, keepsACursorAndTakesWritesToAClosedName) {
 
 TEST_F(MirrorFileTest, staysAsItIsAfterTheFirstFailedWrite) {
   std::signal(SIGXFSZ, SIG_IGN);
-  rlimit old{};
-  getrlimit(RLIMIT_FSIZE, &old);
-  const rlimit tight{1000, old.rlim_max};
   mirror->open(name, createTruncate, ownerReadWrite);
-  setrlimit(RLIMIT_FSIZE, &tight);
-  const int first = write(0, Bytes(600)), second = write(600, Bytes(600)), third = write(4, {1});
-  setrlimit(RLIMIT_FSIZE, &old);
-  EXPECT_EQ(first, 600);
-  EXPECT_EQ(second, -1);
-  EXPECT_EQ(third, -1);
+  {
+    const FileSizeLimit limit(1000);
+    EXPECT_EQ(write(0, Bytes(600)), 600);
+    EXPECT_EQ(write(600, Bytes(600)), -1);
+    EXPECT_EQ(write(4, {1}), -1);
+  }
   EXPECT_EQ(mirror->open(name, createTruncate, ownerReadWrite), -1);
   EXPECT_TRUE(mirror->isBehind());
   EXPECT_EQ(copy(), Bytes(1000));

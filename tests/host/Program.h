@@ -72,10 +72,7 @@ class Running {
     ::waitpid(std::exchange(child_, 0), &status, 0);
     exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  std::string text(const std::string& name) const {
-    const Bytes bytes = TempDir::read(dir_.path(name));
-    return {bytes.begin(), bytes.end()};
-  }
+  std::string text(const char* name) const { return str(TempDir::read(dir_.path(name))); }
 
   const TempDir dir_;
   pid_t child_ = 0;

@@ -2,34 +2,21 @@
 
 #include <gtest/gtest.h>
 
-#include "TempDir.h"
-#include "support/FlvBuilder.h"
+#include "Movie.h"
 
 namespace orv::host {
 namespace {
 
-using orv::test::FlvBuilder;
-using test::Bytes;
-using test::TempDir;
+using namespace test;
 
-CommonOptions testedModule() {
-  CommonOptions options;
-  options.module = FLV_MODULE_PATH;
-  return options;
-}
-
-struct Sent {
-  u16 type;
-  u32 time;
-  Bytes data;
-};
+using Sent = orv::test::Message;
 
 const Bytes kEmptyFrame{0x02, 5};  // A frame type of 0: never delivered.
 
 class TagVerifierTest : public testing::Test {
  protected:
   // The faults found if `sent` is what a load of the file delivers.
-  u64 faults(const std::vector<Sent>& sent) {
+  u64 faults(const TagList& sent) {
     TagVerifier verifier(stream);
     verifier.beginSegment({0, file.size() - 1, 0, 31});
     for (const Sent& s : sent) {
@@ -39,23 +26,17 @@ class TagVerifierTest : public testing::Test {
     verifier.endFile();
     return verifier.faults();
   }
-  Sent tag(std::size_t i) const {
-    const auto& built = file.tags()[i];
-    const auto begin = file.bytes().begin() + built.position + flv::kTagHeaderSize;
-    return {built.type, built.time, {begin, begin + built.size}};
-  }
+  Sent tag(std::size_t i) const { return tagOf(file, i); }
 
   TempDir dir;
   FlvBuilder file =
       FlvBuilder().tag(8, 0, 30).tag(9, 10, 40).tag(9, 20, kEmptyFrame).tag(8, 0, 50).tag(9, 30, 60);
-  Session session{testedModule()};
+  Session session{{FLV_MODULE_PATH, {}, false}};
   Stream stream = session.open(dir.file("f.flv", file.bytes()));
 };
 
 TEST_F(TagVerifierTest, takesWhatTheModuleMayDeliver) {
-  Bytes joined = orv::test::tagBytes(9, 10, tag(1).data);
-  const Bytes last = orv::test::tagBytes(9, 30, tag(4).data);
-  joined.insert(joined.end(), last.begin(), last.end());
+  const Bytes joined = join(tagBytes(9, 10, tag(1).data), tagBytes(9, 30, tag(4).data));
   Bytes unfinished = joined;  // The last size field of an aggregate is undefined.
   unfinished.back() ^= 1;
   EXPECT_EQ(faults({tag(0), tag(1), tag(3), tag(4)}), 0u);
@@ -69,11 +50,11 @@ TEST_F(TagVerifierTest, findsEachWayOfDeliveringWrongly) {
   ++late.time;
   retyped.type = 8;
   cut.data.pop_back();
-  Bytes entry = orv::test::tagBytes(9, 30, tag(4).data);
+  Bytes entry = tagBytes(9, 30, tag(4).data);
   entry[10] = 1;  // The stream id.
   const struct {
     const char* name;
-    std::vector<Sent> sent;
+    TagList sent;
   } kWrong[] = {
       {"a changed byte", {tag(0), tag(1), tag(3), changed}},
       {"another time", {tag(0), tag(1), tag(3), late}},

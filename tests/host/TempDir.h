@@ -1,8 +1,9 @@
-// A directory of a test's own, gone with everything in it at the end.
+// A directory of a test's own, gone with everything in it at the end; and what a full disk looks like.
 
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,10 @@
 namespace orv::host::test {
 
 using Bytes = std::vector<u8>;
+
+inline std::string str(const Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
 
 class TempDir {
  public:
@@ -44,6 +49,20 @@ class TempDir {
 
  private:
   std::string path_;
+};
+
+// While it stands, no file that this process, or one that it starts, writes to grows beyond `size` bytes.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t size) {
+    getrlimit(RLIMIT_FSIZE, &old_);
+    const rlimit tight{size, old_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &tight);
+  }
+  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &old_); }
+
+ private:
+  rlimit old_{};
 };
 
 }  // namespace orv::host::test

@@ -8,7 +8,7 @@ namespace {
 TEST(TimeText, readsTheWaysInWhichTimesAreWritten) {
   const struct {
     const char* text;
-    std::optional<u32> time;
+    u32 time;
   } kTimes[] = {
       {"0", 0},
       {"12.5", 12500},
@@ -22,25 +22,14 @@ TEST(TimeText, readsTheWaysInWhichTimesAreWritten) {
       {"00:59.9", 59900},
       {"4294967.295", 4294967295},
       {"4294967295ms", 4294967295},
-      {"4294967.296", {}},
-      {"99999999999999999999", {}},
       {"1193:02:47.295", 4294967295},
-      {"", {}},
-      {"-1", {}},
-      {".5", {}},
-      {"5.", {}},
-      {"1:60", {}},
-      {"1:60:00", {}},
-      {"1:2:3:4", {}},
-      {"1:", {}},
-      {":30", {}},
-      {"1:30s", {}},
-      {"1:30ms", {}},
-      {"5 s", {}},
-      {"5m", {}},
-      {"1e3", {}},
   };
   for (const auto& time : kTimes) EXPECT_EQ(parseTime(time.text), time.time) << time.text;
+
+  for (const char* text : {"4294967.296", "99999999999999999999", "", "-1", ".5", "5.", "1:60", "1:60:00",
+                           "1:2:3:4", "1:", ":30", "1:30s", "1:30ms", "5 s", "5m", "1e3"}) {
+    EXPECT_EQ(parseTime(text), std::nullopt) << text;
+  }
 }
 
 TEST(TimeText, writesHoursToMilliseconds) {

@@ -1,0 +1,56 @@
+// FLV streams as the tests make them and take them apart.
+
+#pragma once
+
+#include "FlvReader.h"
+#include "TempDir.h"
+#include "support/AmfText.h"
+#include "support/FlvBuilder.h"
+#include "support/Holders.h"
+
+namespace orv::host::test {
+
+using orv::test::bytesOf;
+using orv::test::FlvBuilder;
+using orv::test::tagBytes;
+using TagList = std::vector<orv::test::Message>;
+
+// Behind what `file` holds: 50 tags a second, each fifth of them sound, which sets in at once, and one a key
+// frame.
+inline FlvBuilder movie(u32 tags = 700, FlvBuilder file = FlvBuilder(), u32 firstTime = 0) {
+  for (u32 i = 0; i < tags; ++i) {
+    const u8 type = i % 5 ? flv::kTypeVideo : flv::kTypeAudio;
+    Bytes data = orv::test::payload(type, 1000, i);
+    if (i % 5 && i % 50 != 1) data[0] = 0x22;
+    file.tag(type, firstTime + i * 20, data);
+  }
+  return file;
+}
+
+inline Bytes onMetaData(const std::string& entries = "") {
+  return bytesOf("02 000A'onMetaData' 08 00000000" + entries + "000009");
+}
+
+// `a`, and `b` from a place on.
+inline Bytes join(Bytes a, const Bytes& b, i64 from = 0) {
+  a.insert(a.end(), b.begin() + from, b.end());
+  return a;
+}
+
+inline orv::test::Message tagOf(const FlvBuilder& file, std::size_t index) {
+  const auto& tag = file.tags()[index];
+  const auto data = file.bytes().begin() + tag.position + flv::kTagHeaderSize;
+  return {tag.type, tag.time, {data, data + tag.size}};
+}
+
+// The tags of a stream without a fault.
+inline TagList tagsOf(const std::string& flvBytes) {
+  TagList tags;
+  FlvReader reader([&](const Tag& tag) {
+    tags.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}});
+  });
+  EXPECT_TRUE(reader.feed(reinterpret_cast<const u8*>(flvBytes.data()), flvBytes.size())) << reader.fault();
+  return tags;
+}
+
+}  // namespace orv::host::test
