@@ -13,12 +13,12 @@ using flv::MediaContextStore;
 
 // What a holder is called with.
 struct Context {
-  u16 type;
-  Bytes data;
-  u32 time;
-  i64 position;
-  u32 trackID;
-  u32 contextType;
+  u16 type = 0;
+  Bytes data{};
+  u32 trackID = 0;
+  u32 time = 0;
+  i64 position = -1;
+  u32 contextType = 1;
   bool operator==(const Context&) const = default;
 };
 
@@ -27,61 +27,58 @@ class Contexts final : public IContextHolder, public IAllContextHolder {
   std::vector<Context> each;
   std::vector<Bytes> all;
 
-  void onContext(unsigned short type, const void* data, u32 size, u32 time, i64 position, u32 trackID,
+  void onContext(u16 type, const void* data, u32 size, u32 time, i64 position, u32 trackID,
                  u32 contextType) override {
-    const auto* const bytes = static_cast<const u8*>(data);
-    each.push_back({type, Bytes(bytes, bytes + size), time, position, trackID, contextType});
+    each.push_back({type, bytesOf(data, size), trackID, time, position, contextType});
   }
-  void onAllContexts(const void* data, u32 size) override {
+  void onAllContexts(const void* data, u32 size) override { all.push_back(bytesOf(data, size)); }
+
+  static Bytes bytesOf(const void* data, u32 size) {
     const auto* const bytes = static_cast<const u8*>(data);
-    all.emplace_back(bytes, bytes + size);
+    return Bytes(bytes, bytes + size);
   }
 };
 
-Context contextOf(u8 type, u32 trackID, const Bytes& data) {
-  return {type, data, 0, -1, trackID, 1};
-}
+const Bytes kControl{0, 0x21, 0, 0, 0, 0};  // Comes with each additional header.
 
 // The serialized form, written down by hand.
 Bytes blobOf(const std::vector<Context>& contexts) {
-  Bytes out{3};
+  Members records;
   for (const Context& context : contexts) {
     const auto size = static_cast<u8>(context.data.size());
     const Bytes memory = Bytes{32, 0, 0, 0, size} + context.data;
     Bytes position{34, 0, 0, 0, 0, 0, 0, 0, 0};
     for (u32 i = 0; i < 8; ++i) position[8 - i] = static_cast<u8>(context.position >> 8 * i);
-    out = out + key("") +
-          object({{"messageType", number(context.type)},
-                  {"time", number(context.time)},
-                  {"buffer", memory},
-                  {"position", position},
-                  {"trackID", number(context.trackID)},
-                  {"contextType", number(context.contextType)}});
+    records.push_back({"", object({{"messageType", number(context.type)},
+                                   {"time", number(context.time)},
+                                   {"buffer", memory},
+                                   {"position", position},
+                                   {"trackID", number(context.trackID)},
+                                   {"contextType", number(context.contextType)}})});
   }
-  return out + Bytes{0, 0, 9};
+  return object(records);
 }
 
-class MediaContextsTest : public RecordTest {
- protected:
-  static std::vector<Context> ask(Stream& stream, ContextType_t type, i64 position, bool* result) {
-    Contexts contexts;
-    *result = stream.adaptor.getMediaContexts(stream.handle, type, position, &contexts);
-    return contexts.each;
-  }
-};
+// None if the store is empty.
+Bytes serialized(const MediaContextStore& store) {
+  KTBuffer out;
+  return store.serialize(out) ? Bytes(out.data, out.data + out.size) : Bytes{};
+}
+
+using MediaContextsTest = RecordTest;
 
 TEST_F(MediaContextsTest, headRecords) {
-  const Bytes meta = onMetaData(object({{"duration", number(1)}})), second = onMetaData(number(2));
-  const Bytes meta3 = Bytes{0} + meta, xmp = onMetaData(text("x"), "onXMPData");
-  const Bytes header = onMetaData({5}, "|AdditionalHeader"), control{0, 0x21, 0, 0, 0, 0};
+  const Bytes meta = durationMetadata(1), second = onMetaData(number(2)), meta3 = Bytes{0} + meta;
+  const Bytes xmp = onMetaData(text("x"), "onXMPData"), header = onMetaData({5}, "|AdditionalHeader");
   const Bytes cut(meta.begin(), meta.end() - 5), bad = onMetaData({35}), cue = onMetaData({5}, "onCuePoint");
-  const Message media{kVideo, 0, payload(kVideo, 30, 1)}, end{kVideo, 40, payload(kVideo, 30, 2)};
+  const Bytes inCapitals = onMetaData({5}, "OnMetaData");
+  const Message media{kVideo, 0, payload(kVideo, 30, 1)};
   const auto behind = [&](u32 count) {
     std::vector<Message> tags(count, media);
     tags.push_back({kData, 0, meta});
     return tags;
   };
-  const Context contextMeta = contextOf(kData, 2, meta);
+  const Context contextMeta{kData, meta, 2};
   const struct {
     const char* name;
     std::vector<Message> tags;  // In front of three media tags.
@@ -90,55 +87,41 @@ TEST_F(MediaContextsTest, headRecords) {
     std::size_t loaded;  // Of `tags`.
     std::size_t warnings = 0;
   } kFiles[] = {
-      {"none", {}, {}, {}, 0},
       {"media at time 0", {media, media}, {}, {}, 2},
-      {"metadata", {{kData, 0, meta}}, {contextMeta}, meta, 0},
-      {"AMF3 metadata", {{kData3, 0, meta3}}, {contextOf(kData3, 2, meta3)}, meta3, 0},
+      {"AMF3 metadata", {{kData3, 0, meta3}}, {{kData3, meta3, 2}}, meta3, 0},
       {"filtered metadata", {{kData | 0x20, 0, meta}}, {contextMeta}, meta, 0},
-      {"two: the first is the metadata, the last the context",
-       {{kData, 0, meta}, {kData, 0, second}},
-       {contextOf(kData, 2, second)},
-       meta,
-       0},
+      // The first is the metadata, the last the context.
+      {"two", {{kData, 0, meta}, {kData, 0, second}}, {{kData, second, 2}}, meta, 0},
       {"in the order of the kinds",
        {{kData, 0, xmp}, {kData, 0, header}, {kData, 0, meta}, {kData, 0, header}},
-       {contextOf(kData, 4, xmp), contextOf(kData, 3, header), contextOf(4, 5, control), contextMeta},
-       meta,
-       0},
-      {"metadata and header",
-       {{kData, 0, meta}, {kData, 0, header}},
-       {contextMeta, contextOf(kData, 3, header), contextOf(4, 5, control)},
+       {{kData, xmp, 4}, {kData, header, 3}, {4, kControl, 5}, contextMeta},
        meta,
        0},
       {"behind media and another name", {media, {kData, 0, cue}, {kData, 0, meta}}, {contextMeta}, meta, 2},
-      {"at time 5", {{kData, 5, meta}}, {}, {}, 1},
-      {"behind time 5", {{kData, 5, cue}, {kData, 0, meta}}, {}, {}, 2},
+      {"at and behind time 5", {{kData, 5, meta}, {kData, 0, meta}}, {}, {}, 2},
       {"the 20th tag", behind(19), {contextMeta}, meta, 19},
       {"the 21st tag", behind(20), {}, {}, 21},
-      {"cut short: its name counts", {{kData, 0, cut}}, {contextOf(kData, 2, cut)}, cut, 0},
+      {"cut short: its name counts", {{kData, 0, cut}}, {{kData, cut, 2}}, cut, 0},
       {"a marker that is none", {{kData, 0, bad}, {kData, 0, meta}}, {contextMeta}, meta, 1, 1},
-      {"names with another case, none, a number",
-       {{kData, 0, onMetaData({5}, "OnMetaData")}, {kData, 0, {}}, {kData, 0, number(1)}},
-       {},
-       {},
-       3},
+      {"other names", {{kData, 0, inCapitals}, {kData, 0, {}}, {kData, 0, number(1)}}, {}, {}, 3},
   };
   for (const auto& file : kFiles) {
-    FlvBuilder film;
-    for (const Message& tag : file.tags) film.tag(static_cast<u8>(tag.type), tag.time, tag.data);
-    for (int i = 0; i < 3; ++i) film.tag(kVideo, end.time, end.data);
+    std::vector<Message> tags = file.tags;
+    tags.insert(tags.end(), 3, {kVideo, 40, payload(kVideo, 30, 2)});
     host.log.clear();
-    Stream stream = EngineTest::open(film);
+    Stream stream = open(FileImage(fileBytes(5, tags)));
     ASSERT_TRUE(stream) << file.name;
     EXPECT_EQ(stream.metadata(), file.metadata) << file.name;
-    bool result = false;
-    for (const i64 position : {i64{0}, film.size()}) {
-      EXPECT_EQ(ask(stream, ContextTypeBefore, position, &result), file.contexts) << file.name;
-      EXPECT_EQ(result, !file.contexts.empty()) << file.name;
-    }
-    EXPECT_TRUE(ask(stream, ContextTypeAfter, -9, &result).empty() && !result) << file.name;
-    EXPECT_TRUE(ask(stream, ContextTypeBefore, -1, &result).empty() && !result) << file.name;
-    EXPECT_EQ(unpack(stream.load({0, film.size(), 0, 0})).size(), file.loaded + 3) << file.name;
+    const auto expectContexts = [&](ContextType_t type, i64 position, const std::vector<Context>& expected) {
+      Contexts contexts;
+      EXPECT_EQ(adaptor().getMediaContexts(stream.handle, type, position, &contexts), !expected.empty());
+      EXPECT_EQ(contexts.each, expected) << file.name << position;
+    };
+    expectContexts(ContextTypeBefore, 0, file.contexts);
+    expectContexts(ContextTypeBefore, stream.size(), file.contexts);
+    expectContexts(ContextTypeBefore, -1, {});
+    expectContexts(ContextTypeAfter, -9, {});
+    EXPECT_EQ(tagsOf(stream).size(), file.loaded + 3) << file.name;
     EXPECT_EQ(host.log.size(), file.warnings) << file.name;
     for (const LogLine& line : host.log)
       EXPECT_EQ(line.text, "File contains bad meta data : c:\\media\\film.flv");
@@ -146,30 +129,20 @@ TEST_F(MediaContextsTest, headRecords) {
 }
 
 TEST_F(MediaContextsTest, serializedForm) {
-  const Bytes meta = onMetaData(object({{"a", number(1)}})), header = onMetaData({5}, "|AdditionalHeader"),
-              control{0, 0x21, 0, 0, 0, 0};
-  Contexts none, contexts;
+  const Bytes meta = onMetaData(object({{"a", number(1)}})), header = onMetaData({5}, "|AdditionalHeader");
+  Contexts contexts;
   {
-    Stream stream = EngineTest::open(FlvBuilder().tag(kVideo, 5, 20));
-    EXPECT_FALSE(stream.adaptor.getAllMediaContexts(stream.handle, &none));
-    EXPECT_TRUE(none.all.empty());
+    Stream stream = open(FlvBuilder().tag(kVideo, 5, 20));
+    EXPECT_FALSE(adaptor().getAllMediaContexts(stream.handle, &contexts));
+    EXPECT_TRUE(contexts.all.empty());
   }
-  const FlvBuilder film = FlvBuilder()
-                              .tag(kData, 0, meta)
-                              .tag(kData, 0, header)
-                              .tag(kData, 0, meta)
-                              .tag(kVideo, 5, 20)
-                              .tag(kVideo, 6, 20);
-  Stream stream = EngineTest::open(film);
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(stream.adaptor.getAllMediaContexts(stream.handle, &contexts));
-  EXPECT_FALSE(stream.adaptor.getAllMediaContexts(stream.handle, nullptr));
-  EXPECT_TRUE(stream.adaptor.getMediaContexts(stream.handle, ContextTypeBefore, 0, nullptr));
-  const Bytes blob = blobOf({contextOf(kData, 2, meta), contextOf(kData, 2, meta),
-                             contextOf(kData, 3, header), contextOf(4, 5, control)});
+  Stream stream =
+      open(FlvBuilder().tag(kData, 0, meta).tag(kData, 0, header).tag(kData, 0, meta).interleaved(3));
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(adaptor().getAllMediaContexts(stream.handle, &contexts));
+  EXPECT_FALSE(adaptor().getAllMediaContexts(stream.handle, nullptr));
+  EXPECT_TRUE(adaptor().getMediaContexts(stream.handle, ContextTypeBefore, 0, nullptr));
+  const Bytes blob = blobOf({{kData, meta, 2}, {kData, meta, 2}, {kData, header, 3}, {4, kControl, 5}});
   EXPECT_EQ(contexts.all, (std::vector<Bytes>{blob, blob}));
-  const Bytes one = blobOf({contextOf(kData, 2, meta)});
-  EXPECT_EQ(one.size(), 1 + 2 + 1 + (2 + 11 + 9) + (2 + 4 + 9) + (2 + 6 + 5 + meta.size()) + (2 + 8 + 9) +
-                            (2 + 7 + 9) + (2 + 11 + 9) + 3 + 3);
 
   // And back.
   MediaContextStore store;
@@ -177,19 +150,16 @@ TEST_F(MediaContextsTest, serializedForm) {
   EXPECT_EQ(empty, sizeof(MediaContextStore));
   store.deserialize(blob.data(), static_cast<u32>(blob.size()));
   EXPECT_EQ(store.byteSize(), empty + 3 * sizeof(flv::MediaContextTrack) + 4 * sizeof(MediaContext) +
-                                  2 * meta.size() + header.size() + 6);
-  KTBuffer again;
-  EXPECT_TRUE(store.serialize(again));
-  EXPECT_EQ(Bytes(again.data, again.data + again.size), blob);
+                                  2 * meta.size() + header.size() + kControl.size());
   store.deserialize(nullptr, 0);  // changes nothing
-  EXPECT_TRUE(store.serialize(again));
+  EXPECT_EQ(serialized(store), blob);
   store.clear();
-  EXPECT_FALSE(store.serialize(again));
+  EXPECT_EQ(serialized(store), Bytes());
 }
 
 // Blobs that nobody serialized: what can be read is taken.
 TEST_F(MediaContextsTest, deserialize) {
-  const Context context{9, {1, 2, 3}, 0xFFFFFFFF, 77, 6, 2};
+  const Context context{9, {1, 2, 3}, 6, 0xFFFFFFFF, 77, 2};
   const Bytes blob = blobOf({context});
   const Members strange{{"TRACKID", number(6)},
                         {"other", text("x")},
@@ -201,15 +171,9 @@ TEST_F(MediaContextsTest, deserialize) {
     std::vector<Context> contexts;  // As serialize tells them.
   } kBlobs[] = {
       {"whole", blob, {context}},
-      {"other keys and types",
-       Bytes{3} + key("") + object(strange) + Bytes{0, 0, 9},
-       {{0x12, {}, 0, -1, 6, 1}}},
-      {"named, not only objects",
-       Bytes{3} + key("a") + number(4) + key("b") + object({}) + Bytes{0, 0, 9},
-       {{0, {}, 0, -1, 0, 1}}},
-      {"cut in a second",
-       Bytes(blob.begin(), blob.end() - 3) + Bytes{0, 0, 3, 0, 9},
-       {context, {0, {}, 0, -1, 0, 1}}},
+      {"other keys and types", object({{"", object(strange)}}), {{0x12, {}, 6}}},
+      {"not only objects", object({{"a", number(4)}, {"b", object({})}}), {{}}},
+      {"cut in a second", Bytes(blob.begin(), blob.end() - 3) + Bytes{0, 0, 3, 0, 9}, {context, {}}},
       {"no container", number(1), {}},
       {"no value", {35}, {}},
   };
@@ -221,16 +185,13 @@ TEST_F(MediaContextsTest, deserialize) {
     } catch (const KTBreakConnection&) {
       EXPECT_STREQ(given.name, "no value");
     }
-    KTBuffer out;
-    ASSERT_EQ(store.serialize(out), !given.contexts.empty()) << given.name;
-    if (given.contexts.empty()) continue;
-    EXPECT_EQ(Bytes(out.data, out.data + out.size), blobOf(given.contexts)) << given.name;
+    EXPECT_EQ(serialized(store), given.contexts.empty() ? Bytes{} : blobOf(given.contexts)) << given.name;
   }
 }
 
 // References to one record count as records of their own, with bytes that the blob doesn't hold.
 TEST_F(MediaContextsTest, hugeByReferences) {
-  Bytes blob = blobOf({{9, Bytes(3000), 0, 77, 6, 2}});
+  Bytes blob = blobOf({{9, Bytes(3000), 6}});
   for (u32 i = 0; i < 1000; ++i) blob.insert(blob.end() - 3, {0, 0, 7, 0, 1});
   MediaContextStore store;
   store.deserialize(blob.data(), static_cast<u32>(blob.size()));
@@ -238,41 +199,32 @@ TEST_F(MediaContextsTest, hugeByReferences) {
   EXPECT_LT(store.byteSize(), 2 * blob.size());
 }
 
+// Positions and types of one track, in the order of their arrival.
 TEST_F(MediaContextsTest, lookUp) {
-  // Positions and types of one track, in the order of their arrival.
+  constexpr i64 kFar = i64{1} << 40;
+  constexpr auto kBefore = ContextTypeBefore, kAfter = ContextTypeAfter, kOther = ContextType_t{3};
   const struct {
-    std::vector<std::pair<i64, u32>> records;
-    u32 type;
+    std::vector<std::pair<i64, ContextType_t>> records;
+    ContextType_t type;
     i64 position;
     int found;  // -1: none
   } kLookUps[] = {
-      {{}, 1, 0, -1},
-      {{{-1, 1}}, 1, 0, 0},
-      {{{-1, 1}}, 1, -1, -1},
-      {{{0, 1}, {10, 1}, {20, 1}}, 1, 20, 1},
-      {{{0, 1}, {10, 1}, {20, 1}}, 1, 21, 2},
-      {{{0, 1}, {10, 2}}, 1, 11, -1},  // stops at the first record that lies there
-      {{{0, 2}, {10, 2}, {20, 2}}, 2, 10, 2},
-      {{{0, 2}, {10, 1}}, 2, 5, -1},
-      {{{0, 2}}, 2, 0, -1},
-      {{{0, 3}}, 3, 1, -1},
-      {{{i64{1} << 40, 1}}, 1, (i64{1} << 40) + 1, 0},
+      {{}, kBefore, 0, -1},
+      {{{0, kBefore}, {10, kBefore}, {20, kBefore}}, kBefore, 20, 1},
+      {{{0, kBefore}, {10, kAfter}}, kBefore, 11, -1},  // stops at the first record that lies there
+      {{{0, kAfter}, {10, kAfter}, {20, kAfter}}, kAfter, 10, 2},
+      {{{0, kAfter}, {10, kBefore}}, kAfter, 5, -1},
+      {{{0, kOther}}, kOther, 1, -1},
+      {{{kFar, kBefore}}, kBefore, kFar + 1, 0},
   };
-  for (const auto& lookUp : kLookUps) {
+  for (const auto& [records, type, position, expected] : kLookUps) {
     MediaContextStore store;
-    for (u32 i = 0; i < lookUp.records.size(); ++i) {
-      MediaContext record;
-      record.position = lookUp.records[i].first;
-      record.contextType = static_cast<ContextType_t>(lookUp.records[i].second);
-      record.time = i;
-      store.add(record);
-    }
+    for (u32 i = 0; i < records.size(); ++i)
+      store.add({.contextType = records[i].second, .time = i, .buffer = {}, .position = records[i].first});
     int found = -1;
-    const bool any =
-        store.forEach(static_cast<ContextType_t>(lookUp.type), lookUp.position,
-                      [&](const MediaContext& record) { found = static_cast<int>(record.time); });
-    EXPECT_EQ(found, lookUp.found) << lookUp.position;
-    EXPECT_EQ(any, lookUp.found >= 0);
+    const auto take = [&](const MediaContext& record) { found = static_cast<int>(record.time); };
+    EXPECT_EQ(store.forEach(type, position, take), expected >= 0) << position;
+    EXPECT_EQ(found, expected) << position;
   }
 }
 

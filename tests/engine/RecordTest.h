@@ -1,5 +1,5 @@
-// What the tests of recording share: one script of what the host and the mirror are asked for, in order, and
-// metadata as publishers send it.
+// What the tests of recording share: one script of what the host and the mirror are asked for, in order,
+// metadata as publishers send it, and all that a player finds.
 
 #pragma once
 
@@ -19,20 +19,27 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
+// A whole recording, and a part of one.
+inline Bytes tagBytes(const std::vector<Message>& tags) {
+  Bytes out;
+  for (const Message& tag : tags) out = out + tagBytes(static_cast<u8>(tag.type), tag.time, tag.data);
+  return out;
+}
+inline Bytes fileBytes(u8 flags, const std::vector<Message>& tags) {
+  return Bytes{'F', 'L', 'V', 1, flags, 0, 0, 0, 9, 0, 0, 0, 0} + tagBytes(tags);
+}
+
 // AMF values and members.
 namespace amf {
 
-inline Bytes raw(const std::string& text) {
-  return Bytes(text.begin(), text.end());
-}
 inline Bytes key(const std::string& text) {
-  return Bytes{static_cast<u8>(text.size() >> 8), static_cast<u8>(text.size())} + raw(text);
+  return Bytes{static_cast<u8>(text.size() >> 8), static_cast<u8>(text.size())} +
+         Bytes(text.begin(), text.end());
 }
 inline Bytes ieee(double value) {
-  u64 bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
   Bytes out(8);
-  for (u8& byte : out) byte = static_cast<u8>(bits >> 56), bits <<= 8;
+  std::memcpy(out.data(), &value, out.size());
+  std::reverse(out.begin(), out.end());
   return out;
 }
 inline Bytes number(double value) {
@@ -45,7 +52,7 @@ inline Bytes text(const std::string& value) {
   return Bytes{2} + key(value);
 }
 inline Bytes key3(const std::string& value) {
-  return Bytes{static_cast<u8>(value.size() * 2 + 1)} + raw(value);
+  return Bytes{static_cast<u8>(value.size() * 2 + 1)} + Bytes(value.begin(), value.end());
 }
 
 using Members = std::vector<std::pair<const char*, Bytes>>;
@@ -69,6 +76,25 @@ inline Bytes array3(const Members& members, Bytes head = {17, 9, 1}) {
 inline Bytes onMetaData(const Bytes& value, const std::string& name = "onMetaData") {
   return amf::text(name) + value;
 }
+inline Bytes durationMetadata(double seconds) {
+  return onMetaData(amf::object({{"duration", amf::number(seconds)}}));
+}
+
+// The tags of a session: the metadata, then media, each with bytes of its own.
+inline Message sessionTag(u32 i, u32 size) {
+  const amf::Members members{{"duration", amf::number(0)}, {"canSeekToEnd", amf::boolean(false)}};
+  if (i == 0) return {kData, 0, onMetaData(amf::array(members, 2))};
+  const u8 type = i % 3 == 0 ? kAudio : kVideo;
+  return {type, 100 * i, payload(type, size, i)};
+}
+
+// All tags that loads deliver, from the first segment to the last.
+inline std::vector<Message> tagsOf(Stream& stream) {
+  std::vector<Message> tags;
+  for (const SegmentBounds& bounds : stream.walk())
+    for (Message& tag : unpack(stream.load(bounds))) tags.push_back(std::move(tag));
+  return tags;
+}
 
 class RecordTest : public EngineTest {
  protected:
@@ -79,13 +105,15 @@ class RecordTest : public EngineTest {
   Stream openRecord(IBackupConn* backup = nullptr) {
     return Stream(adaptor(), kName, Stream::record, backup);
   }
-  const Bytes bytes() { return host.file(kFile).image.bytes(); }
+  static void stage(Stream& stream, const std::vector<Message>& messages) {
+    for (const auto& [type, time, data] : messages) EXPECT_TRUE(stream.stage(type, time, data));
+  }
+  Bytes bytes() { return host.file(kFile).image.bytes(); }
 
   // The calls since the last time, with commas between; those of the mirror with "m:" in front.
   std::string script() { return std::exchange(script_, {}); }
 
   KTPtr<MirrorConn> mirror{new MirrorConn([this](const std::string& line) { note("m:" + line); })};
-  const std::string& mirrorName() { return name_; }
 
  private:
   void note(const std::string& line) { script_ += (script_.empty() ? "" : ", ") + line; }
@@ -103,7 +131,6 @@ class RecordTest : public EngineTest {
   }
 
   std::string script_;
-  std::string name_ = kFile;
 };
 
 }  // namespace orv::test
