@@ -49,6 +49,10 @@ class EngineTest : public testing::Test {
     return open();
   }
   Stream open() { return Stream(adaptor(), kName); }
+  // What the film has gained since it was opened reaches the file.
+  void grow(const FlvBuilder& film) {
+    host.append(kFile, {film.bytes().begin() + host.file(kFile).image.size(), film.bytes().end()});
+  }
   IQVStreamAdaptor& adaptor() {
     if (!adaptor_) adaptor_ = module().create(host);
     return *adaptor_;
@@ -67,6 +71,14 @@ inline std::vector<Message> messagesOf(const FlvBuilder& film) {
     const auto data = film.bytes().begin() + tag.position + flv::kTagHeaderSize;
     messages.push_back({tag.type, tag.time, Bytes(data, data + tag.size)});
   }
+  return messages;
+}
+
+// Everything, segment by segment.
+inline std::vector<Message> loadAll(Stream& stream) {
+  std::vector<Message> messages;
+  for (const SegmentBounds& segment : stream.walk())
+    for (Message& message : stream.load(segment)) messages.push_back(std::move(message));
   return messages;
 }
 
