@@ -3,28 +3,29 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <regex>
 
-#include "server/KTCommand.h"
-#include "support/AmfText.h"
+#include "ServerTest.h"
 #include "support/HeapWatch.h"
 #include "util/KTThrowable.h"
 
 namespace orv::test {
 namespace {
 
-constexpr u8 kAmf0Data = 18;
 constexpr std::size_t kMiB = 1 << 20;
 
-Bytes repeated(const char* head, const char* unit, std::size_t count) {
+Bytes joined(const char* head, const char* unit, std::size_t count, const char* end = "") {
   Bytes bytes = bytesOf(head);
-  const Bytes more = bytesOf(unit);
+  const Bytes more = bytesOf(unit), last = bytesOf(end);
   for (std::size_t i = 0; i < count; ++i) bytes.insert(bytes.end(), more.begin(), more.end());
+  bytes.insert(bytes.end(), last.begin(), last.end());
   return bytes;
 }
 
-KTCSerializer readerOf(const Bytes& bytes, bool throwing = false) {
-  return {bytes.data(), static_cast<u32>(bytes.size()), throwing};
+// Containers inside one another, each the first entry of the one around it.
+u32 levelsOf(const KTData& value) {
+  const KTDataArray* const array = value.asArray();
+  return array ? 1 + levelsOf(array->valueAt(0)) : 0;
 }
 
 // What a value holds in which the bytes end.
@@ -36,28 +37,25 @@ TEST(AmfFailure, leavesWhatWasReadWhole) {
   } kRows[] = {
       {"no marker", "", "Undefined"},
       {"number", "00 3FF8", "0"},
-      {"boolean", "01", "false"},
       {"string", "02 0005 'hell'", "\"\""},
       {"date", "0B 4059000000000000 00", "Date(100, 0)"},
       {"xml", "0F 00000005 '<a/>'", "Xml\"\""},
       {"memory", "20 00000004 010203", "Memory<none>"},
-      {"64-bit integer", "22 00", "Int64(0)"},
       {"class name", "10 0004 'cls'", "Undefined"},
       {"count above the bytes left", "0A 00000003 05 05", "Undefined"},
-      {"member without a value", "03 0001'a' 05 0001'b'", "Object[3]{a: Null}"},
+      {"member without a value", "08 00000000 0001'a' 05 0001'b'", "EcmaArray[8]{a: Null}"},
       {"member with a cut value", "03 0001'a' 05 0001'b' 00 00", "Object[3]{a: Null}"},
-      {"no end", "08 00000000 0001'a' 05", "EcmaArray[8]{a: Null}"},
       {"cut inner container", "03 0001'a' 05 0001'b' 03 0001'c' 05 0001'd' 02 00",
        "Object[3]{a: Null, b: Object[3]{c: Null}}"},
       {"cut element", "0A 00000003 05 02 0001", "EcmaArray[6]{0: Null}"},
       {"AMF3 integer", "11 04 80", "0#4"},
-      {"AMF3 string", "11 06 07'ab'", "\"\""},
       {"AMF3 string past the table", "11 06 00", "\"\""},
       {"AMF3 xml", "11 0B 07'ab'", "Xml#11\"\""},
       {"AMF3 date", "11 08 01 4059", "Date#8(0, 0)"},
       {"AMF3 bytes", "11 0C 07 0102", "Memory#12<none>"},
       {"AMF3 reference past the table", "11 09 00", "Undefined"},
       {"AMF3 count above the bytes left", "11 09 07 01 01", "Undefined"},
+      {"AMF3 cut named entry", "11 09 01 03'a' 01 03'b' 05 00", "EcmaArray#9[9]{a: Null#1}"},
       {"AMF3 cut dense part", "11 09 07 03'a' 01 01 01 04 05 06 07",
        "EcmaArray#9[9]{0: Null#1, 1: 5#4, a: Null#1}"},
       {"AMF3 externalizable class", "11 0A 07 07'cls'", "Undefined"},
@@ -66,9 +64,12 @@ TEST(AmfFailure, leavesWhatWasReadWhole) {
        "Amf3#10[10]{constructor: \"\", a: Null#1}"},
       {"AMF3 more members than bytes", "11 0A 43 01 03'a'", "Undefined"},
       {"AMF3 vector of 2^28 - 1", "11 0D FFFFFFFF 00 00000001", "Undefined"},
+      {"AMF3 vector of more than there is", "11 0D 05 00 00000001", "Undefined"},
       {"AMF3 dictionary of more than there is", "11 11 07 00 01 01 01 01", "Undefined"},
       {"AMF3 cut vector of objects", "11 10 07 00 01 01 09 01 03'a' 01",
        "Amf3#16[6]{size: 3, fixed: false, closure: \"\", value: Null#1, value: EcmaArray#9[9]{a: Null#1}}"},
+      {"AMF3 cut plain element of a vector", "11 10 05 00 01 01 05 00",
+       "Amf3#16[6]{size: 2, fixed: false, closure: \"\", value: Null#1}"},
       {"AMF3 cut dictionary pair", "11 11 05 00 01 01 04 05 06 07",
        "Amf3#17[6]{size: 2, weak: false, key: Null#1, value: Null#1}"},
   };
@@ -99,56 +100,45 @@ TEST(AmfFailure, anUnknownAmf0MarkerAlwaysThrows) {
   }
 }
 
-struct Hostile {
-  const char* name;
-  const char* head;
-  const char* unit;
-};
-const Hostile kHostile[] = {
-    {"nested objects", "", "03 0001'a'"},
-    {"nested strict arrays", "", "0A 00000001"},
-    {"nested associative arrays", "", "08 FFFFFFFF 0000"},
-    {"nested typed objects", "", "10 0000 0000"},
-    {"nested AMF3 arrays", "11", "09 03 01"},
-    {"nested AMF3 named arrays", "11", "09 01 03'a'"},
-    {"nested AMF3 objects", "11", "0A 0B 01 03'a'"},
-    {"nested AMF3 vectors", "11", "10 03 00 01"},
-    {"nested AMF3 dictionaries", "11", "11 03 00"},
-    {"arguments of one byte", "", "05"},
-    {"nulls in a strict array", "0A 000F0000", "05"},
-    {"empty objects in a strict array", "0A 00030000", "03 000009"},
-    {"empty texts", "0A 00050000", "02 0000"},
-    {"short texts", "0A 00030000", "02 0001'a'"},
-    {"objects with empty keys", "03", "0000 05"},
-    {"strict arrays that claim all that is left", "0A 00020000", "0A 00080000"},
-    {"AMF3 integers", "11 09 FFFF01 01", "04 05"},
-    {"AMF3 empty arrays", "11 09 FFFF01 01", "09 01 01"},
-    {"AMF3 objects of one class", "11 09 FFFF01 01 0A 03 01", "0A 01"},
-    {"AMF3 empty texts of XML", "11 09 FFFF01 01", "07 01"},
-    {"AMF3 empty byte arrays", "11 09 FFFF01 01", "0C 01"},
-    {"AMF3 dates", "11 09 FFFF01 01", "08 01 00(8)"},
-    {"AMF3 vectors", "11 09 FFFF01 01", "0D 01 00"},
-    {"AMF3 classes", "11 09 FFFF01 01", "0A 03 01"},
-    {"a long AMF3 text over and over", "11 09 FFFF01 01 06 819C21 'x'(10000)", "06 00"},
-    {"long AMF3 keys over and over", "11 09 01 819C21 'x'(10000) 01", "00 01"},
-    {"a long AMF3 XML over and over", "11 09 FFFF01 01 07 819C21 'x'(10000)", "07 02"},
-    {"a class of long names over and over", "11 09 FFFF01 01 0A 23 819C21 'x'(10000) 00 00 01 01",
-     "0A 01 01 01"},
-    {"references to the array around", "03", "0000 07 0000"},
-    {"references to a brother", "0A 000F0000 03 000009", "07 0001"},
-};
-
 // 1 MiB of each costs at most 23 MiB of heap at a time, and not much more in all, copies included, and leaves
-// nothing.
+// nothing. What nests does so more than 100,000 times.
 TEST(AmfHostile, memoryAndWorkAreBoundedByTheLength) {
-  for (const Hostile& row : kHostile) {
+  const struct {
+    const char* name;
+    const char* head;
+    const char* unit;
+  } kRows[] = {
+      {"nested strict arrays", "", "0A 00000001"},
+      {"nested associative arrays", "", "08 FFFFFFFF 0000"},
+      {"nested AMF3 arrays", "11", "09 03 01"},
+      {"nested AMF3 objects", "11", "0A 0B 01 03'a'"},
+      {"nested AMF3 vectors", "11", "10 03 00 01"},
+      {"nested AMF3 dictionaries", "11", "11 03 00"},
+      {"arguments of one byte", "", "05"},
+      {"nulls in a strict array", "0A 000F0000", "05"},
+      {"short texts", "0A 00030000", "02 0001'a'"},
+      {"objects with empty keys", "03", "0000 05"},
+      {"strict arrays that claim all that is left", "0A 00020000", "0A 00080000"},
+      {"AMF3 integers", "11 09 FFFF01 01", "04 05"},
+      {"AMF3 objects of one class", "11 09 FFFF01 01 0A 03 01", "0A 01"},
+      {"AMF3 empty texts of XML", "11 09 FFFF01 01", "07 01"},
+      {"AMF3 empty byte arrays", "11 09 FFFF01 01", "0C 01"},
+      {"AMF3 vectors", "11 09 FFFF01 01", "0D 01 00"},
+      {"AMF3 classes", "11 09 FFFF01 01", "0A 03 01"},
+      {"a long AMF3 text over and over", "11 09 FFFF01 01 06 819C21 'x'(10000)", "06 00"},
+      {"long AMF3 keys over and over", "11 09 01 819C21 'x'(10000) 01", "00 01"},
+      {"a long AMF3 XML over and over", "11 09 FFFF01 01 07 819C21 'x'(10000)", "07 02"},
+      {"a class of long names over and over", "11 09 FFFF01 01 0A 23 819C21 'x'(10000) 00 00 01 01",
+       "0A 01 01 01"},
+      {"references to the array around", "03", "0000 07 0000"},
+  };
+  for (const auto& row : kRows) {
     SCOPED_TRACE(row.name);
-    const std::size_t unit = bytesOf(row.unit).size();
-    const Bytes bytes = repeated(row.head, row.unit, (kMiB - bytesOf(row.head).size()) / unit);
-    ASSERT_LE(bytes.size(), kMiB);
+    const Bytes bytes =
+        joined(row.head, row.unit, (kMiB - bytesOf(row.head).size()) / bytesOf(row.unit).size());
     const HeapWatch heap;
     {
-      const KTCommand command(kAmf0Data, bytes.data(), static_cast<u32>(bytes.size()), false);
+      const KTCommand command = commandOf(flv::kTypeDataAmf0, bytes);
       EXPECT_LE(heap->peak, 23 * kMiB);
       EXPECT_LE(heap->bytes, 31 * kMiB);
       for (const i32 encoding : {0, 3}) {
@@ -161,33 +151,47 @@ TEST(AmfHostile, memoryAndWorkAreBoundedByTheLength) {
   }
 }
 
-// The same for what comes after the 64 levels: the 65th container fails, as its place in the value shows.
-TEST(AmfHostile, nestingEndsAt64) {
+// The 65th container fails, as its place in the value shows.
+TEST(AmfHostile, readingEndsBehind64Levels) {
   const struct {
     const char* unit;
     const char* innermost;
   } kRows[] = {{"03 0001'a'", "03 000009"}, {"0A 00000001", "0A 00000000"}};
   for (const auto& row : kRows) {
     for (const u32 depth : {63U, 64U}) {
-      Bytes bytes = repeated("", row.unit, depth);
-      for (const u8 byte : bytesOf(row.innermost)) bytes.push_back(byte);
-      KTCSerializer reader = readerOf(bytes);
+      const Bytes bytes = joined("", row.unit, depth, row.innermost);
       KTData value;
-      reader.readValue(value);
-      u32 levels = 0;
-      for (const KTData* at = &value; at->asArray(); at = &std::as_const(*at->asArray()).valueAt(0)) ++levels;
-      EXPECT_EQ(levels, 64U);
+      readerOf(bytes).readValue(value);
+      EXPECT_EQ(levelsOf(value), 64U);
     }
   }
-  Bytes full = repeated("11", "09 03 01", 64);  // A date takes a place in the table, but no level.
-  for (const u8 byte : bytesOf("08 01 00(8)")) full.push_back(byte);
+  const Bytes full = joined("11", "09 03 01", 64, "08 01 00(8)");  // A date takes no level.
   KTData whole;
   EXPECT_NO_THROW(readerOf(full, true).readValue(whole));
-  const Bytes hundredThousand = repeated("", "03 0000", 100'000);
-  KTCSerializer reader = readerOf(hundredThousand);
-  KTData value;
-  reader.readValue(value);
-  EXPECT_TRUE(reader.failed());
+}
+
+// A file can make a chain of any length by references, each array having the one before; what would be the
+// 65th level is then written as Undefined.
+TEST(AmfHostile, writingEndsBehind64Levels) {
+  const struct {
+    u8 type;
+    i32 encoding;
+    Bytes written;
+  } kRows[] = {
+      {KTData::StrictArray, 0, joined("", "0A 00000001", 64, "06")},
+      {KTData::EcmaArray, 3, joined("11 09 01 03'a'", "09 01 00", 63, "00 01(64)")},
+  };
+  for (const auto& row : kRows) {
+    for (const u32 depth : {64U, 65U}) {
+      KTData chain;
+      for (u32 i = 0; i < depth; ++i) chain = container(row.type, {{"a", chain}});
+      KTCSerializer writer;
+      writer.setEncoding(row.encoding);
+      writer.writeValue(chain);
+      EXPECT_EQ(hexOf(bytesIn(writer)), hexOf(row.written));
+      EXPECT_EQ(writer.failed(), depth == 65);
+    }
+  }
 }
 
 // Ordinary metadata of any length is read whole.
@@ -198,7 +202,6 @@ TEST(AmfHostile, longHonestPayloadsAreReadWhole) {
     u32 count;
     const char* end = "";
   } kRows[] = {
-      {"0A 0001FBD0", "00 4059000000000000", 130'000},
       {"0A 0001FBD0", "03 0004'time' 00 00(8) 0006'offset' 00 00(8) 000009", 130'000},
       {"03", "0008'duration' 00 00(8)", 50'000, "000009"},
       {"0A 0001FBD0", "02 0008'abcdefgh'", 130'000},
@@ -206,12 +209,9 @@ TEST(AmfHostile, longHonestPayloadsAreReadWhole) {
       {"11 09 CE11 01", "0A 0B 01 09'time' 05 00(8) 01", 5'000},
   };
   for (const auto& row : kRows) {
-    Bytes bytes = repeated(row.head, row.unit, row.count);
-    for (const u8 byte : bytesOf(row.end)) bytes.push_back(byte);
-    KTCSerializer reader = readerOf(bytes);
+    const Bytes bytes = joined(row.head, row.unit, row.count, row.end);
     KTData value;
-    reader.readValue(value);
-    EXPECT_FALSE(reader.failed()) << row.unit;
+    EXPECT_NO_THROW(readerOf(bytes, true).readValue(value)) << row.unit;
     EXPECT_EQ(value.asArray()->size(), row.count);
   }
 }
@@ -221,86 +221,42 @@ TEST(AmfHostile, longHonestPayloadsAreReadWhole) {
 TEST(AmfCycles, endWithTheirReader) {
   const struct {
     const char* bytes;
-    const char* during;
-    const char* after;
+    const char* value;
   } kRows[] = {
-      {"03 0001'a' 07 0000 000009", "Object[3]{a: EcmaArray^1}", "Object[3]{a: Undefined}"},
+      {"03 0001'a' 07 0000 000009", "Object[3]{a: EcmaArray^1}"},
       {"03 0001'a' 0A 00000002 07 0000 07 0001 000009",
-       "Object[3]{a: EcmaArray[6]{0: EcmaArray^2, 1: EcmaArray^1}}",
-       "Object[3]{a: EcmaArray[6]{0: Undefined, 1: Undefined}}"},
-      {"11 09 03 03'a' 09 00 01 09 00", "EcmaArray#9[9]{0: EcmaArray#9^1, a: EcmaArray#9^1}",
-       "EcmaArray#9[9]{0: Undefined, a: Undefined}"},
-      {"11 0A 1B 01 03'a' 0A 00 03'b' 0A 00 01", "Amf3#10[10]{constructor: \"\", a: Amf3#10^1, b: Amf3#10^1}",
-       "Amf3#10[10]{constructor: \"\", a: Undefined, b: Undefined}"},
+       "Object[3]{a: EcmaArray[6]{0: EcmaArray^2, 1: EcmaArray^1}}"},
+      {"11 09 03 03'a' 09 00 01 09 00", "EcmaArray#9[9]{0: EcmaArray#9^1, a: EcmaArray#9^1}"},
+      {"11 0A 1B 01 03'a' 0A 00 03'b' 0A 00 01",
+       "Amf3#10[10]{constructor: \"\", a: Amf3#10^1, b: Amf3#10^1}"},
       {"11 09 01 03'a' 11 03 00 09 00 10 03 00 01 09 00 01",
        "EcmaArray#9[9]{a: Amf3#17[6]{size: 1, weak: false, key: EcmaArray#9^2, value: Amf3#16[6]{size: 1, "
-       "fixed: "
-       "false, closure: \"\", value: EcmaArray#9^3}}}",
-       "EcmaArray#9[9]{a: Amf3#17[6]{size: 1, weak: false, key: Undefined, value: Amf3#16[6]{size: 1, fixed: "
-       "false, closure: \"\", value: Undefined}}}"},
+       "fixed: false, closure: \"\", value: EcmaArray#9^3}}}"},
   };
+  const std::regex reference("[A-Za-z0-9#]+\\^[0-9]");
   for (const auto& row : kRows) {
-    const Bytes bytes = bytesOf(row.bytes);
+    const Bytes bytes = bytesOf(row.bytes), torn = joined(row.bytes, "FF", 1);
+    const std::string after = std::regex_replace(row.value, reference, "Undefined");
     const HeapWatch heap;
     {
       KTData value;
       {
-        KTCSerializer reader = readerOf(bytes);
+        KTCSerializer reader = readerOf(bytes), writer;
         reader.readValue(value, true);
-        EXPECT_EQ(describe(value), row.during);
+        EXPECT_EQ(describe(value), row.value);
         KTData shown;
         value.toText(shown);
         const KTDataArrayPtr copy(new KTDataArray(*value.asArray()));
-        KTCSerializer writer;
         writer.writeValue(value);
         EXPECT_FALSE(writer.failed());
       }
-      EXPECT_EQ(describe(value), row.after);
+      EXPECT_EQ(describe(value), after);
     }
     EXPECT_EQ(heap->live, 0U);
-    try {  // A cycle in what an exception leaves half read.
-      Bytes torn = bytes;
-      torn.push_back(0xFF);
-      KTCommand(kAmf0Data, torn.data(), static_cast<u32>(torn.size()), true);
-      FAIL();
-    } catch (const KTBreakConnection&) {
-    }
+    // A cycle in what an exception leaves half read.
+    EXPECT_THROW(commandOf(flv::kTypeDataAmf0, torn, true), KTBreakConnection);
     EXPECT_EQ(heap->live, 0U);
   }
-}
-
-// Arrays that each refer to the one before, which makes a chain of any length out of two levels.
-TEST(AmfHostile, chainsByReference) {
-  Bytes bytes = bytesOf("0A 00001000 0A 00000000");
-  for (u32 i = 1; i < 0x1000; ++i) {
-    const Bytes link = bytesOf("0A 00000001 07 0000");
-    bytes.insert(bytes.end(), link.begin(), link.end());
-    bytes[bytes.size() - 2] = static_cast<u8>(i >> 8);
-    bytes[bytes.size() - 1] = static_cast<u8>(i);
-  }
-  KTData last;
-  {
-    KTCSerializer reader = readerOf(bytes);
-    KTData value;
-    reader.readValue(value);
-    ASSERT_FALSE(reader.failed());
-    last = value.asArray()->valueAt(0xFFF);
-    KTCSerializer writer;
-    writer.writeValue(value);
-    EXPECT_FALSE(writer.failed());
-  }
-  // Written from its far end it is too deep: the level that would be the 65th is Undefined.
-  KTCSerializer writer;
-  writer.writeValue(last);
-  EXPECT_TRUE(writer.failed());
-  KTCSerializer back(writer.bytes(), static_cast<u32>(writer.length()), true);
-  KTData value;
-  back.readValue(value);
-  u32 levels = 0;
-  const KTData* at = &value;
-  for (; at->asArray(); at = &std::as_const(*at->asArray()).valueAt(0)) ++levels;
-  EXPECT_EQ(levels, 64U);
-  EXPECT_EQ(at->type(), KTData::Undefined);
 }
 
 }  // namespace

@@ -7,8 +7,7 @@
 #include <iterator>
 #include <regex>
 
-#include "server/KTCommand.h"
-#include "support/AmfText.h"
+#include "ServerTest.h"
 
 namespace orv::test {
 namespace {
@@ -39,7 +38,7 @@ TEST(ForeignMetadata, isReadAndSurvivesRewriting) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.file);
     const Bytes bytes = scriptData(row.file);
-    const KTCommand command(flv::kTypeDataAmf0, bytes.data(), static_cast<u32>(bytes.size()), true);
+    const KTCommand command = commandOf(flv::kTypeDataAmf0, bytes, true);
     EXPECT_EQ(command.name().text(), "onMetaData");
     EXPECT_EQ(command.argCount(), 1U);
     const KTDataArray* const metadata = command.arg(0).asArray();

@@ -1,30 +1,17 @@
-#include "server/KTCommand.h"
-
 #include <gtest/gtest.h>
 
-#include "support/AmfText.h"
+#include "ServerTest.h"
 #include "support/HeapWatch.h"
 #include "util/KTThrowable.h"
 
 namespace orv::test {
 namespace {
 
-KTMessagePtr messageOf(u8 type, const Bytes& payload) {
-  KTMessagePtr message;
-  message->setType(type);
-  message->append(payload.data(), static_cast<u32>(payload.size()));
-  return message;
-}
-
 std::string summary(const KTCommand& command) {
   std::string text = std::to_string(command.commandCode()) + ' ' + describe(command.name()) + ' ' +
                      describe(command.transactionId()) + ' ' + describe(command.commandObject());
   for (u32 i = 0; i < command.argCount(); ++i) text += ", " + describe(command.arg(i));
   return text;
-}
-
-std::string payloadOf(const KTMessagePtr& message) {
-  return hexOf(message->payload(), message->payloadSize());
 }
 
 // A message is read as such and as raw bytes, with the same result but for the byte in front of AMF3 types.
@@ -45,17 +32,17 @@ TEST(KTCommand, parse) {
        "0 \"onMetaData\" 0 Undefined, EcmaArray#9[9]{a: Null#1}"},
       {17, "00 02 0004'play' 00 00(8) 05 11 04 05", "12 \"play\" 0 Null, 5#4"},
       {17, "01 02 0004'play'", "12 \"play\" Undefined Undefined", "0 Undefined Undefined Undefined"},
-      {15, "02 0004'play'", "0 0 0 Undefined", "0 Undefined Undefined Undefined"},
       // What an old writer puts behind the last value, and a name that isn't text.
       {18, "02 0001'a' 05 000009", "0 \"a\" 0 Undefined, Null, 0"},
       {18, "05 05", "0 Null 0 Undefined, Null"},
+      {18, "0F 00000004'play'", "0 Xml\"play\" 0 Undefined"},
       {20, "02 0004'pl", "0 \"\" Undefined Undefined"},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.payload);
     const Bytes payload = bytesOf(row.payload);
     EXPECT_EQ(summary(KTCommand(messageOf(row.type, payload).get(), false)), row.result);
-    const KTCommand raw(row.type, payload.data(), static_cast<u32>(payload.size()), false);
+    const KTCommand raw = commandOf(row.type, payload);
     EXPECT_EQ(summary(raw), row.rawResult ? row.rawResult : row.result);
     const KTCommand copy(raw);
     EXPECT_EQ(summary(copy), summary(raw));
@@ -83,27 +70,23 @@ TEST(KTCommand, theNameDecidesTheCode) {
   for (i32 code = 0; code < 18; ++code) EXPECT_EQ(KTCommand::codeOf(text(kReserved[code])), code);
   EXPECT_EQ(KTCommand::codeOf(text("SEEK")), 17);
   for (const char* other : {"seeking", "see", "zzz", "a"}) EXPECT_EQ(KTCommand::codeOf(text(other)), 0);
-  EXPECT_EQ(KTCommand::codeOf(number(1)), 0);
 }
 
 TEST(KTCommand, propertiesFindOrMakeTheirContainer) {
-  KTCommand command;
+  KTCommand command, plain, terse, full;
   command.addCommandProperty("a", number(1));
   command.addCommandProperty("b", number(2));
   command.addArrayProperty("c", number(3));
   command.addObjectProperty("d", number(4));
   EXPECT_EQ(summary(command), "0 \"_result\" 0 Object[6]{a: 1, b: 2}, EcmaArray[6]{c: 3, d: 4}");
-  KTCommand status;
-  status.setStatus("error", "Code", "", nullptr);
-  EXPECT_EQ(describe(status.arg(0)), "Object[6]{level: \"error\", code: \"Code\"}");
-  KTCommand full;
-  full.setStatus("error", "Code", "Why", "");
-  EXPECT_EQ(describe(full.arg(0)),
-            "Object[6]{level: \"error\", code: \"Code\", description: \"Why\", details: \"\"}");
-  KTCommand plain;
   plain.addArg(number(1));
   plain.addObjectProperty("a", number(2));
   EXPECT_EQ(summary(plain), "0 \"_result\" 0 Null, 1");
+  terse.setStatus("error", "Code", "", nullptr);
+  EXPECT_EQ(describe(terse.arg(0)), "Object[6]{level: \"error\", code: \"Code\"}");
+  full.setStatus("error", "Code", "Why", "");
+  EXPECT_EQ(describe(full.arg(0)),
+            "Object[6]{level: \"error\", code: \"Code\", description: \"Why\", details: \"\"}");
 }
 
 TEST(KTCommand, messages) {
@@ -127,7 +110,7 @@ TEST(KTCommand, messages) {
     const KTMessagePtr message = row.data ? command.toDataMessage() : command.toCommandMessage();
     EXPECT_EQ(message->type(), row.type);
     EXPECT_EQ(message->streamId(), 0U);
-    EXPECT_EQ(payloadOf(message), hexOf(bytesOf(row.payload)));
+    EXPECT_EQ(hexOf(bytesIn(*message)), hexOf(bytesOf(row.payload)));
   }
 }
 
@@ -144,19 +127,22 @@ TEST(KTCommand, aCommandThatNoMessageCanCarryGivesNone) {
 // Memory fails at each place once: what comes out is whole values, or the allocator's exception.
 TEST(KTCommand, survivesFailedAllocations) {
   const Bytes payload = bytesOf(
-      "02 0001'a' 03 0001'b' 02 0001'c' 0001'd' 0A 00000001 05 0001'e' 11 0B 03'x' 0001'f' 20 00000001 07 "
-      "000009");
+      "02 0001'a' 03 0001'b' 02 0001'c' 0001'd' 0A 00000002 05 02 012C 'x'(300) 0001'e' 11 0B 03'x' "
+      "0001'f' 20 00000001 07 0001'g' 02 012C 'x'(300) 000009");
+  const std::string whole = summary(commandOf(18, payload, true));
   bool fired = true;
   for (std::size_t n = 1; fired; ++n) {
     HeapWatch heap;
     heap.failAt(n);
     try {
-      const KTCommand read(18, payload.data(), static_cast<u32>(payload.size()), false);
+      const KTCommand read = commandOf(18, payload);
       const KTMessagePtr message = KTCommand(read).toDataMessage();
       EXPECT_FALSE(KTCommand(message.get(), true).failed());
+      fired = !heap.failurePending();
+      heap.failAt(0);
+      EXPECT_TRUE(read.failed() || summary(read) == whole);
     } catch (const std::bad_alloc&) {
     }
-    fired = !heap.failurePending();
     EXPECT_EQ(heap->live, 0U) << n;
   }
 }

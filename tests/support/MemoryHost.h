@@ -6,7 +6,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 
 #include "support/FileImage.h"
 #include "support/TestContext.h"
@@ -49,7 +48,6 @@ class MemoryHost final : public TestContext, public IFileService {
   void remove(const std::string& path) { files_.erase(path); }
   bool exists(const std::string& path) const { return files_.contains(path); }
   File& file(const std::string& path) { return *files_.at(path); }
-  const std::set<std::string>& directories() const { return directories_; }
 
   i64 clock = 1'000'000;
   i64 clockStep = 1;  // 0: changes that no reader can notice.
@@ -97,7 +95,6 @@ class MemoryHost final : public TestContext, public IFileService {
 
   std::recursive_mutex mutex_;
   std::map<std::string, FilePtr> files_;
-  std::set<std::string> directories_;
   std::map<int, Descriptor> open_;
   u32 misuses_ = 0;
   u32 faultIn_ = 0;  // Matching calls until the fault; 0: none is set.

@@ -14,12 +14,8 @@ Module::~Module() {
   dlclose(library_);
 }
 
-void* Module::symbol(const char* name) const {
-  return dlsym(library_, name);
-}
-
 std::unique_ptr<IQVStreamAdaptor> Module::create(IQVStreamContext& context) const {
-  const auto factory = reinterpret_cast<decltype(&IQVCreateAdaptor)>(symbol("IQVCreateAdaptor"));
+  const auto factory = reinterpret_cast<decltype(&IQVCreateAdaptor)>(dlsym(library_, "IQVCreateAdaptor"));
   IQVStreamAdaptor* adaptor = nullptr;
   if (!factory || factory(&context, &adaptor) != 1) throw std::runtime_error("no adaptor");
   return std::unique_ptr<IQVStreamAdaptor>(adaptor);

@@ -19,7 +19,6 @@ class Module {
   Module& operator=(const Module&) = delete;
   ~Module();
   std::unique_ptr<IQVStreamAdaptor> create(IQVStreamContext& context) const;
-  void* symbol(const char* name) const;
 
  private:
   void* library_;
