@@ -1,22 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
-#include <vector>
 
 #include "platform/CriticalSection.h"
 #include "platform/Event.h"
-#include "platform/Thread.h"
-#include "platform/ThreadLocal.h"
+#include "support/Threads.h"
 
 namespace orv::platform {
 namespace {
 
-template <class Body>
-void onThreads(int count, Body body) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
-  for (auto& thread : threads) thread.join();
-}
+using test::onThreads;
 
 TEST(CriticalSection, isRecursiveAndKnowsItsThread) {
   CriticalSection section;
@@ -63,7 +57,7 @@ TEST(Event, givesEachSignalToOneWaiter) {
   constexpr int kWaiters = 3, kSignals = 3000;
   Event event, taken;
   std::atomic<int> left{kSignals};
-  std::thread signaller([&] {
+  const std::jthread signaller([&] {
     for (int i = 0; i < kSignals; ++i) {
       event.signal();
       taken.wait();
@@ -76,49 +70,7 @@ TEST(Event, givesEachSignalToOneWaiter) {
       taken.signal();
     }
   });
-  signaller.join();
   EXPECT_EQ(0, left);
-}
-
-TEST(ThreadLocal, keepsAPointerForEachThreadUntilTheIndexGoesBack) {
-  ThreadLocal local;
-  EXPECT_EQ(nullptr, local.get());
-  onThreads(4, [&](int) {
-    int mine = 0;
-    EXPECT_EQ(nullptr, local.get());
-    EXPECT_TRUE(local.set(&mine));
-    EXPECT_EQ(&mine, local.get());
-  });
-  int value = 0;
-  for (int round = 0; round < 2000; ++round) {  // More often than the system has indexes.
-    ASSERT_TRUE(local.set(&value));
-    ASSERT_EQ(&value, local.get());
-    local.giveBack();
-    ASSERT_EQ(nullptr, local.get());
-  }
-}
-
-TEST(Thread, startsWithTheNumberThatItKnowsItselfBy) {
-  struct Call {
-    Event go, done;
-    ThreadId seen = 0;
-  } call;
-  const ThreadId started = startThread(
-      [](void* raw) -> u32 {
-        auto& mine = *static_cast<Call*>(raw);
-        mine.go.wait();
-        mine.seen = currentThreadId();
-        mine.done.signal();
-        return 0;
-      },
-      &call);
-  ASSERT_NE(0u, started);
-  EXPECT_NE(currentThreadId(), started);
-  EXPECT_FALSE(threadHasEnded(started));
-  call.go.signal();
-  call.done.wait();
-  EXPECT_EQ(started, call.seen);
-  while (!threadHasEnded(started)) yieldThread();
 }
 
 }  // namespace

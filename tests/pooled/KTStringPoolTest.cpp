@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <thread>
-#include <vector>
 
+#include "support/Threads.h"
 #include "util/KTWideString.h"
 
 namespace {
@@ -70,27 +70,22 @@ TEST(KTStringPool, countsAndSweeps) {
 TEST(KTStringPool, holdsUnderContention) {
   pool().sweep();
   const u64 before = pool().counts<char>(2).hits + pool().counts<char>(2).misses;
-  constexpr u64 kRounds = 4000;
-  constexpr u64 kUsers = 3;
+  constexpr int kUsers = 3, kRounds = 4000;
   std::atomic<bool> done{false};
-  std::vector<std::thread> users(kUsers);
-  for (u64 t = 0; t < kUsers; ++t) {
-    users[t] = std::thread([t] {
-      for (u64 i = 0; i < kRounds; ++i) {
-        const char text[] = {'k', static_cast<char>('a' + (i + t) % 3), 0};
-        const KTString first(text), second(text), wideBack(toNarrow(toWide(first)));
-        if (first.c_str() != second.c_str() || first != wideBack || second != text) std::abort();
-      }
-    });
-  }
   std::thread sweeper([&] {
     while (!done) pool().sweep();
   });
-  for (std::thread& user : users) user.join();
+  orv::test::onThreads(kUsers, [](int user) {
+    for (int i = 0; i < kRounds; ++i) {
+      const char text[] = {'k', static_cast<char>('a' + (i + user) % 3), 0};
+      const KTString first(text), second(text), wideBack(toNarrow(toWide(first)));
+      if (first.c_str() != second.c_str() || first != wideBack || second != text) std::abort();
+    }
+  });
   done = true;
   sweeper.join();
   const KTStringPoolCounts counts = pool().counts<char>(2);
-  EXPECT_EQ(before + 3 * kUsers * kRounds, counts.hits + counts.misses);
+  EXPECT_EQ(before + u64{3} * kUsers * kRounds, counts.hits + counts.misses);
   pool().sweep();
   EXPECT_EQ(0u, pool().counts<char>(2).pooledCharacters);
 }

@@ -3,18 +3,31 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "support/Threads.h"
 #include "util/KTThrowable.h"
-#include "util/Witness.h"
 
 namespace {
+
+// Notes the calls that reach it: "+" and "-" for its count, "~" for its end.
+class Witness : public KTObject {
+ public:
+  Witness(char name, std::string& log) : name_(name), log_(log) {}
+  ~Witness() override { note('~'); }
+  i32 addRef() override { return note('+'), KTObject::addRef(); }
+  i32 release() override { return note('-'), KTObject::release(); }
+
+ private:
+  void note(char call) { log_ += {call, name_, ' '}; }
+
+  const char name_;
+  std::string& log_;
+};
 
 TEST(KTPtr, callsOnlyWhenOwnershipChanges) {
   std::string log;
   {
-    KTPtr<Witness> a(new Witness("a", log)), b(new Witness("b", log)), none(nullptr);
+    KTPtr<Witness> a(new Witness('a', log)), b(new Witness('b', log)), none(nullptr);
     log.clear();
     const KTPtr<Witness>& self = a;
     a = self;
@@ -34,75 +47,25 @@ TEST(KTPtr, callsOnlyWhenOwnershipChanges) {
 }
 
 TEST(KTObject, releaseGivesZeroWhenItDestroys) {
-  std::string log;
-  Witness* const object = new Witness("o", log);
-  EXPECT_EQ(0, object->getRefCount());
+  auto* const object = new KTObject;
   EXPECT_EQ(1, object->addRef());
   EXPECT_EQ(2, object->addRef());
   EXPECT_EQ(1, object->release());
-  EXPECT_TRUE(object->self() == object && object->queryTrue(0));
   EXPECT_EQ(0, object->release());
-  EXPECT_EQ("+o +o -o -o ~o ", log);
 }
 
 TEST(KTPtr, countsHoldUnderContention) {
-  std::string log;
   const KTPtr<KTMemory> shared(new KTMemory(8, nullptr));
-  std::vector<std::thread> threads(4);
-  for (std::thread& thread : threads) {
-    thread = std::thread([shared] {
-      KTPtr<KTMemory> mine;
-      for (int i = 0; i < 20000; ++i) {
-        mine = shared;
-        mine->length.increment();
-        mine = nullptr;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  orv::test::onThreads(4, [shared](int) {
+    KTPtr<KTMemory> mine;
+    for (int i = 0; i < 20000; ++i) {
+      mine = shared;
+      mine->length.increment();
+      mine = nullptr;
+    }
+  });
   EXPECT_EQ(80000, shared->length.read());
-  threads.clear();
   EXPECT_EQ(1, shared->getRefCount());
-}
-
-// Keeps the last block that came home and hands it out again.
-class OneBlockPool : public KTPoolSide<KTMemory> {
- public:
-  KTMemory* acquire(u32 size) override {
-    KTMemory* const block = home ? home : new KTMemory(size, this);
-    home = nullptr;
-    return block;
-  }
-  void recycle(KTMemory* block) override {
-    ++recycled;
-    home = block;
-  }
-  ~OneBlockPool() {
-    if (home) home->release();
-  }
-
-  KTMemory* home = nullptr;
-  int recycled = 0;
-};
-
-TEST(KTMemory, pooledBlockGoesHomeWhenOnlyThePoolHoldsIt) {
-  OneBlockPool pool;
-  KTMemory* block = nullptr;
-  for (u32 round = 1; round <= 2; ++round) {
-    KTMemoryPtr user(16, &pool);
-    EXPECT_TRUE(!block || block == user.get());
-    block = user.get();
-    EXPECT_EQ(2, block->getRefCount());
-    block->addRef();
-    EXPECT_EQ(2, block->release());
-    user = nullptr;
-    EXPECT_EQ(block, pool.home);
-    EXPECT_EQ(1, block->getRefCount());
-    EXPECT_EQ(round, block->recycleCount);
-  }
-  pool.home = nullptr;
-  EXPECT_EQ(0, block->release());  // By the pool itself: destroyed, and not handed to it once more.
-  EXPECT_EQ(2, pool.recycled);
 }
 
 TEST(KTMemory, reserveKeepsWhatIsEnoughAndNoMore) {
@@ -125,11 +88,9 @@ TEST(KTMemory, reserveKeepsWhatIsEnoughAndNoMore) {
 }
 
 TEST(KTBuffer, appendsWhatFits) {
-  KTBuffer empty;
-  EXPECT_TRUE(!empty.memory.get() && !empty.data && empty.size == 0);
-  EXPECT_EQ(0u, empty.append("x", 1));
-
-  KTBuffer buffer(5, nullptr);
+  KTBuffer buffer;
+  EXPECT_EQ(0u, buffer.append("x", 1));
+  buffer = KTBuffer(5, nullptr);
   EXPECT_EQ(3u, buffer.append("abc", 3));
   EXPECT_EQ(2u, buffer.append("defg", 4));
   EXPECT_EQ(0u, buffer.append("h", 1));
@@ -137,7 +98,6 @@ TEST(KTBuffer, appendsWhatFits) {
 
   const KTMemoryPtr block = buffer.memory;
   buffer.assign(block, 1, 4);
-  EXPECT_EQ(2, block->getRefCount());
   EXPECT_TRUE(buffer.data == block->data && buffer.size == 5 && buffer.begin == 1 && buffer.end == 4);
   buffer.assign(block, 7, 9);  // Breaks the rule, is stored all the same, and writes nowhere.
   EXPECT_EQ(9u, buffer.end);
@@ -161,19 +121,12 @@ TEST(KTBuffer, readsLengthPrefixedRuns) {
 }
 
 TEST(KTThrowable, isCaughtByClass) {
-  try {
-    throw KTBreakConnection();
-  } catch (const KTException& error) {
-    EXPECT_EQ(0xC0000405, dynamic_cast<const KTBreakConnection&>(error).code);
-    EXPECT_TRUE(error.message.empty());
-  }
-  EXPECT_THROW(throw KTOutOfMemory(), KTThrowable);
-  EXPECT_EQ(KTException(u"why").message, u"why");
+  EXPECT_EQ(0xC0000405, KTBreakConnection().code);
+  EXPECT_THROW(throw KTBreakConnection(), KTException);
 }
 
 TEST(KTThrowable, aFailedCheckGoesOn) {
-  for (const char* path : {"/home/x/src/util/A.cpp", "no-folder.cpp", "", static_cast<const char*>(nullptr)})
-    assertFailed(path, 1);
+  assertFailed(nullptr, 1);
   EXPECT_STREQ("src/util/A.cpp", orv::util::projectPath("/src/x/src/util/A.cpp"));
   EXPECT_STREQ("src/util/A.cpp", orv::util::projectPath("src/util/A.cpp"));
   EXPECT_STREQ("A.cpp", orv::util::projectPath("A.cpp"));

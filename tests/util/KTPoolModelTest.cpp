@@ -1,79 +1,53 @@
-// A pool driven by random operations on several threads, one at a time, beside a plain model of its rules.
+// A pool driven by random operations of several threads, beside a plain model of its rules.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <deque>
-#include <functional>
 #include <map>
-#include <memory>
-#include <random>
-#include <thread>
-#include <vector>
+#include <new>
 
-#include "platform/Event.h"
+#include "support/HeapWatch.h"
+#include "support/Random.h"
 #include "util/KTPool.h"
 
 namespace {
 
-// An entry that can be told from every other.
-struct Numbered : KTObject {
-  explicit Numbered(KTPoolSide<Numbered>* owner) : pool(owner) { addRef(); }
-  ~Numbered() override { --alive; }
-  i32 release() override {
-    const i32 count = refCount_.decrement();
-    if (count < 1) return delete this, 0;
-    if (count == 1) pool->recycle(this);
-    return count;
-  }
+using orv::test::HeapWatch;
 
-  static inline int made = 0, alive = 0, failing = -1;  // `failing`: makes that succeed before one throws.
-  const int number = made++;
-  u32 capacity = 0;
-  KTPoolSide<Numbered>* const pool;
-  Numbered* nextFree = nullptr;
-};
+// What a block costs and a hit counts beside the bytes.
+constexpr u32 kOverhead = sizeof(KTMemory);
 
-constexpr u32 kOverhead = 10;
-
-}  // namespace
-
-template <>
-struct KTPoolTraits<Numbered> {
-  static constexpr u32 kHitOverhead = 3;
-  static void mayFail() {
-    if (Numbered::failing >= 0 && Numbered::failing-- == 0) throw std::bad_alloc();
-  }
-  static Numbered* make(KTPoolSide<Numbered>* pool) {
-    mayFail();
-    ++Numbered::alive;
-    return new Numbered(pool);
-  }
-  static u64 cost(const Numbered& entry) { return entry.capacity + kOverhead; }
-  static void prepare(Numbered& entry, u32 size) {
-    if (size <= entry.capacity) return;
-    entry.capacity = 0;  // As a block is left when the new bytes can't be had.
-    mayFail();
-    entry.capacity = size;
-  }
-};
-
-namespace {
-
-using Pool = KTPool<Numbered>;
-
+// A block. Numbers follow the order in which blocks are made.
 struct Item {
   int number;
   u32 capacity;
-  u64 cost() const { return capacity + kOverhead; }
 };
 
-struct OutOfMemory {};
+using List = std::deque<Item>;
 
-// The rules, with lists of numbers in place of entries.
+u64 costOf(const Item& item) {
+  return item.capacity + kOverhead;
+}
+
+KTPoolTally tallyOf(const List& list) {
+  KTPoolTally tally;
+  for (const Item& item : list) tally.add(costOf(item));
+  return tally;
+}
+
+void moveFirst(List& from, List& to, KTPoolTally& moved) {
+  moved.add(costOf(from.front()));
+  to.push_back(from.front());
+  from.pop_front();
+}
+
+// The rules, with lists of numbers in place of blocks.
 struct Model {
   struct Thread {
     bool hasCache = false;
-    std::deque<Item> list;
+    List list;
+    KTPoolTally told;  // What the pool believes the list to hold.
     i32 outstanding = 0;
     KTPoolStats stats;
   };
@@ -81,29 +55,45 @@ struct Model {
   explicit Model(const KTPoolSettings& s) : settings(s) { updateMarks(); }
 
   void updateMarks() {
-    c.averageSize = settings.maxEntrySize;
-    if (c.taken.count > 0 && c.taken.bytes / c.taken.count > 0) {
-      c.averageSize = static_cast<u32>(c.taken.bytes / c.taken.count);
-    }
+    const u64 average = c.taken.count > 0 ? c.taken.bytes / c.taken.count : 0;
+    c.averageSize = average > 0 ? static_cast<u32>(average) : settings.maxEntrySize;
     const u32 limit = std::min(settings.maxEntries, settings.maxBytes / c.averageSize);
     const u32 threads = c.cacheCount > 1 ? c.cacheCount : 1;
     low = ((settings.lowShare * limit) >> 10) / threads;
     high = limit / threads;
-    for (; free.size() > limit; free.pop_front()) {
-      c.free.subtract(free.front().cost());
-      c.destroy.add(free.front().cost());
-      --alive;
-    }
+    for (; free.size() > limit; free.pop_front()) c.destroy.add(costOf(free.front()));
+    c.free = tallyOf(free);
+  }
+
+  void mayFail() {
+    if (failing >= 0 && failing-- == 0) throw std::bad_alloc();
+  }
+
+  void makeFit(Item& item, u32 size) {
+    if (size <= item.capacity) return;
+    item.capacity = 0;  // As a block is left when the new bytes can't be had.
+    mayFail();
+    item.capacity = size;
+  }
+
+  void tell(Thread& t) {
+    c.totals.cached -= t.told;
+    t.told = tallyOf(t.list);
+    c.totals.cached += t.told;
+    c.free = tallyOf(free);
   }
 
   void merge(Thread& t) {
     c.totals += t.stats;
     t.stats = {};
+    tell(t);
     updateMarks();
   }
 
-  void mayFail() {
-    if (failing >= 0 && failing-- == 0) throw OutOfMemory();
+  void giveBack(Thread& t) {
+    merge(t);
+    while (!t.list.empty()) moveFirst(t.list, free, c.returned);
+    tell(t);
   }
 
   // First all objects, then the bytes of each.
@@ -111,37 +101,20 @@ struct Model {
     int next = made;
     for (u32 left = number; left > 0; --left, ++made) mayFail();
     for (;; ++next) {
-      if (size > 0) mayFail();
-      ++alive;
-      const Item item{next, size};
-      if (t) t->stats.alloc.add(item.cost());
+      Item item{next, 0};
+      makeFit(item, size);
+      if (t) t->stats.alloc.add(costOf(item));
       if (next == made - 1) return item;
-      append(*t, item);
+      t->list.push_back(item);
     }
   }
 
   Item hit(Thread& t, u32 size) {
-    Item& head = t.list.front();
-    t.stats.cached.subtract(head.cost());
-    if (size > head.capacity) {
-      head.capacity = 0;
-      try {
-        mayFail();
-      } catch (const OutOfMemory&) {
-        t.stats.cached.add(head.cost());
-        throw;
-      }
-      head.capacity = size;
-    }
-    t.stats.hits.add(u64{size} + 3);
-    const Item item = head;
+    makeFit(t.list.front(), size);
+    t.stats.hits.add(u64{size} + kOverhead);
+    const Item item = t.list.front();
     t.list.pop_front();
     return item;
-  }
-
-  void append(Thread& t, const Item& item) {
-    t.list.push_back(item);
-    t.stats.cached.add(item.cost());
   }
 
   void makeCache(Thread& t) {
@@ -151,61 +124,41 @@ struct Model {
 
   Item acquire(Thread& t, u32 size) {
     makeCache(t);
-    const u32 lowNow = low, highNow = high;
     if (size > settings.maxEntrySize) {
       const Item item = make(size, 1, &t);
-      t.stats.oversizeAlloc.add(item.cost());
+      t.stats.oversizeAlloc.add(costOf(item));
       return item;
     }
-    ++t.outstanding;
-    try {
-      if (!t.list.empty()) {
-        const Item item = hit(t, size);
-        if (t.stats.hits.count > settings.syncInterval) merge(t);
-        return item;
-      }
-      const u32 want = t.outstanding > 0 ? static_cast<u32>(t.outstanding) * 2 : lowNow;
-      const u32 take = std::min(want, highNow);
+    const i64 outstanding = t.outstanding + 1;
+    Item item{};
+    if (!t.list.empty()) {
+      item = hit(t, size);
+      if (t.stats.hits.count > settings.syncInterval) merge(t);
+    } else {
+      const u32 want = outstanding > 0 ? static_cast<u32>(outstanding) * 2 : low;
+      const u32 take = std::min(want, high);
       merge(t);
-      for (u32 moved = 0; moved < take && !free.empty(); ++moved, free.pop_front()) {
-        t.list.push_back(free.front());
-        c.free.subtract(free.front().cost());
-        c.totals.cached.add(free.front().cost());
-        c.taken.add(free.front().cost());
-      }
-      if (!t.list.empty()) return hit(t, size);
-      return make(size, std::max(take, 1u), &t);
-    } catch (const OutOfMemory&) {
-      --t.outstanding;
-      throw;
+      for (u32 left = take; left > 0 && !free.empty(); --left) moveFirst(free, t.list, c.taken);
+      tell(t);
+      item = t.list.empty() ? make(size, std::max(take, 1u), &t) : hit(t, size);
     }
+    ++t.outstanding;
+    return item;
   }
 
   void recycle(Thread& t, const Item& item) {
     makeCache(t);
-    const u32 highNow = high;
-    if (item.cost() > settings.maxEntrySize) {
-      t.stats.oversizeFree.add(item.cost());
-      t.stats.destroy.add(item.cost());
-      --alive;
+    if (costOf(item) > settings.maxEntrySize) {
+      t.stats.oversizeFree.add(costOf(item));
+      t.stats.destroy.add(costOf(item));
       return;
     }
     --t.outstanding;
-    append(t, item);
-    if (t.list.size() > highNow) {
+    t.list.push_back(item);
+    if (t.list.size() > high) {
       giveBack(t);
     } else if (t.stats.hits.count > settings.syncInterval) {
       merge(t);
-    }
-  }
-
-  void giveBack(Thread& t) {
-    merge(t);
-    for (; !t.list.empty(); t.list.pop_front()) {
-      free.push_back(t.list.front());
-      c.totals.cached.subtract(free.back().cost());
-      c.returned.add(free.back().cost());
-      c.free.add(free.back().cost());
     }
   }
 
@@ -219,131 +172,111 @@ struct Model {
   // A thread whose slot another pool has.
   Item acquireDirectly(u32 size) {
     const Item item = make(size, 1, nullptr);
-    c.directAlloc.add(item.cost());
-    if (item.cost() > settings.maxEntrySize) c.oversizeAlloc.add(item.cost());
+    c.directAlloc.add(costOf(item));
+    if (costOf(item) > settings.maxEntrySize) c.oversizeAlloc.add(costOf(item));
     return item;
   }
   void recycleDirectly(const Item& item) {
-    c.destroy.add(item.cost());
-    if (item.cost() > settings.maxEntrySize) c.oversizeFree.add(item.cost());
-    --alive;
+    if (costOf(item) > settings.maxEntrySize) c.oversizeFree.add(costOf(item));
+    c.destroy.add(costOf(item));
   }
 
   const KTPoolSettings settings;
   KTPoolCounters c;
   u32 low = 0, high = 0;
-  std::deque<Item> free;
-  int made = 0, alive = 0, failing = -1;
+  List free;
+  int made = 0;
+  int failing = -1;  // The allocations that succeed before one throws.
 };
 
-// A thread that does what it is told, while the test waits.
+// A thread as the pool sees one: slots of its own.
 class Hand {
  public:
   ~Hand() { end(); }
 
-  void run(const std::function<void()>& work) {
-    if (!thread_.joinable()) thread_ = std::thread([this] { loop(); });
-    work_ = &work;
-    asked_.signal();
-    done_.wait();
+  template <class Action>
+  void run(Action action) {
+    void* const callers = threadSlots_.get();
+    threadSlots_.set(slots_);
+    action();
+    slots_ = threadSlots_.get();
+    threadSlots_.set(callers);
   }
-
-  // The thread tears its slots down and ends; the next `run` starts another one.
-  void end() {
-    if (!thread_.joinable()) return;
-    work_ = nullptr;
-    asked_.signal();
-    thread_.join();
-  }
+  void end() { run(slotsTearDown); }
 
  private:
-  void loop() {
-    for (;;) {
-      asked_.wait();
-      if (!work_) break;
-      (*work_)();
-      done_.signal();
-    }
-    slotsTearDown();
-  }
-
-  std::thread thread_;
-  const std::function<void()>* work_ = nullptr;
-  orv::platform::Event asked_, done_;
+  static inline orv::platform::ThreadLocal& threadSlots_ = orv::util::hidden::slotsOfThread;
+  void* slots_ = nullptr;
 };
 
-constexpr int kHands = 4;  // The last one never gets a cache.
+constexpr u32 kHands = 4;  // The last one never gets a cache.
 
-void compare(const KTPoolSettings& settings, u32 seed) {
-  Numbered::made = 0;
-  auto pool = std::make_unique<Pool>(settings);
-  Pool other(settings);
+void compare(const KTPoolSettings& settings, u32 seed, HeapWatch& heap) {
+  KTPool<KTMemory> pool(settings), other(settings);
   Model model(settings);
   Model::Thread threads[kHands];
-  std::map<int, Numbered*> live;
+  std::map<int, KTMemory*> known, live;  // By the model's numbers: every block so far, and what is in use.
   Hand hands[kHands];
-  std::mt19937 random(seed);
-  const auto pick = [&](u32 bound) { return static_cast<u32>(random() % bound); };
+  orv::test::Random random(seed);
+  hands[kHands - 1].run([&] { other.threadCache(); });
 
-  for (int step = 0; step < 4000; ++step) {
-    const u32 who = pick(kHands);
+  for (u32 step = 0; step < 4000; ++step) {
+    const u32 who = random.below(kHands);
     const bool direct = who == kHands - 1;
     Model::Thread& thread = threads[who];
-    const u32 phase = static_cast<u32>(step) / 500 % 2;  // Mostly taking, then mostly releasing.
-    const u32 action = pick(100);
-    if (direct) hands[who].run([&] { other.threadCache(); });
-    if (action < 2) {
+    const u32 takes = step / 500 % 2 ? 35 : 65;  // Percent: mostly taking, then mostly releasing.
+    if (!direct && random.oneIn(50)) {
       hands[who].end();
       model.end(thread);
-    } else if (action < (phase ? 35u : 65u) || live.empty()) {
-      const u32 size =
-          pick(10) == 0 ? settings.maxEntrySize - kOverhead + pick(2 * kOverhead + 2) : pick(200);
-      Numbered::failing = model.failing = pick(20) == 0 ? static_cast<int>(pick(4)) : -1;
-      Numbered* got = nullptr;
+    } else if (random.below(100) < takes || live.empty()) {
+      const u32 border = settings.maxEntrySize - kOverhead;
+      const u32 size = random.oneIn(10) ? border + random.below(2 * kOverhead) : random.below(200);
+      model.failing = random.oneIn(20) ? static_cast<int>(random.below(4)) : -1;
+      KTMemory* got = nullptr;
       hands[who].run([&] {
+        pool.threadCache();
+        heap.failAt(static_cast<u32>(model.failing + 1));
         try {
-          got = pool->acquire(size);
+          got = pool.acquire(size);
           got->addRef();
         } catch (const std::bad_alloc&) {
         }
+        heap.failAt(0);
       });
       try {
         const Item wanted = direct ? model.acquireDirectly(size) : model.acquire(thread, size);
         ASSERT_NE(nullptr, got) << step;
-        ASSERT_EQ(wanted.number, got->number) << step;
+        ASSERT_EQ(got, known.try_emplace(wanted.number, got).first->second) << step;
         ASSERT_EQ(wanted.capacity, got->capacity) << step;
         ASSERT_EQ(2, got->getRefCount());
         ASSERT_EQ(nullptr, got->nextFree);
-        live[got->number] = got;
-      } catch (const OutOfMemory&) {
+        ASSERT_EQ(0, got->length.read() | got->writeOffset.read());
+        live[wanted.number] = got;
+        got->length.store(1);
+        got->writeOffset.store(1);
+      } catch (const std::bad_alloc&) {
         ASSERT_EQ(nullptr, got) << step;
       }
-      Numbered::failing = model.failing = -1;
+      model.failing = -1;
     } else {
-      const auto chosen = std::next(live.begin(), pick(static_cast<u32>(live.size())));
+      const auto chosen = std::next(live.begin(), random.below(static_cast<u32>(live.size())));
       const Item item{chosen->first, chosen->second->capacity};
       hands[who].run([&] { chosen->second->release(); });
       direct ? model.recycleDirectly(item) : model.recycle(thread, item);
       live.erase(chosen);
     }
-    ASSERT_EQ(model.c, pool->counters()) << step;
-    ASSERT_EQ(model.low, pool->lowMark()) << step;
-    ASSERT_EQ(model.high, pool->highMark()) << step;
-    ASSERT_EQ(model.alive, Numbered::alive) << step;
+    ASSERT_EQ(model.c, pool.counters()) << step;
+    ASSERT_EQ(model.low, pool.lowMark());
+    ASSERT_EQ(model.high, pool.highMark());
     if (!thread.hasCache) continue;
     hands[who].run([&] {
-      EXPECT_EQ(thread.outstanding, pool->threadCache()->outstanding());
-      EXPECT_EQ(thread.list.size(), pool->threadCache()->count());
+      EXPECT_EQ(thread.outstanding, pool.threadCache()->outstanding());
+      EXPECT_EQ(thread.list.size(), pool.threadCache()->count());
     });
   }
   for (const auto& entry : live) hands[0].run([&] { entry.second->release(); });
   for (Hand& hand : hands) hand.end();
-  const KTPoolCounters end = pool->counters();
-  EXPECT_EQ(KTPoolTally{}, end.totals.cached);
-  EXPECT_EQ(end.free.count + end.totals.destroy.count + end.destroy.count,
-            end.totals.alloc.count + end.directAlloc.count);
-  pool.reset();
-  EXPECT_EQ(0, Numbered::alive);
+  EXPECT_EQ(KTPoolTally{}, pool.counters().totals.cached);
 }
 
 TEST(KTPoolModel, agreesOverRandomOperations) {
@@ -351,18 +284,20 @@ TEST(KTPoolModel, agreesOverRandomOperations) {
     const char* name;
     KTPoolSettings settings;
   } kCases[] = {
-      {"roomy", {2, 250, 200, 40'000, 256, 20}},
-      {"few entries", {2, 250, 9, 40'000, 512, 5}},
-      {"few bytes", {2, 250, 200, 1'500, 300, 3}},
-      {"no room at all", {2, 250, 0, 40'000, 1024, 4}},
-      {"one entry", {2, 250, 3, 400, 1024, 0}},
-      {"share that wraps", {2, 250, 200, 40'000, 0xFFFFFFFF, 50}},
+      {"roomy", {2, 340, 200, 60'000, 256, 20}},
+      {"few entries", {2, 340, 9, 60'000, 512, 5}},
+      {"few bytes", {2, 340, 200, 2'600, 300, 3}},
+      {"no room at all", {2, 340, 0, 60'000, 1024, 4}},
+      {"one entry", {2, 340, 3, 600, 1024, 0}},
+      {"share that wraps", {2, 340, 200, 60'000, 0xFFFFFFFF, 50}},
   };
   for (const auto& c : kCases) {
     for (u32 seed = 1; seed <= 3; ++seed) {
       SCOPED_TRACE(testing::Message() << c.name << ", seed " << seed);
-      compare(c.settings, seed);
+      HeapWatch heap;
+      compare(c.settings, seed, heap);
       if (HasFatalFailure()) return;
+      EXPECT_EQ(0u, heap->live);
     }
   }
 }

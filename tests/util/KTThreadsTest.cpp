@@ -2,29 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <atomic>
+#include <future>
+#include <latch>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "platform/Thread.h"
-#include "util/Gate.h"
 #include "util/KTFiberMutex.h"
 #include "util/ORVFiberPool.h"
 #include "util/ThreadSlots.h"
+#include "util/Work.h"
 
 namespace {
 
-using Work = std::function<void()>;
-
-u32 doWork(void* work) {
-  (*static_cast<Work*>(work))();
-  return 0;
-}
-
-void awaitThreads() {
-  await([] { return runningThreadCount() == 0; });
-}
+using orv::test::await;
+using orv::test::onThreads;
 
 struct CountingOnce : orv::util::hidden::IOnce {
   void run() override {
@@ -35,20 +28,15 @@ struct CountingOnce : orv::util::hidden::IOnce {
 };
 
 TEST(runOnce, runsOnceForItsFlagOnAllThreads) {
-  static boost::once_flag flag = BOOST_ONCE_INIT;
+  boost::once_flag flag = BOOST_ONCE_INIT;
+  constexpr int kThreads = 8;
   CountingOnce action;
-  Gate gate;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      gate.pass();
-      runOnce(flag, action);
-      EXPECT_EQ(1, action.runs);  // Done when any call returns.
-    });
-  }
-  gate.open();
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(1, action.runs);
+  std::latch together(kThreads);
+  onThreads(kThreads, [&](int) {
+    together.arrive_and_wait();
+    runOnce(flag, action);
+    EXPECT_EQ(1, action.runs);  // Done when any call returns.
+  });
 }
 
 KTThread* worker() {
@@ -56,68 +44,54 @@ KTThread* worker() {
 }
 
 TEST(startThread, givesTheThreadAWorkerThatTheLibraryFindsById) {
-  Gate valuesSet;
+  std::latch enrolled(1), valuesSet(1);
   Work work = [&] {
+    enrolled.count_down();
     ASSERT_NE(nullptr, worker());
     EXPECT_EQ(kWorkerThread, worker()->workerType());
     EXPECT_EQ(orv::platform::currentThreadId(), worker()->threadId);
     EXPECT_EQ(orv::platform::currentProcessId(), worker()->processId);
-    EXPECT_EQ(nullptr, ORVFiber::current());
     EXPECT_EQ(1u, runningThreadCount());
-    valuesSet.pass();
+    valuesSet.wait();
     EXPECT_EQ(17u, worker()->userValue1);
     EXPECT_EQ(4u, worker()->userValue2);
   };
   setUserValues(1, 2, 3);  // Nobody's.
   const u32 id = startThread(doWork, &work, 0);
   ASSERT_NE(0u, id);
-  await([] { return runningThreadCount() == 1; });
+  enrolled.wait();
   setUserValues(id + 1, 8, 8);
   setUserValues(id, 17, 4);
-  valuesSet.open();
+  valuesSet.count_down();
   awaitThreads();
 }
 
-TEST(startThread, runsOnAFiberWhereAskedAndAllowed) {
-  for (const bool allowed : {true, false}) {
-    for (const u32 options : {0u, kThreadWithFiber}) {
-      setThreadFibers(allowed);
-      Gate done;
-      bool onFiber = !allowed;
-      Work work = [&] {
-        onFiber = ORVFiber::current() != nullptr;
-        done.open();
-      };
-      ASSERT_NE(0u, startThread(doWork, &work, options));
-      done.pass();
-      EXPECT_EQ(allowed && options == kThreadWithFiber, onFiber);
-    }
-  }
+// The fiber on which a new thread runs `work`; null for none.
+ORVFiber* fiberOfNewThread(
+    u32 options, const Work& work = [] {}) {
+  const u32 running = runningThreadCount();
+  std::promise<ORVFiber*> fiber;
+  Work call = [&] {
+    work();
+    fiber.set_value(ORVFiber::current());
+  };
+  EXPECT_NE(0u, startThread(doWork, &call, options));
+  ORVFiber* const found = fiber.get_future().get();
+  awaitThreads(running);
+  return found;
+}
+
+TEST(startThread, runsOnAFiberWhereAskedAndAllowedAndToBeHad) {
+  EXPECT_EQ(nullptr, fiberOfNewThread(0));
+  EXPECT_NE(nullptr, fiberOfNewThread(kThreadWithFiber));
+  setThreadFibers(false);
+  EXPECT_EQ(nullptr, fiberOfNewThread(kThreadWithFiber));
   setThreadFibers(true);
-  awaitThreads();
-}
 
-TEST(startThread, takesItsFiberFromThePoolAndRunsDirectlyWhenThatHasNone) {
   ORVFiberPool pool(1);
   fiberPool = &pool;
-  Gate taken, done;
-  ORVFiber* first = nullptr;
-  ORVFiber* second = nullptr;
-  Work inner = [&] {
-    second = ORVFiber::current();
-    done.open();
-  };
-  Work outer = [&] {
-    first = ORVFiber::current();
-    ASSERT_NE(0u, startThread(doWork, &inner, kThreadWithFiber));
-    done.pass();
-    taken.open();
-  };
-  ASSERT_NE(0u, startThread(doWork, &outer, kThreadWithFiber));
-  taken.pass();
-  awaitThreads();
-  EXPECT_NE(nullptr, first);
-  EXPECT_EQ(nullptr, second);
+  const auto takeOneMore = [] { EXPECT_EQ(nullptr, fiberOfNewThread(kThreadWithFiber)); };
+  EXPECT_NE(nullptr, fiberOfNewThread(kThreadWithFiber, takeOneMore));
   EXPECT_FALSE(pool.stop());
   fiberPool = nullptr;
 }
@@ -145,30 +119,20 @@ TEST(startThread, keepsTheRegistryWhole) {
   std::atomic<int> done{0};
   std::atomic<u32> lastId{0};
   KTFiberMutex mutex;
-  Work work = [&] {
+  const Work work = [&] {
     setUserValues(lastId, 1, 2);
     const KTMutexGuard guard(mutex);
     if (++done % 3 == 0) orv::util::yield();
   };
-  std::vector<std::thread> starters;
-  for (int i = 0; i < kStarters; ++i) {
-    starters.emplace_back([&, i] {
-      std::minstd_rand random(static_cast<u32>(i));
-      for (int n = 0; n < kEach; ++n) {
-        Work* const mine = new Work(work);
-        lastId = startThread(
-            [](void* raw) -> u32 {
-              const std::unique_ptr<Work> owned(static_cast<Work*>(raw));
-              (*owned)();
-              return 0;
-            },
-            mine, random() % 2);
-        EXPECT_NE(0u, lastId);
-      }
-      slotsTearDown();
-    });
-  }
-  for (auto& starter : starters) starter.join();
+  std::vector<Work> works(kStarters * kEach, work);  // The registry tells the threads' owners apart.
+  onThreads(kStarters, [&](int starter) {
+    std::minstd_rand random(static_cast<u32>(starter));
+    for (int n = 0; n < kEach; ++n) {
+      lastId = startThread(doWork, &works[static_cast<std::size_t>(starter * kEach + n)], random() % 2);
+      EXPECT_NE(0u, lastId);
+    }
+    slotsTearDown();
+  });
   await([&] { return done == kStarters * kEach; });
   awaitThreads();
 }

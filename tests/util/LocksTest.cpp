@@ -3,13 +3,15 @@
 #include <atomic>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include "util/Gate.h"
+#include "support/Threads.h"
 #include "util/ORVThreadUtils.h"
 
 namespace {
+
+using orv::test::await;
+using orv::test::onThreads;
+using orv::util::ReadWriteLock;
 
 TEST(KTThreadOnlyMutex, countsTrackedLocksOfTheThreadWhileTrackingIsOn) {
   KTThreadOnlyMutex tracked(true), plain(false);
@@ -22,16 +24,16 @@ TEST(KTThreadOnlyMutex, countsTrackedLocksOfTheThreadWhileTrackingIsOn) {
   {
     const KTMutexGuard one(tracked), two(tracked), three(plain);
     EXPECT_EQ(2u, KTThreadOnlyMutex::trackedDepth());
-    std::thread([] { EXPECT_EQ(0u, KTThreadOnlyMutex::trackedDepth()); }).join();
+    onThreads(1, [](int) { EXPECT_EQ(0u, KTThreadOnlyMutex::trackedDepth()); });
   }
   EXPECT_EQ(0u, KTThreadOnlyMutex::trackedDepth());
   KTThreadOnlyMutex::setTracking(false);
 }
 
-// Notes what a wait does to the mutex that it is given.
+// Notes what is done to it.
 struct NotingMutex : IMutex {
   bool lock() override { return notes += "l", true; }
-  bool unlock() override { return notes += "u", true; }
+  bool unlock() override { return notes += "u ", true; }
   orv::platform::CriticalSection* nativeHandle() override { return nullptr; }
   u32 setSpinCount(u32) override { return 0; }
   std::string notes;
@@ -43,93 +45,56 @@ TEST(KTConditionSignal, tellsHowAWaitEndedAndRetakesTheMutexEitherWay) {
   EXPECT_EQ(2, signal.wait(held, 0));
   EXPECT_EQ(2, signal.wait(held, KTTicks(9'999)));  // Below a millisecond: only a look.
   EXPECT_EQ(2, signal.wait(held, KTTicks(-1)));
-  EXPECT_EQ("ululul", held.notes);
+  EXPECT_EQ("u lu lu l", held.notes);
   signal.signal();
   signal.signal();
   EXPECT_EQ(1, signal.wait(held));
   EXPECT_EQ(2, signal.wait(held, 1));
   signal.signal();
   EXPECT_EQ(1, signal.wait(held, KTTicks(10'000'000)));
-  EXPECT_EQ("ulululululul", held.notes);
+  EXPECT_EQ("u lu lu lu lu lu l", held.notes);
 }
 
-TEST(KTConditionSignal, aWaiterLeavesTheMutexToOthers) {
-  KTThreadOnlyMutex mutex(false);
-  KTConditionSignal signal;
-  const KTMutexGuard guard(mutex);
-  std::thread other([&] {
-    const KTMutexGuard inside(mutex);  // Only while the wait below runs.
-    signal.signal();
-  });
-  EXPECT_EQ(1, signal.wait(mutex));
-  EXPECT_TRUE(mutex.nativeHandle()->isHeldByCaller());
-  other.join();
-}
-
-TEST(ReadWriteLock, letsAllWaitingReadersInAfterTheWriter) {
+TEST(ReadWriteLock, aWaitingWriterGoesBeforeNewReadersAndThenAllOfThemAtOnce) {
   constexpr int kReaders = 6;
-  orv::util::ReadWriteLock lock;
+  ReadWriteLock lock;
   std::atomic<int> inside{0};
-  std::vector<std::thread> readers;
-  lock.lockWrite();
-  for (int i = 0; i < kReaders; ++i) {
-    readers.emplace_back([&] {
+  lock.lockRead();
+  std::jthread writer([&] {
+    lock.lockWrite();
+    EXPECT_EQ(0, inside);
+    lock.unlockWrite();
+  });
+  await([&] { return lock.writersWaitingForTest() == 1; });
+  std::jthread readers([&] {
+    onThreads(kReaders, [&](int) {
       lock.lockRead();
       ++inside;
       await([&] { return inside == kReaders; });  // Each stays until all are in at once.
       lock.unlockRead();
     });
-  }
+  });
   await([&] { return lock.readersWaitingForTest() == kReaders; });
-  EXPECT_EQ(0, inside);
-  lock.unlockWrite();
-  for (auto& reader : readers) reader.join();
-  EXPECT_EQ(kReaders, inside);
-}
-
-TEST(ReadWriteLock, aWaitingWriterGoesBeforeNewReaders) {
-  orv::util::ReadWriteLock lock;
-  std::string order;  // Under the lock.
-  lock.lockRead();
-  std::thread writer([&] {
-    lock.lockWrite();
-    order += 'w';
-    lock.unlockWrite();
-  });
-  await([&] { return lock.writersWaitingForTest() == 1; });
-  std::thread reader([&] {
-    lock.lockRead();
-    order += 'r';
-    lock.unlockRead();
-  });
-  await([&] { return lock.readersWaitingForTest() == 1; });
   lock.unlockRead();
-  writer.join();
-  reader.join();
-  EXPECT_EQ("wr", order);
 }
 
 TEST(ReadWriteLock, keepsReadersAndWritersApartUnderContention) {
   constexpr int kThreads = 4, kRounds = 3000;
-  orv::util::ReadWriteLock lock;
+  ReadWriteLock lock;
   int first = 0, second = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      for (int round = 0; round < kRounds; ++round) {
-        if ((round + i) % 3 == 0) {
-          lock.lockWrite();
-          ++first, ++second;
-          lock.unlockWrite();
-        } else {
-          lock.lockRead();
-          EXPECT_EQ(first, second);
-          lock.unlockRead();
-        }
+  onThreads(kThreads, [&](int i) {
+    for (int round = 0; round < kRounds; ++round) {
+      if ((round + i) % 3 == 0) {
+        lock.lockWrite();
+        ++first, ++second;
+        lock.unlockWrite();
+      } else {
+        lock.lockRead();
+        EXPECT_EQ(first, second);
+        lock.unlockRead();
       }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+    }
+  });
   EXPECT_EQ(kThreads * kRounds / 3, first);
 }
 
@@ -149,14 +114,7 @@ TEST(ActiveObject, tellsTheFirstAndTheLastActivityUnderTheLock) {
   EXPECT_TRUE(object->isActive());
   object->deactivate();
   EXPECT_FALSE(object->isActive());
-  EXPECT_EQ(
-      "l+u"
-      "lu"
-      "lu"
-      "lu"
-      "l-u"
-      "lu",
-      lock.notes);
+  EXPECT_EQ("l+u lu lu lu l-u lu ", lock.notes);
 }
 
 }  // namespace
