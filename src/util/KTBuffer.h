@@ -6,9 +6,9 @@
 
 #include "util/KTObject.h"
 
-// The side of a pool that its entries and their makers see. An entry never owns its pool. A pool keeps its own
-// count of an entry that is with a user untouched: the first user's count comes and goes on that rule without
-// an interlocked instruction.
+// The side of a pool that its entries and their makers see. An entry never owns its pool. A pool keeps its
+// own count of an entry that is with a user untouched: the first user's count comes and goes on that rule
+// without an interlocked instruction.
 template <class Entry>
 class KTPoolSide {
  public:

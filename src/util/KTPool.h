@@ -3,8 +3,8 @@
 //
 // An entry is with its users, on one thread's list or on the pool's. The pool holds one count of it for all
 // its life, so that it comes home when its count falls to 1, on whatever thread that happens. Threads
-// exchange entries with the pool in batches, which follow from what the pool has handed out. A thread that ends
-// without slotsTearDown keeps its list, and its share of the marks, for good.
+// exchange entries with the pool in batches, which follow from what the pool has handed out. A thread that
+// ends without slotsTearDown keeps its list, and its share of the marks, for good.
 
 #pragma once
 
