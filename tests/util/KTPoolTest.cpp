@@ -31,6 +31,10 @@ TEST(KTPool, aBlockComesHomeWhenOnlyThePoolHoldsIt) {
   user = nullptr;
   EXPECT_EQ(1, block->getRefCount());
   EXPECT_EQ(1u, block->recycleCount);
+
+  auto* const free = new KTMemory(100, &pool);
+  EXPECT_EQ(1, free->getRefCount());
+  EXPECT_EQ(0, free->release());  // By the pool itself: destroyed, and not handed to it once more.
 }
 
 // A thread hands its counters in whenever it takes the mutex: as long as the pool hasn't heard of it, it took
