@@ -5,6 +5,7 @@
 #include <string>
 
 #include "support/Threads.h"
+#include "util/KTTime.h"
 #include "util/ORVThreadUtils.h"
 
 namespace {
@@ -46,13 +47,17 @@ TEST(KTConditionSignal, tellsHowAWaitEndedAndRetakesTheMutexEitherWay) {
   EXPECT_EQ(2, signal.wait(held, KTTicks(9'999)));  // Below a millisecond: only a look.
   EXPECT_EQ(2, signal.wait(held, KTTicks(-1)));
   EXPECT_EQ("u lu lu l", held.notes);
+  const i64 before = monotonicMilliseconds();
+  EXPECT_EQ(2, signal.wait(held, KTTicks(300'000)));  // 30 ms
+  const i64 waited = monotonicMilliseconds() - before;
+  EXPECT_TRUE(29 <= waited && waited < 2000) << waited;
   signal.signal();
   signal.signal();
   EXPECT_EQ(1, signal.wait(held));
   EXPECT_EQ(2, signal.wait(held, 1));
   signal.signal();
   EXPECT_EQ(1, signal.wait(held, KTTicks(10'000'000)));
-  EXPECT_EQ("u lu lu lu lu lu l", held.notes);
+  EXPECT_EQ("u lu lu lu lu lu lu l", held.notes);
 }
 
 TEST(ReadWriteLock, aWaitingWriterGoesBeforeNewReadersAndThenAllOfThemAtOnce) {
