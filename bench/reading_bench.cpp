@@ -73,7 +73,7 @@ Film makeFilm(const char* name, i64 wanted, u32 (*sizeOf)(u32)) {
     film.lastTime = i * kStepMs;
     film.size += size + flv::kTagOverhead;
     if (!make) continue;
-    const auto from = noise.begin() + (i * 7919u) % (noise.size() - size);
+    const auto from = noise.begin() + (u64{i} * 7919) % (noise.size() - size);
     Bytes data(from, from + size);
     data[0] = 0x22;
     const Bytes tag = tagBytes(flv::kTypeVideo, film.lastTime, data);
@@ -351,7 +351,7 @@ FileImage::Fill pointersTwoTagsAway(i64 start) {
   flv::writeU32(slot, kSize);
   flv::writeTagHeader(slot + 4, flv::kTypeVideo, kSize - flv::kTagHeaderSize, 5);
   Bytes slots;
-  while (slots.size() < 15 * 4096) slots.insert(slots.end(), slot, slot + sizeof slot);
+  while (slots.size() < kMiB) slots.insert(slots.end(), slot, slot + sizeof slot);
   return [fill = repeating(slots), start](i64 position, u8* out, u32 size) {
     fill(position, out, size);
     if (position < start) std::fill_n(out, std::min<i64>(size, start - position), u8{0});
@@ -374,7 +374,7 @@ void search_pointers_far_ahead(benchmark::State& state) {
   search(state, repeating(pointersFarAhead()), kGiB);
 }
 void search_pointers_two_tags_away(benchmark::State& state) {
-  constexpr i64 kTwoTags = 2 * 16'773'090;
+  constexpr i64 kTwoTags = 33'546'180;
   search(state, pointersTwoTagsAway(kGiB + 17 * kMiB - kTwoTags), kGiB);
 }
 void search_rows_of_tags(benchmark::State& state) {

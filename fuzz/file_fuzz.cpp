@@ -114,7 +114,7 @@ class Player {
 };
 
 Bytes fileOf(const u8* data, std::size_t size) {
-  const Bytes rest(data + kHead, data + size);
+  Bytes rest(data + kHead, data + size);
   if ((data[0] & 0xC0) != 0xC0 || rest.size() < flv::kFirstTagPosition) return rest;
   static const Bytes lead = FlvBuilder().tag(flv::kTypeVideo, 0, 262'000).bytes();
   Bytes file = lead;

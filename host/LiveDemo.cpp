@@ -107,6 +107,7 @@ class LiveDemo {
   }
   void recordSource();
   void take(const Tag& tag);
+  void recordTag(const Tag& tag);
   void flushAndFollow();
   bool showComparison();
   bool showSeek();
@@ -139,7 +140,7 @@ bool LiveDemo::run() {
 void LiveDemo::recordSource() {
   const ReadOnlyFile file(source_);
   FlvReader reader([this](const Tag& tag) { take(tag); });
-  std::vector<u8> chunk(64 * 1024);
+  std::vector<u8> chunk(64 << 10);
   for (i64 at = 0; at < kMostRecorded;) {
     const std::size_t size = file.read(at, chunk.data(), chunk.size());
     if (size == 0 || !reader.feed(chunk.data(), size)) break;
@@ -150,11 +151,12 @@ void LiveDemo::recordSource() {
 
 // An aggregate is recorded, and comes out, entry by entry.
 void LiveDemo::take(const Tag& tag) {
-  if (tag.plainType() == flv::kTypeAggregate) {
-    forEachTag({flv::kTypeAggregate, tag.time, tag.data, tag.size},
-               [this](const Tag& entry) { take(entry); });
-    return;
-  }
+  if (tag.plainType() != flv::kTypeAggregate) return recordTag(tag);
+  const Message aggregate{flv::kTypeAggregate, tag.time, tag.data, tag.size};
+  forEachTag(aggregate, [this](const Tag& entry) { recordTag(entry); });
+}
+
+void LiveDemo::recordTag(const Tag& tag) {
   const u64 before = recording_.tally().tags;
   recording_.take(tag);
   if (recording_.tally().tags > before) comparison_.sent(tag);

@@ -33,7 +33,7 @@ class RecordRun {
   ExitCode run();
 
  private:
-  static constexpr std::size_t kChunkSize = 256 * 1024;
+  static constexpr std::size_t kChunkSize = 256 << 10;
 
   // Made once the stream has begun: an encoder that fails to start must not cost the old file.
   Recording& recording();

@@ -48,21 +48,21 @@ void ORVFiberPool::mainLoop(void* raw) {
   ORVFiber& me = *ORVFiber::current();
   for (bool stopping = false; !stopping;) {
     me.suspend();
-    if (me.runAssignment()) stopping = pool.takeBack(ORVFiberPtr(&me));
+    if (me.runAssignment()) stopping = pool.takeBack(me);
   }
   me.requestStop();
   for (;;) me.suspend();
 }
 
 void ORVFiberPool::recycle(const ORVFiberPtr& fiber) {
-  takeBack(fiber);
+  takeBack(*fiber);
 }
 
 // Gives whether the pool hands out no more.
-bool ORVFiberPool::takeBack(const ORVFiberPtr& fiber) {
-  fiber->reset();
+bool ORVFiberPool::takeBack(ORVFiber& fiber) {
+  fiber.reset();
   const KTMutexGuard guard(lock_);
-  idle_.push_back(fiber);
+  idle_.emplace_back(&fiber);
   ++idleCount_;
   KT_ASSERT(activeCount_ > 0);
   if (activeCount_ > 0 && --activeCount_ == 0) cameHome_.signal();

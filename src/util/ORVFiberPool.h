@@ -35,7 +35,7 @@ class ORVFiberPool : private boost::noncopyable {
  private:
   ORVFiberPtr takeIdle();
   ORVFiberPtr makeFiber();
-  bool takeBack(const ORVFiberPtr& fiber);
+  bool takeBack(ORVFiber& fiber);
   static void mainLoop(void* pool);
 
   std::atomic<bool> stopping_{false};

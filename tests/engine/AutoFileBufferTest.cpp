@@ -120,9 +120,9 @@ TEST_F(AutoFileBufferTest, textsOfShortReads) {
       thrown = true;
     }
     const std::string told = testing::internal::GetCapturedStdout();
-    const std::string place = " file descriptor 3 in file unit line 7 error-code ";
-    EXPECT_EQ(told.substr(0, told.find_last_not_of("0123456789") + 1),
-              text.empty() ? "" : "FLV file read " + text + place);
+    std::string expected = text.empty() ? "" : "FLV file read ";
+    if (!text.empty()) expected.append(text).append(" file descriptor 3 in file unit line 7 error-code ");
+    EXPECT_EQ(told.substr(0, told.find_last_not_of("0123456789") + 1), expected);
     EXPECT_EQ(thrown, throws) << position;
     EXPECT_EQ(reads().empty(), position < 0);
   }

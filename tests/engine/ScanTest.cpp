@@ -104,7 +104,7 @@ TEST_F(ScanTest, attributes) {
 TEST_F(ScanTest, tornEverywhere) {
   const FlvBuilder film =
       FlvBuilder().interleaved(2).tag(kAudio, 90, 0).tag(kVideo, 120, 9).tag(kVideo, 140, 33);
-  const auto tags = film.tags();
+  const auto& tags = film.tags();
   for (u32 cut = 0; cut <= film.size(); ++cut) {
     std::size_t whole = 0;
     while (whole < tags.size() && tags[whole].end() <= cut) ++whole;

@@ -28,6 +28,7 @@ class Running {
     std::signal(SIGPIPE, SIG_IGN);
     args.insert(args.begin(), FLVHOST_PATH);
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
     int ends[2];

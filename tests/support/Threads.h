@@ -11,6 +11,7 @@ namespace orv::test {
 template <class Body>
 void onThreads(int count, Body body) {
   std::vector<std::jthread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
 }
 

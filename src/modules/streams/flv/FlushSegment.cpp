@@ -89,9 +89,9 @@ bool KTFLVData::rewriteMetadata() {
 
 // The metadata with its values brought up to date; null if it holds none of the keys.
 KTMessagePtr KTFLVData::updatedMetadata() const {
-  const KTMessagePtr none(nullptr);
+  KTMessagePtr none(nullptr);
   const KTCommand old(SingleMessagePtr(metadata.get()), false);
-  const KTData values = old.arg(0);
+  const KTData& values = old.arg(0);
   const KTDataArray* const entries = values.asArray();
   if (!entries) return none;
 

@@ -116,8 +116,8 @@ void KTFLVData::forgetMetadata() {
 }
 
 KTMessagePtr KTFLVData::parseMetadata(const RecordedMessage& message) {
-  const KTMessagePtr none(nullptr);
-  const KTMessagePtr parsed;
+  KTMessagePtr none(nullptr);
+  KTMessagePtr parsed;
   parsed->setType(message.type & kTypeMask);
   parsed->setTime(0);
   if (!parsed->append(message.data, message.size)) return none;
