@@ -40,11 +40,13 @@ class BackupConnTest : public RecordTest {
     sigaction(SIGUSR1, &interrupt, nullptr);
     int ends[2];
     EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    feeder_ = std::thread([file = bytes(), this, reader = pthread_self(), out = ends[1]] {
-      for (std::size_t at = 0, size = 0; at < file.size() - missing; at += size) {
+    Bytes fed = bytes();
+    fed.resize(fed.size() - missing);
+    feeder_ = std::thread([file = std::move(fed), reader = pthread_self(), out = ends[1]] {
+      for (std::size_t at = 0, size = 0; at < file.size(); at += size) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         pthread_kill(reader, SIGUSR1);
-        size = std::min<std::size_t>(100, file.size() - missing - at);
+        size = std::min<std::size_t>(100, file.size() - at);
         EXPECT_EQ(::write(out, &file[at], size), static_cast<ssize_t>(size));
       }
       ::close(out);
