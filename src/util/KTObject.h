@@ -54,9 +54,13 @@ class KTObject {
 #endif
     return 0;
   }
-  virtual KTObject* self() { return this; }
+  virtual KTObject* self() {
+    return this;
+  }
   virtual ~KTObject() = default;
-  virtual bool queryTrue(u32) { return true; }
+  virtual bool queryTrue(u32) {
+    return true;
+  }
   virtual void noOperation() {}
 
  protected:
