@@ -46,26 +46,24 @@ class KTObject {
   virtual i32 getRefCount() { return refCount_.read(); }
   virtual i32 addRef() { return refCount_.increment(); }
   // The new count; 0 when the object destroyed itself.
-  virtual i32 release() {
-    const i32 count = refCount_.decrement();
-    if (count > 0) return count;
-#ifndef __clang_analyzer__  // Which can't follow counts, and sees uses behind every delete.
-    delete this;
-#endif
-    return 0;
-  }
-  virtual KTObject* self() {
-    return this;
-  }
+  virtual inline i32 release();
+  virtual KTObject* self() { return this; }
   virtual ~KTObject() = default;
-  virtual bool queryTrue(u32) {
-    return true;
-  }
+  virtual bool queryTrue(u32) { return true; }
   virtual void noOperation() {}
 
  protected:
   KTAtomicCounter refCount_;
 };
+
+inline i32 KTObject::release() {
+  const i32 count = refCount_.decrement();
+  if (count > 0) return count;
+#ifndef __clang_analyzer__  // It can't follow counts, and sees uses behind every delete.
+  delete this;
+#endif
+  return 0;
+}
 
 // An owning pointer: one count for as long as it holds. The virtual destructor belongs to the binary
 // contract.
