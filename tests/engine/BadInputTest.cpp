@@ -134,7 +134,7 @@ TEST_F(BadInputTest, candidatesThatPointFarAway) {
     flv::writeU32(slot, kSize);
     flv::writeTagHeader(slot + 4, kVideo, kSize - flv::kTagHeaderSize, 5);
     for (u32 i = 0; i < size; ++i)
-      out[i] = position + i < kStart + kStep ? 0 : slot[(position + i - kStart) % sizeof slot];
+      out[i] = position + i < kStart + kStep ? 0 : slot[(position + i - kStart) % 15];
   };
   FileImage image(kStart + 5 * kStep, fill);
   const Bytes head = FlvBuilder().tag(kVideo, 1, 0).bytes();

@@ -193,9 +193,9 @@ TEST_F(RecordPathTest, flagsThatFailAndMoreTags) {
       if (i == 2 && !searches) stageNext({kData, 0, durationMetadata(0)});
       stageNext({kVideo, 40 * i, payload(kVideo, 100, i)});
       u32 write = 0;
-      host.beforeCall = [&](const Call& call) {
+      host.beforeCall = [&, fault = tagsFault](const Call& call) {
         if (i == 3 || call.op != Op::write) return;
-        if (++write == 1 && i > 0) host.failCall(1, tagsFault, Op::write);
+        if (++write == 1 && i > 0) host.failCall(1, fault, Op::write);
         if (write == 2) host.failCall(1, Fault::fails, Op::write);
       };
       EXPECT_EQ(stream.flush().has_value(), i == 3);

@@ -69,7 +69,7 @@ TEST_F(SegmentIndexTest, segmentsAreThoseOfAFullRead) {
         aggregates.insert(aggregates.end(), message.data.begin(), message.data.end());
     EXPECT_TRUE(std::equal(aggregates.rbegin(), aggregates.rend(), film.bytes().rbegin())) << name;
     Random random(1);
-    const auto anyTag = [&] { return film.tags()[random() % film.tags().size()]; };
+    const auto anyTag = [&random, &tags = film.tags()] { return tags[random() % tags.size()]; };
     for (int round = 0; round < 10; ++round) {  // nothing cached at first, then more and more
       Stream stream = open();
       for (int query = 0; query < 8; ++query) {
