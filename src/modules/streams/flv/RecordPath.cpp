@@ -44,9 +44,9 @@ bool KTFLVData::record(u16 type, const void* data, u32 size, u32 time) {
 
 bool KTFLVData::openForRecord() {
   if (recordOpen) return true;
-  recordBuffer.restart();
-  recordOpen = true;  // So that a failure below isn't tried again with each message.
+  recordOpen = true;  // First, so that a failure below isn't tried again with each message.
   unfinishedFlush = {};
+  recordBuffer.restart();
   if (!open() || !checkHeader(fd())) return false;
   if (seek(0, 2) == 0) {
     if (!writeFileHeader()) return false;
