@@ -15,6 +15,14 @@ endif()
 add_library(flv_options INTERFACE)
 target_include_directories(flv_options INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_compile_options(flv_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+# Hardening: a fault in here is to end the process before it can be used. The sanitizers bring checks of their own,
+# and fortification needs an optimising build. tests/package/hardening.sh looks for each in what was built.
+target_compile_options(flv_options INTERFACE -fcf-protection=full -fstack-clash-protection)
+if(NOT FLV_SANITIZE)
+  target_compile_options(flv_options INTERFACE -fstack-protector-strong
+    $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE$<SEMICOLON>-D_FORTIFY_SOURCE=2>)
+endif()
+target_link_options(flv_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # A symbol that must be unique in the process would keep the module loaded for good.
   target_compile_options(flv_options INTERFACE -fno-gnu-unique)
@@ -69,5 +77,5 @@ function(flv_tests name folder)
   flv_apply_options(${name}_tests)
   # What is tested is optimised as it ships; the tests themselves are to build fast.
   target_compile_options(${name}_tests PRIVATE -O1)
-  gtest_discover_tests(${name}_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name}_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120 LABELS ${name})
 endfunction()

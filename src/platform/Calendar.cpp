@@ -13,7 +13,7 @@ bool breakDown(i64 seconds, Zone zone, std::tm* time) {
   return (zone == Zone::kUtc ? gmtime_r(&value, time) : localtime_r(&value, time)) != nullptr;
 }
 
-// A result of -1 may be a time: failure is told by the weekday, which is set whenever the call succeeds.
+// -1 may be a time: the weekday shows a failure, for it is set whenever the call succeeds.
 bool localSeconds(std::tm time, i64* seconds) {
   time.tm_wday = -1;
   const std::time_t value = std::mktime(&time);

@@ -11,14 +11,14 @@ namespace orv::platform {
 
 enum class Zone : u8 { kLocal, kUtc };
 
-// False when the calendar doesn't reach that far.
+// Breaks seconds down into the fields of a time. Returns false when the calendar doesn't reach that far.
 bool breakDown(i64 seconds, Zone zone, std::tm* time);
 
-// The seconds of a local time; fields outside their ranges carry over, and a negative tm_isdst lets the
-// calendar decide. False when the calendar doesn't reach that far.
+// Converts a local time into seconds. Fields outside their ranges carry over, and a negative tm_isdst lets
+// the calendar decide. Returns false when the calendar doesn't reach that far.
 bool localSeconds(std::tm time, i64* seconds);
 
-// Prints with strftime's conversions. The units written, without the NUL; 0 when they don't fit.
+// Prints with strftime's conversions. Returns the units written, without the NUL; 0 when they don't fit.
 std::size_t printTime(char16_t* out, std::size_t size, const char16_t* format, const std::tm& time);
 
 }  // namespace orv::platform

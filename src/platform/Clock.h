@@ -6,10 +6,10 @@
 
 namespace orv::platform {
 
-// System time in ticks of 100 nanoseconds since 1970-01-01 00:00:00 UTC.
+// Returns the system time in ticks of 100 nanoseconds since 1970-01-01 00:00:00 UTC.
 i64 systemTicks();
 
-// Milliseconds of a clock that never goes back, from a start of its own.
+// Returns the milliseconds of a clock that never goes back and has a start of its own.
 u64 steadyMilliseconds();
 
 }  // namespace orv::platform

@@ -4,24 +4,20 @@
 
 namespace orv::platform {
 
-void CriticalSection::enterHeld(ThreadId me, u32 held) {
-  if ((held & ~kSleepers) == me) {
-    depth_.store(depth_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    return;
-  }
+void CriticalSection::waitForIt() {
   for (u32 tries = spinCount_.load(std::memory_order_relaxed); tries > 0; --tries) {
     spinPause();
-    if (word_.load(std::memory_order_relaxed) == 0 && claim(me) == 0) return;
+    if (word_.load(std::memory_order_relaxed) == kFree && claim(kTaken) == kFree) return;
   }
-  sleepUntilTaken(me);
+  sleepUntilTaken();
 }
 
-void CriticalSection::sleepUntilTaken(ThreadId me) {
-  u32 mark = me;
+void CriticalSection::sleepUntilTaken() {
+  u32 mark = kTaken;
   while (u32 held = claim(mark)) {
-    if (!(held & kSleepers) && !word_.compare_exchange_strong(held, held | kSleepers)) continue;
-    futexWait(word_, held | kSleepers);
-    mark = me | kSleepers;  // Others may sleep still: whoever slept once keeps the mark up for them.
+    if (held == kTaken && !word_.compare_exchange_strong(held, kAwaited)) continue;
+    futexWait(word_, kAwaited);
+    mark = kAwaited;  // Others may still sleep: whoever slept once keeps the mark up for them.
   }
 }
 

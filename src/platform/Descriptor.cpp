@@ -11,39 +11,20 @@
 
 namespace orv::platform {
 
-namespace {
-
-template <class Call>
-i64 uninterrupted(Call call) {
-  i64 moved = 0;
-  do {
-    moved = call();
-  } while (moved < 0 && errno == EINTR);
-  return moved;
-}
-
-}  // namespace
-
 int lastErrorCode() {
   return errno;
 }
 
-i64 readSome(int fd, void* data, i64 size) {
-  return uninterrupted([&] { return ::read(fd, data, static_cast<size_t>(size)); });
+Transfer readDescriptor(int fd, void* data, i64 size) {
+  return moveAll(size, [&](i64 done, i64 left) {
+    return ::read(fd, static_cast<u8*>(data) + done, static_cast<size_t>(left));
+  });
 }
 
-i64 writeSome(int fd, const void* data, i64 size) {
-  return uninterrupted([&] { return ::write(fd, data, static_cast<size_t>(size)); });
-}
-
-i64 readDescriptor(int fd, void* data, i64 size) {
-  i64 done = 0;
-  while (done < size) {
-    const i64 got = readSome(fd, static_cast<u8*>(data) + done, size - done);
-    if (got <= 0) break;
-    done += got;
-  }
-  return done;
+Transfer writeDescriptor(int fd, const void* data, i64 size) {
+  return moveAll(size, [&](i64 done, i64 left) {
+    return ::write(fd, static_cast<const u8*>(data) + done, static_cast<size_t>(left));
+  });
 }
 
 i64 seekDescriptor(int fd, i64 offset, int whence) {

@@ -1,5 +1,5 @@
-// Files and directories by their native names: UTF-8, slashes. False and -1 stand for a failure, whose reason
-// lastErrorCode() gives.
+// Files and directories by their native names: UTF-8, slashes. Every function returns false on failure;
+// lastErrorCode() returns the reason.
 
 #pragma once
 
@@ -17,24 +17,24 @@ struct FileState {
   bool writable = false;
 };
 
-// Symbolic links are followed.
+// Follows symbolic links.
 bool fileState(const char* path, FileState* state);
-// `mode` adds up 4 to read, 2 to write and 1 to execute; 0 asks whether there is such a name.
+// `mode` is the sum of 4 for reading, 2 for writing and 1 for executing; 0 asks whether the name exists.
 bool mayAccess(const char* path, int mode);
 
 bool makeDirectory(const char* path);
 bool removeDirectory(const char* path);
 bool removeFile(const char* path);
-// Replaces a file that has the new name already.
+// Replaces a file that already has the new name.
 bool renameFile(const char* from, const char* to);
 bool copyFile(const char* from, const char* to);
 
-// Removes a directory with all that is in it, to any depth, and goes on where something can't be removed;
-// true when the directory is gone. Symbolic links are removed, never followed, `path` itself included.
-// Refuses "/" and paths that end in "." or "..".
+// Removes a directory with all its content, to any depth, and goes on where something can't be removed.
+// Returns true when the directory is gone. Symbolic links are removed, never followed, `path` itself
+// included. Refuses "/" and paths that end in "." or "..".
 bool removeTree(std::string path);
 
-// The path of the program that this process runs.
+// Finds the path of the program that this process runs.
 bool executablePath(std::string* path);
 
 }  // namespace orv::platform

@@ -1,4 +1,4 @@
-// Removing a directory with all that is in it.
+// Removes a directory with all its content.
 //
 // The walk holds one descriptor, whatever the depth: it goes down by name and up by "..", and makes sure on
 // the way up that it came back to where it was. Each level first lists its directories, so that what can't be
@@ -83,7 +83,7 @@ class TreeRemover {
  public:
   explicit TreeRemover(Handle root) : here_(std::move(root)) {}
 
-  // Leaves the root empty if nothing stood in the way.
+  // Empties the root as far as it can.
   void clear() {
     if (!enter("")) return;
     while (!levels_.empty()) {
@@ -99,7 +99,7 @@ class TreeRemover {
   }
 
  private:
-  // Takes stock of the directory in hand: files and links go at once.
+  // Lists the current directory; removes files and links at once.
   bool enter(std::string name) {
     Level level;
     level.name = std::move(name);
@@ -115,7 +115,7 @@ class TreeRemover {
     return true;
   }
 
-  // One that gives no listing, or no way back up, may yet be empty.
+  // A directory that can't be listed, or left again, may still be empty.
   void descend(const std::string& name) {
     Handle below(::openat(here_.get(), name.c_str(), kOpenDirectory));
     if (!below || ::faccessat(below.get(), ".", X_OK, AT_EACCESS) != 0) {
@@ -126,8 +126,8 @@ class TreeRemover {
     if (!enter(name)) here_ = std::move(below);
   }
 
-  // Back to the level above, where the directory just left is removed. False when that is not the one above
-  // any more.
+  // Goes back to the level above and removes the directory just left. Returns false when the level above has
+  // changed.
   bool leave() {
     const std::string name = std::move(levels_.back().name);
     levels_.pop_back();

@@ -10,7 +10,7 @@ constexpr u32 kUnset = 0;
 constexpr u32 kSet = 1;
 constexpr u32 kAwaited = 2;  // Unset, and somebody may be asleep.
 
-// Says that a sleeper is coming. A signal that gets in between makes the sleep return at once.
+// Announces a sleeper. A signal that comes before the sleep makes it return at once.
 void announce(std::atomic<u32>& state) {
   u32 seen = kUnset;
   state.compare_exchange_strong(seen, kAwaited, std::memory_order_relaxed);
@@ -27,7 +27,7 @@ bool Event::take(u32 left) {
   return state_.compare_exchange_strong(seen, left, std::memory_order_acquire, std::memory_order_relaxed);
 }
 
-// Whoever has slept leaves kAwaited behind, for others may sleep still; at worst the next signal wakes
+// A thread that has slept leaves kAwaited behind, for others may still sleep; at worst the next signal wakes
 // nobody.
 void Event::wait() {
   u32 left = kUnset;
@@ -38,8 +38,8 @@ void Event::wait() {
   }
 }
 
-// A waiter whose time is up still announces before it gives up: the signal that woke it may have gone to
-// another, and those who sleep on must not be forgotten.
+// A waiter whose time is up still announces: the signal that woke it may have gone to another thread, and
+// those that sleep on must not be forgotten.
 bool Event::wait(u32 milliseconds) {
   const Deadline deadline = Deadline::clock::now() + std::chrono::milliseconds(milliseconds);
   u32 left = kUnset;

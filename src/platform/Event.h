@@ -16,10 +16,10 @@ class Event {
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
 
-  // Touches nothing of the event once a waiter can have seen the signal.
+  // Touches nothing of the event once a waiter can have seen the signal, so that one may destroy it.
   void signal();
   void wait();
-  // False when the time ran out; 0 looks and returns at once.
+  // Returns false when the time runs out; a limit of 0 only looks.
   bool wait(u32 milliseconds);
 
  private:

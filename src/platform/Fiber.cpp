@@ -5,6 +5,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/FiberSwitch.h"
 
@@ -28,7 +29,7 @@ __attribute__((noinline)) void setThread(ThreadState own) {
 }
 
 // An exception that gets here finds no handler, and ends the process with its stack as it was.
-void fiberMain(context::transfer_t transfer) noexcept {
+ORV_NO_FAKE_FRAME void fiberMain(context::transfer_t transfer) noexcept {
   const Fiber& me = *currentFiber();
   hidden::arrive(transfer, me);
   me.entry(me.argument);
@@ -65,6 +66,10 @@ void convertFiberToThread() {
   delete own;
 }
 
+void forgetThreadsFiber(Fiber* own) {
+  delete own;
+}
+
 Fiber* createFiber(std::size_t reserve, FiberEntry entry, void* argument) {
   auto made = std::unique_ptr<Fiber>(new (std::nothrow) Fiber);
   if (!made || !made->stack.allocate(reserve)) return nullptr;
@@ -75,7 +80,7 @@ Fiber* createFiber(std::size_t reserve, FiberEntry entry, void* argument) {
   return made.release();
 }
 
-void leaveFiberFor(Fiber* target) {
+ORV_NO_FAKE_FRAME void leaveFiberFor(Fiber* target) {
   if (Fiber* const from = hidden::exchangeCurrent(target)) hidden::jump(*from, *target, true);
   std::terminate();
 }

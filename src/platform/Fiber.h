@@ -1,8 +1,8 @@
-// Fibers of the platform: stacks that a thread switches between when told to.
+// Fibers of the platform: stacks that a thread switches between on demand.
 //
-// A thread is converted first: its own stack becomes a fiber too. A fiber runs on one thread at a time, and
-// may go on on another one than it left. Each carries its own chain of exceptions in flight, and the address
-// and thread sanitizers are told of every switch.
+// A thread is converted first: its own stack becomes a fiber too. A fiber runs on one thread at a time and
+// may continue on another thread. Each fiber has its own chain of exceptions in flight. The address and
+// thread sanitizers follow every switch.
 
 #pragma once
 
@@ -17,26 +17,30 @@ struct Fiber;
 // Must not return, nor throw: either ends the process.
 using FiberEntry = void (*)(void* argument);
 
-// Makes the calling thread's stack a fiber, or gives the one that it is; null when there is no memory.
+// Makes the calling thread's stack a fiber, once. Returns that fiber; null when there is no memory.
 Fiber* convertThreadToFiber();
 
-// Undoes that; only from the thread's own stack. Otherwise, and on a thread that was not converted, nothing.
+// Undoes the conversion. Does nothing on any stack but the thread's own and on a thread that isn't converted.
 void convertFiberToThread();
 
-// The fiber that is running here; null on a thread that was not converted. Never inlined: before and after a
-// switch it may be asked on different threads.
+// Frees what an ended thread's conversion made. Ignores null.
+void forgetThreadsFiber(Fiber* own);
+
+// Returns the running fiber; null on a thread that isn't converted. Never inlined: calls before and after a
+// switch may come from different threads.
 Fiber* currentFiber();
 
-// A fiber that stands at its entry; null when there is no memory. The stack is `reserve` bytes, rounded up to
-// whole pages, of which the system commits what is touched, above a page that faults: an overflow never
-// reaches foreign memory.
+// Returns a fiber that stands at its entry; null when there is no memory. The stack is `reserve` bytes,
+// rounded up to whole pages, of which the system commits what is touched, above a guard of 64 KiB that
+// faults. An overflow ends the process: code that is built as this library is touches each page of its frames
+// in turn, and a frame of foreign code would have to be larger than the guard to jump it.
 Fiber* createFiber(std::size_t reserve, FiberEntry entry, void* argument);
 
-// As switchToFiber (platform/FiberSwitch.h), for the last time: the current fiber must then be deleted and
-// never be switched to.
+// Switches as switchToFiber (platform/FiberSwitch.h) does, for the last time: afterwards the current fiber
+// can only be deleted.
 [[noreturn]] void leaveFiberFor(Fiber* target);
 
-// Frees a fiber that isn't running, with its stack; what stands on the stack is not unwound. Null is ignored.
+// Frees a fiber that isn't running, and its stack without unwinding it. Ignores null.
 void deleteFiber(Fiber* fiber);
 
 }  // namespace orv::platform

@@ -1,32 +1,10 @@
-// What the address and thread sanitizers want to hear about fibers; nothing in a build without them.
+// Reports fibers to the address and thread sanitizers; empty in a build without them.
 
 #pragma once
 
 #include <cstddef>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define ORV_ASAN 1
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define ORV_TSAN 1
-#endif
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ORV_ASAN 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define ORV_TSAN 1
-#endif
-#endif
-
-#if defined(ORV_ASAN)
-#include <sanitizer/asan_interface.h>
-#include <sanitizer/common_interface_defs.h>
-#include <sanitizer/lsan_interface.h>
-#endif
-#if defined(ORV_TSAN)
-#include <sanitizer/tsan_interface.h>
-#endif
+#include "platform/Sanitizers.h"
 
 namespace orv::platform::sanitizer {
 
@@ -34,7 +12,7 @@ namespace orv::platform::sanitizer {
 struct FiberNotes {
 #if defined(ORV_ASAN)
   void* fakeStack = nullptr;
-  const void* bottom = nullptr;  // Of its stack; a thread's own is learnt at the first switch away from it.
+  const void* bottom = nullptr;  // Of its stack; for a thread's own, known from the first switch away on.
   std::size_t size = 0;
 #endif
 #if defined(ORV_TSAN)
@@ -44,12 +22,12 @@ struct FiberNotes {
 
 #if defined(ORV_ASAN)
 
-// Only what stands on a stack may point to a block of the heap, so leaks are looked for from there too.
+// A block of the heap may be referenced from a fiber's stack alone, so the leak check must search stacks too.
 inline void stackMade(void* bottom, std::size_t size) {
   __lsan_register_root_region(bottom, size);
 }
 
-// Frames that were never left have poisoned the stack; the next owner of the addresses must not find that.
+// Frames that never returned leave their poison on the stack; the next owner of the memory must not meet it.
 inline void stackGone(void* bottom, std::size_t size) {
   __lsan_unregister_root_region(bottom, size);
   __asan_unpoison_memory_region(bottom, size);
@@ -85,9 +63,10 @@ inline void fiberGone([[maybe_unused]] FiberNotes& notes) {
 #endif
 }
 
-// Straight before the switch. `forGood`: nothing will ever switch back to `from`.
-inline void leaving([[maybe_unused]] FiberNotes& from, [[maybe_unused]] const FiberNotes& to,
-                    [[maybe_unused]] bool forGood) {
+// Straight before the switch. `forGood`: nothing will ever switch back to `from`, whose fake frames are freed
+// at once.
+ORV_NO_FAKE_FRAME inline void leaving([[maybe_unused]] FiberNotes& from,
+                                      [[maybe_unused]] const FiberNotes& to, [[maybe_unused]] bool forGood) {
 #if defined(ORV_ASAN)
   __sanitizer_start_switch_fiber(forGood ? nullptr : &from.fakeStack, to.bottom, to.size);
 #endif
@@ -97,7 +76,8 @@ inline void leaving([[maybe_unused]] FiberNotes& from, [[maybe_unused]] const Fi
 }
 
 // Straight after it, on the stack of `here`.
-inline void arrived([[maybe_unused]] FiberNotes& cameFrom, [[maybe_unused]] const FiberNotes& here) {
+ORV_NO_FAKE_FRAME inline void arrived([[maybe_unused]] FiberNotes& cameFrom,
+                                      [[maybe_unused]] const FiberNotes& here) {
 #if defined(ORV_ASAN)
   __sanitizer_finish_switch_fiber(here.fakeStack, &cameFrom.bottom, &cameFrom.size);
 #endif

@@ -6,7 +6,7 @@
 
 namespace orv::platform {
 
-// Bytes of stack above a page that faults. Owns them.
+// Bytes of stack above a guard of 64 KiB that faults. Owns both.
 class FiberStack {
  public:
   FiberStack() = default;
@@ -14,7 +14,8 @@ class FiberStack {
   FiberStack& operator=(const FiberStack&) = delete;
   ~FiberStack();
 
-  // Whole pages, at least `size` bytes and room for a few calls; false when the system has none to give.
+  // Takes whole pages: at least `size` bytes, and room for a few calls. Returns false when there is no
+  // memory.
   bool allocate(std::size_t size);
 
   char* bottom() const { return bottom_; }
@@ -22,7 +23,7 @@ class FiberStack {
   std::size_t size() const { return size_; }
 
  private:
-  char* bottom_ = nullptr;  // Above the guard page; null when nothing is owned.
+  char* bottom_ = nullptr;  // Above the guard; null when nothing is owned.
   std::size_t size_ = 0;
 };
 

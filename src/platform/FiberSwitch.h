@@ -1,10 +1,9 @@
-// The switch from one fiber to another, inline: a processor predicts each return from the call before it, and
-// a return right behind a switch has another one's before it. That guess costs more than all the rest.
+// The switch from one fiber to another, inline: a processor predicts where a return goes from the calls
+// before it, and right behind a switch it is wrong. That costs more than all the rest.
 
 #pragma once
 
 #include <boost/context/detail/fcontext.hpp>
-#include <utility>
 
 #include "platform/Fiber.h"
 #include "platform/FiberSanitizer.h"
@@ -20,7 +19,7 @@ struct ExceptionsInFlight {
 };
 
 struct Fiber {
-  boost::context::detail::fcontext_t context = nullptr;  // Where it goes on; null while it runs.
+  boost::context::detail::fcontext_t context = nullptr;  // Where it continues; null while it runs.
   FiberEntry entry = nullptr;                            // Null for a thread's own stack.
   void* argument = nullptr;
   ExceptionsInFlight exceptions;  // While it doesn't run.
@@ -30,28 +29,30 @@ struct Fiber {
 
 namespace hidden {
 
-// Makes `target` the current fiber, with its record of exceptions in place of that of the one that leaves.
-// Gives the latter; null when there is none, or when the target can't be gone to. Never inlined: the thread
-// may be another one behind the switch.
+// Makes `target` the current fiber and installs its record of exceptions. Returns the fiber that leaves; null
+// on a thread that isn't converted and for a target that can't be switched to. Never inlined: the thread may
+// be another one after the switch.
 __attribute__((noinline)) Fiber* exchangeCurrent(Fiber* target);
 
-// On the stack of `here`, which the switch has just reached.
-inline void arrive(boost::context::detail::transfer_t transfer, const Fiber& here) {
+// Runs on the stack of `here`, straight after the switch.
+ORV_NO_FAKE_FRAME inline void arrive(boost::context::detail::transfer_t transfer, const Fiber& here) {
   Fiber& cameFrom = *static_cast<Fiber*>(transfer.data);
   cameFrom.context = transfer.fctx;
   sanitizer::arrived(cameFrom.notes, here.notes);
 }
 
-inline boost::context::detail::transfer_t jump(Fiber& from, Fiber& to, bool forGood) {
+ORV_NO_FAKE_FRAME inline boost::context::detail::transfer_t jump(Fiber& from, Fiber& to, bool forGood) {
+  const boost::context::detail::fcontext_t target = to.context;
+  to.context = nullptr;
   sanitizer::leaving(from.notes, to.notes, forGood);
-  return boost::context::detail::jump_fcontext(std::exchange(to.context, nullptr), &from);
+  return boost::context::detail::jump_fcontext(target, &from);
 }
 
 }  // namespace hidden
 
-// Leaves the current fiber for `target`, and comes back when somebody switches to the one left. False, at
-// once, for a null target, for one that is running, and on a thread that was not converted.
-inline bool switchToFiber(Fiber* target) {
+// Leaves the current fiber for `target`; returns true when somebody switches back. Returns false at once for
+// a null target, for one that is running, and on a thread that isn't converted.
+ORV_NO_FAKE_FRAME inline bool switchToFiber(Fiber* target) {
   Fiber* const from = hidden::exchangeCurrent(target);
   if (!from) return false;
   hidden::arrive(hidden::jump(*from, *target, false), *from);

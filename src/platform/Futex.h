@@ -14,14 +14,14 @@ using Deadline = std::chrono::time_point<std::chrono::steady_clock>;
 
 enum class FutexWait { Woken, TimedOut };
 
-// Sleeps while `word` holds `expected`. Woken also when it doesn't hold it, and now and then for no reason:
-// the caller looks again.
+// Sleeps while `word` holds `expected`. Returns Woken also when it doesn't, and now and then for no reason:
+// the caller must look again.
 FutexWait futexWait(std::atomic<u32>& word, u32 expected, std::optional<Deadline> deadline = std::nullopt);
 
-// Wakes one sleeper, if there is one. `word` is only a key here: it may be gone already.
+// Wakes one sleeper, if there is one. `word` is only a key here: its memory may be gone.
 void futexWakeOne(std::atomic<u32>& word);
 
-// Tells the processor that this is a spin loop.
+// Lets the processor rest in a spin loop.
 inline void spinPause() {
 #if defined(__x86_64__)
   __builtin_ia32_pause();

@@ -1,4 +1,4 @@
-// One pointer for each thread, behind an index that the system gives out at run time.
+// One pointer for each thread, behind an index that the system assigns at run time.
 
 #pragma once
 
@@ -24,8 +24,10 @@ class ThreadLocal {
     return taken == kNone ? nullptr : pthread_getspecific(taken);
   }
 
-  bool set(void* value);  // False when the system has no index or no memory left.
-  void giveBack();  // The index; what the threads have set is forgotten. The next `set` takes a new one.
+  // Returns false when the system has no index or no memory left.
+  bool set(void* value);
+  // Frees the index, and with it the values of all threads. The next `set` takes a new one.
+  void giveBack();
 
  private:
   static constexpr u32 kNone = 0xFFFFFFFF;

@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <algorithm>
+
 #include "platform/Types.h"
 
 namespace orv::amf {
@@ -11,14 +13,20 @@ namespace orv::amf {
 // itself once or twice a level, and 64 levels stay within 32 KiB of any fiber's stack.
 inline constexpr u32 kMaxNesting = 64;
 
-// Heap bytes that the values of one reader may take in all: a grant that serves metadata of any shape up to
-// about 100 KB, and so much a byte of payload on top. Objects of two numbers, the densest that tools write by
-// the thousand, take 11 a byte; AMF3 objects whose names are references take up to 40 and empty values up to
-// 100, which is what the limit is there for. Everything that is made
-// is counted when it is asked for and never given back, so that the limit also bounds the work of copying
-// texts that are referred to over and over.
+// Heap bytes that the values of one reader may take in all. Metadata of any shape is granted in full up to
+// 100 KB: the dearest form, an empty AMF3 object of a known class, takes 220 for a byte of payload. Longer
+// payloads get less a byte, which serves 1 MiB of plain arrays (numbers, booleans, dates, texts of a letter)
+// and bounds what a hostile one can take. Everything is counted when it is asked for and never given back,
+// so that the limit also bounds the work of copying texts that are referred to over and over.
+inline constexpr u64 kAnyShapeLength = 100'000;
+inline constexpr u64 kAnyShapePerByte = 220;
 inline constexpr u64 kFreeMemory = u64{4} << 20;
 inline constexpr u64 kMemoryPerByte = 16;
+
+constexpr u64 grantFor(u64 length) {
+  return std::max(kFreeMemory + length * kMemoryPerByte,
+                  std::min(length, kAnyShapeLength) * kAnyShapePerByte);
+}
 
 // What the heap keeps beside each block that it hands out.
 inline constexpr u32 kBlockOverhead = 16;

@@ -10,31 +10,42 @@ namespace {
 constexpr u32 kLongTable = 64;
 constexpr std::size_t kFirstPlaces = 8;
 
-template <class Found, class Table>
-i64 indexIn(const Table& table, Found found) {
-  return found == table.end() ? -1 : found - table.begin();
-}
-
 }  // namespace
 
 void ObjectTable::makePlace() {
-  if (objects_.size() == objects_.capacity()) objects_.reserve(std::max(kFirstPlaces, 2 * objects_.size()));
+  if (size_ < kFew || more_.size() < more_.capacity()) return;
+  more_.reserve(std::max(kFirstPlaces, 2 * more_.size()));
+}
+
+void ObjectTable::add(KTDataArray* array) {
+  if (size_ < kFew)
+    few_[size_] = array;
+  else
+    more_.push_back(array);
+  ++size_;
+  if (array) array->addRef();
 }
 
 void ObjectTable::cutTo(u32 size) {
-  objects_.resize(size);
+  while (size_ > size) {
+    KTDataArray* const array = (*this)[--size_];
+    if (size_ >= kFew) more_.pop_back();
+    if (array) array->release();
+  }
   if (size >= indexed_) return;
   index_.reset();
   indexed_ = 0;
 }
 
 i64 ObjectTable::find(const KTDataArray* array) {
-  if (size() <= kLongTable) {
-    const auto isArray = [array](const KTDataArrayPtr& object) { return object.get() == array; };
-    return indexIn(objects_, std::find_if(objects_.begin(), objects_.end(), isArray));
+  if (size_ <= kLongTable) {
+    for (u32 i = 0; i < size_; ++i) {
+      if ((*this)[i] == array) return i;
+    }
+    return -1;
   }
   if (!index_) index_ = std::make_unique<Index>();
-  for (; indexed_ < size(); ++indexed_) index_->emplace(objects_[indexed_].get(), indexed_);
+  for (; indexed_ < size_; ++indexed_) index_->emplace((*this)[indexed_], indexed_);
   const auto found = index_->find(array);
   return found == index_->end() ? -1 : i64{found->second};
 }
@@ -49,7 +60,8 @@ void StringTable::cutTo(u32 size) {
 i64 StringTable::find(std::string_view text, const u8* bytes) {
   if (size() > kLongTable) return findIndexed(text, bytes);
   const auto isText = [text, bytes](Span known) { return known.in(bytes) == text; };
-  return indexIn(strings_, std::find_if(strings_.begin(), strings_.end(), isText));
+  const auto found = std::find_if(strings_.begin(), strings_.end(), isText);
+  return found == strings_.end() ? -1 : found - strings_.begin();
 }
 
 i64 StringTable::findIndexed(std::string_view text, const u8* bytes) {

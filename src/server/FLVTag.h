@@ -1,5 +1,5 @@
 // The layout of an FLV file and of its tags, once, for messages, engine and host.
-// Numbers are those of the published "Adobe Flash Video File Format Specification", version 10.1, annex E.
+// The numbers are those of the published FLV file format, version 10.1, annex E.
 
 #pragma once
 
@@ -33,6 +33,31 @@ inline constexpr u8 kTypeCommandAmf0 = 20;
 inline constexpr u8 kTypeAggregate = 22;
 inline constexpr u8 kFilterBit = 0x20;  // Set in the type byte of an encrypted tag.
 inline constexpr u8 kTypeMask = 0x5F;   // A message's type: the type byte without bits 0x20 and 0x80.
+
+// Script data.
+inline bool isDataType(u8 type) {
+  return type == kTypeDataAmf0 || type == kTypeDataAmf3;
+}
+
+// The first byte of a video tag's data: a frame type above a codec. Bit 7 marks an extended header (of
+// the format's published extension for further codecs, version 2), in which the codec's FourCC follows.
+inline constexpr u8 kFrameTypeKey = 1;
+inline constexpr u8 kFrameTypeDisposable = 3;
+inline constexpr u8 kFrameTypeInfo = 5;
+inline constexpr u8 kVideoCodecH264 = 7;
+inline constexpr u8 kExtendedVideo = 8;  // In the upper half.
+inline u8 frameTypeOf(u8 firstByte) {
+  return firstByte >> 4;
+}
+inline u8 videoCodecOf(u8 firstByte) {
+  return firstByte & 0xF;
+}
+// Of an audio tag's data: the sound format, above other bits.
+inline constexpr u8 kSoundFormatExtended = 9;
+inline constexpr u8 kSoundFormatAac = 10;
+inline u8 soundFormatOf(u8 firstByte) {
+  return firstByte >> 4;
+}
 
 inline u32 readU24(const u8* bytes) {
   return u32{bytes[0]} << 16 | u32{bytes[1]} << 8 | bytes[2];

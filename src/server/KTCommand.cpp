@@ -5,13 +5,12 @@
 #include <algorithm>
 #include <array>
 
+#include "server/AmfMarkers.h"
 #include "util/KTThrowable.h"
 
 using namespace orv;
 
 namespace {
-
-constexpr i32 kAmf3Encoding = 3;
 
 // In the order of their codes, which is that of their letters without regard to case.
 constexpr std::array kReservedNames = {
@@ -22,10 +21,6 @@ constexpr std::array kReservedNames = {
 
 bool isCommand(u8 type) {
   return type == flv::kTypeCommandAmf0 || type == flv::kTypeCommandAmf3;
-}
-
-bool isData(u8 type) {
-  return type == flv::kTypeDataAmf0 || type == flv::kTypeDataAmf3;
 }
 
 bool opensWithByte(u8 type) {
@@ -63,7 +58,7 @@ KTCommand::KTCommand(const KTCommand& other)
       args_(other.args_) {}
 
 void KTCommand::parse(u8 type) {
-  KT_ASSERT(isCommand(type) || isData(type));
+  KT_ASSERT(isCommand(type) || flv::isDataType(type));
   if (remaining() > 0) {
     readValue(name_);
     commandCode_ = codeOf(name_);
@@ -105,9 +100,7 @@ void KTCommand::addProperty(u8 containerType, KeyView key, const KTData& value) 
 }
 
 void KTCommand::addTextProperty(const char* key, const char* text) {
-  KTData value;
-  value.setString(text);
-  addObjectProperty(key, value);
+  addObjectProperty(key, KTData::ofText(text ? text : ""));
 }
 
 void KTCommand::setStatus(const char* level, const char* code, const char* description, const char* details) {
@@ -130,26 +123,23 @@ void KTCommand::serializeData() {
 }
 
 KTMessagePtr KTCommand::toCommandMessage() {
-  const KTMessagePtr message = beginMessage(flv::kTypeCommandAmf0, flv::kTypeCommandAmf3);
-  serialize();
-  return finishMessage(message);
+  return toMessage(flv::kTypeCommandAmf0, flv::kTypeCommandAmf3, &KTCommand::serialize);
 }
 
 KTMessagePtr KTCommand::toDataMessage() {
-  const KTMessagePtr message = beginMessage(flv::kTypeDataAmf0, flv::kTypeDataAmf3);
-  serializeData();
-  return finishMessage(message);
+  return toMessage(flv::kTypeDataAmf0, flv::kTypeDataAmf3, &KTCommand::serializeData);
 }
 
-KTMessagePtr KTCommand::beginMessage(u8 amf0Type, u8 amf3Type) {
+// The values end softly for want of memory; the byte in front of AMF3 has no value around it that could.
+KTMessagePtr KTCommand::toMessage(u8 amf0Type, u8 amf3Type, void (KTCommand::*writeValues)()) try {
   KTMessagePtr message;
-  const bool asAmf3 = encoding() == kAmf3Encoding;
+  const bool asAmf3 = encoding() == amf::kAmf3Encoding;
   message->setType(asAmf3 ? amf3Type : amf0Type);
   message->setStreamId(0);
   if (asAmf3) writeU8(0);
-  return message;
-}
-
-KTMessagePtr KTCommand::finishMessage(const KTMessagePtr& message) const {
+  (this->*writeValues)();
   return message->append(bytes(), static_cast<u32>(length())) ? message : KTMessagePtr(nullptr);
+} catch (const KTOutOfMemory&) {
+  giveUp();
+  return nullptr;
 }

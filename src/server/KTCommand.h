@@ -1,9 +1,13 @@
 // One AMF command or data message: a name, a transaction number, a command object and arguments. A data
 // message has the name and the arguments alone.
 //
-// A reading command is complete when its constructor returns; what a soft failure left unread stays Undefined
-// or, of the arguments, absent, but for the one in which it came (server/KTCSerializer.h tells what that
-// holds). A writing one is filled in, made into one message, and destroyed.
+// A reading command is complete when its constructor returns. What a soft failure left unread stays
+// Undefined; unread arguments are absent, except for the one in which it came (server/KTCSerializer.h says
+// what that holds). A writing one is filled in, made into one message, and destroyed.
+//
+// If memory fails, std::bad_alloc passes, nothing leaks, and the command can only be destroyed; or the value
+// that needed the memory ends softly, and `failed` is set: a reader stops there, a writer leaves the value
+// out.
 
 #pragma once
 
@@ -16,10 +20,10 @@ class KTCommand : public KTCSerializer {
  public:
   // A writer of "_result", transaction 0, with a Null command object.
   KTCommand();
-  // Read the payload of a message of type 20, 18, 17 or 15; of 17 and 15, a byte 0 comes first. In a message
-  // it is skipped unseen; among raw bytes anything but 0 leaves every field Undefined, and none at all is a
-  // short read. Besides memory, an AMF0 marker that doesn't exist throws (KTBreakConnection), and with
-  // `throwOnError` any other failure.
+  // Read the payload of a message of type 20, 18, 17 or 15. In types 17 and 15 a byte 0 comes first: in a
+  // message any byte is skipped; in raw bytes another one leaves every field Undefined, and a missing one is
+  // a short read. Throw KTBreakConnection for an AMF0 marker that doesn't exist and, with `throwOnError`, for
+  // any other failure.
   KTCommand(const orv::SingleMessagePtr& message, bool throwOnError);
   KTCommand(u8 type, const u8* data, u32 length, bool throwOnError);
   // A writer of the same content.
@@ -27,7 +31,7 @@ class KTCommand : public KTCSerializer {
   KTCommand& operator=(const KTCommand&) = delete;
   ~KTCommand() = default;
 
-  // The place of the name in the table of reserved names, 0 for any other.
+  // The place of the name in the table of reserved names; 0 for any other name.
   i32 commandCode() const { return commandCode_; }
   const KTData& name() const { return name_; }
   const KTData& transactionId() const { return transactionId_; }
@@ -54,8 +58,9 @@ class KTCommand : public KTCSerializer {
   // Into the serializer's buffer: everything, or the name and the arguments.
   void serialize();
   void serializeData();
-  // A new message, of the AMF3 types with encoding 3. Null when the bytes exceed a message's 24-bit length.
-  // Once a command: a second call would send the first one's bytes again.
+  // Return a new message, of an AMF3 type with encoding 3; null if the bytes exceed a message's 24-bit
+  // length or there is no memory for them. To be called once: a second call would send the first one's bytes
+  // again.
   KTMessagePtr toCommandMessage();
   KTMessagePtr toDataMessage();
 
@@ -67,8 +72,7 @@ class KTCommand : public KTCSerializer {
   void readArgs();
   void addProperty(u8 containerType, orv::KeyView key, const KTData& value);
   void addTextProperty(const char* key, const char* text);
-  KTMessagePtr beginMessage(u8 amf0Type, u8 amf3Type);
-  KTMessagePtr finishMessage(const KTMessagePtr& message) const;
+  KTMessagePtr toMessage(u8 amf0Type, u8 amf3Type, void (KTCommand::*writeValues)());
 
   i32 commandCode_ = 0;
   KTData name_;

@@ -1,8 +1,8 @@
 // One dynamically typed AMF value.
 //
-// A plain value: it copies, moves and swaps. What it refers to, an array or a block, is shared by count
-// between copies; a text is its own. For one thread at a time. No operation fails but for memory: a reader of
-// a type that it doesn't cover gives its fixed answer.
+// A plain value: it copies, moves and swaps. Copies share, by count, the array or block that they refer to; a
+// text is copied. For one thread at a time. Operations fail only for want of memory: asked for a type that it
+// isn't, a value returns a fixed answer.
 
 #pragma once
 
@@ -54,13 +54,28 @@ class KTData {
     swap(other);
     return *this;
   }
+  static KTData ofNumber(double value) {
+    KTData number;
+    number.setNumber(value);
+    return number;
+  }
+  static KTData ofBool(bool value) {
+    KTData flag;
+    flag.setBool(value);
+    return flag;
+  }
+  static KTData ofText(std::string_view value) {
+    KTData text;
+    text.setText(value);
+    return text;
+  }
   void swap(KTData& other) noexcept {
     std::swap(type_, other.type_);
     std::swap(subtype_, other.subtype_);
     std::swap(payload_, other.payload_);
   }
 
-  // Each drops the old content first and leaves `subtype` at 6.
+  // Each setter drops the old content first and leaves `subtype` at 6.
   void clear();
   void setNull();
   void setNumber(double value) {
@@ -73,9 +88,9 @@ class KTData {
   }
   void setInt64(i64 value);
   void setString(const char* text);      // A null text is empty.
-  void setString(const char16_t* text);  // Becomes UTF-8; empty if it can't.
+  void setString(const char16_t* text);  // Converted to UTF-8; empty if that fails.
   void setText(std::string_view text);   // A String that may hold NULs.
-  // The text's buffer came from array new and is deleted here.
+  // Takes over a text from array new, and deletes it.
   void takeString(char* text);
   // `type` is a container type. `array` may be null.
   void setArray(KTDataArray* array, u8 type);
@@ -84,10 +99,10 @@ class KTData {
   void setMemory(const KTBuffer& view);
 
   u8 type() const { return type_; }
-  // Between two types of one form (the containers; String and Xml) the content stays. Any other change drops
-  // it and leaves the zero of the new form. `subtype` stays in any case.
+  // Keeps the content between two types of one form (the containers; String and Xml). Any other change drops
+  // it and leaves the zero of the new form. `subtype` always stays.
   void setType(u8 type);
-  // The AMF3 marker that the value came from or shall go out as; 6 when none applies.
+  // The AMF3 marker that the value was read from or is to be written as; 6 if none applies.
   u8 subtype() const { return subtype_; }
   void setSubtype(u8 subtype) { subtype_ = subtype; }
 
@@ -99,17 +114,17 @@ class KTData {
     return type_ == Number ? payload_.number : otherToDouble();
   }  // Of a Date, seconds.
   float toFloat() const { return static_cast<float>(toDouble()); }
-  // Of a String or an Xml; else empty, never null. Valid until the value changes.
+  // The text of a String or an Xml; empty, never null, for other types. Valid until the value changes.
   const char* asString() const { return text().data(); }
   std::string_view text() const;  // The same, with its length.
   i32 stringLength() const;       // -1 for all but a String.
-  // Borrowed; null for all but a container.
+  // Borrowed; null unless this is a container.
   KTDataArray* asArray() const { return isArray(type_) ? payload_.array : nullptr; }
   double dateMilliseconds() const { return type_ == Date ? payload_.date.milliseconds : 0.0; }
   i32 timezone() const { return type_ == Date ? payload_.date.timezone : 0; }
   KTBuffer memoryRange() const;
 
-  // A String form of this value, for people; an array shows as its address.
+  // Sets `text` to a String form of this value, for people; an array shows as its address.
   void toText(KTData& text) const;
   // "Number", "EcmaArray" and so on, as the types are called here; "Unknown" for a code that names no type.
   const char* typeName() const;
@@ -118,7 +133,7 @@ class KTData {
   static bool isArray(u8 type) { return isOneOf(kArrays, type); }
   static bool isMemory(u8 type) { return type == Memory; }
 
-  // -1, 0 or 1; 2 when the two have no order. Arrays are equal when they are one array.
+  // Returns -1, 0 or 1; 2 if the two have no order. Arrays are equal only if they are the same array.
   static i32 compare(const KTData& a, const KTData& b);
   friend bool operator==(const KTData& a, const KTData& b) { return compare(a, b) == 0; }
 

@@ -26,8 +26,8 @@ KTDataArray::~KTDataArray() {
   }
 }
 
-// Drops the last value and gives the array to go on with: this one, or the one of which that value was the
-// only holder. Its count then belongs to the walk.
+// Drops the last value. Returns the array to go on with: this one, or the one that only that value held,
+// whose count then belongs to the walk.
 KTDataArray* KTDataArray::takeDownLast() {
   if (!KTData::isArray(values_.back().type())) {
     values_.pop_back();

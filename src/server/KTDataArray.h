@@ -1,8 +1,8 @@
 // The counted, ordered list of (key, value) entries that stands for every AMF container: objects, associative
 // and dense arrays, and the typed records of AMF3 (dates, byte arrays, vectors, dictionaries).
 //
-// Keys need not be unique and may be empty. Values may refer to arrays in any shape, cycles included; nobody
-// looks for those. For one thread at a time, lookups included.
+// Keys need not be unique and may be empty. Values may refer to arrays in any shape; cycles aren't detected.
+// For one thread at a time, lookups included.
 
 #pragma once
 
@@ -32,17 +32,17 @@ class KTDataArray : public KTObject {
     keys_.expect(count);
   }
 
-  // What the array stands for, by the marker that it was read from; 6 until somebody sets it.
+  // The marker of the form that the array was read from; 6 until it is set.
   i32 type() const { return type_; }
   void setType(i32 type) { type_ = type; }
 
-  // Replaces the entry, or appends it, behind empty keys and Undefined values if `index` lies further out.
-  // Always true. Values are copied, unless they come as temporaries; a key may not be a view into this array.
+  // Replaces the entry at `index`, or appends it, filling up with empty keys and Undefined values. Always
+  // returns true. Values are copied unless they are temporaries; a key must not be a view into this array.
   bool set(u32 index, orv::KeyView key, KTData value);
   bool append(orv::KeyView key, KTData value) { return set(size(), key, std::move(value)); }
-  // With the decimal text of its index as key.
+  // Appends it with the decimal text of its index as key.
   void appendElement(KTData value);
-  // The same, if they take no memory; else false, and the value is still there.
+  // Append if that takes no memory. Otherwise return false, and the value is untouched.
   bool appendWithinRoom(std::string_view key, KTData& value) {
     return !isFull() && keys_.appendWithinRoom(key) && take(value);
   }
@@ -50,7 +50,7 @@ class KTDataArray : public KTObject {
     return !isFull() && keys_.appendIndexWithinRoom() && take(value);
   }
 
-  // Past the end: a shared Undefined and the empty key. References hold until the array changes.
+  // Past the end, a shared Undefined and the empty key. References hold until the array changes.
   const KTData& valueAt(u32 index) const { return index < size() ? values_[index] : missing; }
   const KTString& keyAt(u32 index) const;
   // Past the end, the array is first made longer.
@@ -62,10 +62,11 @@ class KTDataArray : public KTObject {
   // True while every key is the decimal text of its index, as in a dense array.
   bool hasIndexKeys() const { return keys_.areIndices(); }
 
-  // The first entry of that key, without regard to case, or the shared Undefined; that too for a null key.
+  // Returns the first entry of that key, without regard to case; the shared Undefined if there is none, or
+  // the key is null.
   const KTData& find(const char* key) const;
 
-  // The same count, type and keys, with regard to case; values aren't looked at.
+  // Whether both have the same count, type and keys, with regard to case, whatever their values.
   bool sameShape(const KTDataArray& other) const;
 
   // Upper bounds of the heap bytes that one more entry takes; 0 while there is room.

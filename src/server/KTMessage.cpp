@@ -14,11 +14,7 @@ constexpr u32 kFirstSize = 256;
 u32 capacityFor(u32 length) {
   return (length & ~u32{3}) + 4;
 }
-constexpr u32 kGreatestLength = std::numeric_limits<u32>::max() - 4;  // Of which a capacity can be told.
-
-void freeArray(u8* data) {
-  delete[] data;
-}
+constexpr u32 kGreatestLength = std::numeric_limits<u32>::max() - 4;  // Whose capacity has 32 bits.
 
 KTMessage* makeMessage(u32 size, KTPoolSide<KTMessage>* pool) {
   return pool ? pool->acquire(size) : new KTMessage(size, nullptr);
@@ -40,14 +36,9 @@ KTMessage::KTMessage(u32 size, KTPoolSide<KTMessage>* owner) : pool(owner) {
   if (pool) refCount_.increment();
 }
 
-// Both as with KTMemory: what only the caller can know of takes no interlocked instruction.
-i32 KTMessage::addRef() {
-  return pool && refCount_.replace(1, 2) ? 2 : refCount_.increment();
-}
-
 i32 KTMessage::release() {
   KTPoolSide<KTMessage>* const owner = pool;  // Behind the decrement the message may be somebody else's.
-  const i32 count = owner && refCount_.replace(2, 1) ? 1 : refCount_.decrement();
+  const i32 count = owner ? refCount_.decrementPooled() : refCount_.decrement();
   if (count < 1) {
     delete this;
     return 0;
@@ -89,7 +80,7 @@ bool KTMessage::reserve(u32 length) {
   if (block.freeFunction) block.freeFunction(block.data);
   block.data = bytes;
   block.capacity = target;
-  block.freeFunction = freeArray;
+  block.freeFunction = KTMemory::freeArray;
   return true;
 }
 

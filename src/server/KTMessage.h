@@ -16,7 +16,6 @@ class KTMessage : public orv::SingleMessage {
   // For a pool: the same, with no block until `resetPayload`.
   explicit KTMessage(KTPoolSide<KTMessage>* owner) : pool(owner) { refCount_.increment(); }
 
-  i32 addRef() override;
   // A pooled message that only its pool still holds drops its block and its attachments and goes back there.
   i32 release() override;
 
@@ -28,10 +27,11 @@ class KTMessage : public orv::SingleMessage {
   // The header's 24 bits; with `updateBlock` the block's own length too.
   void setLength(u32 length, bool updateBlock);
 
-  // These answer false, and leave the message as it was, when memory or the header's 24 bits don't suffice.
-  // The block's bytes may move: nobody else may look into it, by a shallow clone or a composite, and `data`
-  // may not lie in it. Numbers are big-endian. Gives the block the capacity for `length` bytes, be that more
-  // or less than it has; what fits is kept.
+  // These return false, and leave the message as it was, if memory or the header's 24 bits don't suffice. The
+  // block's bytes may move: nobody else may be reading them, through a shallow clone or a composite, and
+  // `data` must not lie in them. Numbers are big-endian.
+
+  // Resizes the block's capacity to what `length` bytes take, more or less than it has; what fits is kept.
   bool reserve(u32 length);
   bool resize(u32 length);
   bool append(const void* data, u32 count);
@@ -40,8 +40,8 @@ class KTMessage : public orv::SingleMessage {
   bool appendU32(u32 value);
   bool appendU64(u64 value);
 
-  // A new message: the same header and type bit, and the same block or, if `deep`, one of its own. Null when
-  // a block doesn't hold what the header claims.
+  // Returns a new message with the same header and type bit, and the same block or, if `deep`, a copy of it;
+  // null if a block doesn't hold what the header claims.
   KTMessagePtr clone(bool deep) const;
 
   KTPoolSide<KTMessage>* const pool;  // May be null.
@@ -51,13 +51,13 @@ class KTMessage : public orv::SingleMessage {
   bool copyPayload(const KTMessage& source);
 };
 
-// The pool that messages are taken from; null, the start, means the heap. Whoever installs a pool keeps it
-// alive until the last of its messages is gone.
+// The pool that messages are taken from; null, as at the start, for the heap. Whoever installs a pool keeps
+// it alive until the last of its messages is gone.
 extern std::atomic<KTPoolSide<KTMessage>*> defaultMessagePool;
 
 class KTMessagePtr : public KTPtr<KTMessage> {
  public:
   using KTPtr<KTMessage>::KTPtr;
-  // A new message of 256 bytes; for a null pointer, give nullptr.
+  // Makes a new message of 256 bytes. A null pointer is made from nullptr.
   KTMessagePtr();
 };

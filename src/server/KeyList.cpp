@@ -15,10 +15,6 @@ constexpr u32 kUsualKeyWords = 4;  // "videocodecid", and where it ends.
 constexpr u32 kFirstKeys = 4;
 constexpr u64 kMostWords = u64{1} << 29;  // So that no text ends beyond 32 bits.
 
-std::string_view upToNul(std::string_view text) {
-  return text.substr(0, text.find('\0'));
-}
-
 }  // namespace
 
 bool equalNoCase(std::string_view a, std::string_view b) {

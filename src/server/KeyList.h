@@ -1,9 +1,9 @@
 // The keys of a KTDataArray, kept so that reading a file costs little.
 //
-// A dense array's keys are its indices, and most keys of a file are only ever compared or written again. So a
-// list starts as a mere count, while every key is the decimal text of its index; becomes a block of packed
-// texts at the first other key; and turns into KTStrings only when somebody asks for one by reference. What a
-// caller sees is the same in all three forms. For one thread at a time, lookups included.
+// A dense array's keys are its indices, and most keys of a file are only compared or written again. So a list
+// is a mere count as long as every key is the decimal text of its index; the first other key turns it into a
+// block of packed texts; and it becomes KTStrings only when one is asked for by reference. Callers see the
+// same in all three forms. For one thread at a time, lookups included.
 
 #pragma once
 
@@ -25,7 +25,11 @@ class KeyView : public std::string_view {
   KeyView(std::string_view text) : std::string_view(text) {}
 };
 
-// As _stricmp takes them: without regard to the case of ASCII letters, up to the first NUL.
+inline std::string_view upToNul(std::string_view text) {
+  return text.substr(0, text.find('\0'));
+}
+
+// Compares up to the first NUL, without regard to the case of ASCII letters.
 bool equalNoCase(std::string_view a, std::string_view b);
 
 // The decimal text of an index, which counts up fast.

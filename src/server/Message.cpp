@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "platform/Fork.h"
 #include "util/KTThreadOnlyMutex.h"
 
 namespace orv {
@@ -14,6 +15,7 @@ constexpr u8 kCounterMask = 0xBF;
 
 struct SharedLock : KTThreadOnlyMutex {
   SharedLock() : KTThreadOnlyMutex(true) {}
+  const platform::HeldOverForks held{*nativeHandle(), platform::HeldOverForks::kProcess};
 };
 
 constexpr u32 kSharedLocks = 250;

@@ -20,7 +20,7 @@ class MessageTypeCounts {
  public:
   static constexpr u32 kTypes = 24;
 
-  // The new count. A type that has no counter, 24 or above without bit 0x40, isn't counted and gives 0.
+  // Returns the new count; 0 for a type without a counter, 24 or above without bit 0x40.
   u64 increment(u8 type);
   u64 count(u8 type) const { return type < kTypes ? counts_[type] : 0; }
   void clear() { counts_.fill(0); }
@@ -43,12 +43,12 @@ class Message : public KTObject, private util::hidden::Noncopyable {
   static_assert(sizeof(Header) == flv::kTagHeaderSize);
 
   // Milliseconds; of a composite, those of its last entry.
-  virtual u32 lastTime() { return time(); }
-  virtual bool isKeyFrame() = 0;
-  virtual bool isNonPicture() = 0;
-  virtual bool isDisposableFrame() = 0;
+  virtual u32 lastTime() const { return time(); }
+  virtual bool isKeyFrame() const = 0;
+  virtual bool isNonPicture() const = 0;
+  virtual bool isDisposableFrame() const = 0;
   // Adds what the message is, or holds, to `counts`.
-  virtual void countTypes(MessageTypeCounts& counts) = 0;
+  virtual void countTypes(MessageTypeCounts& counts) const = 0;
 
   u8 type() const { return header.typeByte & flv::kTypeMask; }
   // The bits of the type byte that aren't part of the type stay.
@@ -63,14 +63,14 @@ class Message : public KTObject, private util::hidden::Noncopyable {
   u32 streamId() const { return flv::readU24(header.streamId); }
   const u8* headerBytes() const { return &header.typeByte; }
 
-  // What the block says of itself; 0 without a block.
+  // The block's own length; 0 without a block.
   u32 blockLength() const { return memory.get() ? static_cast<u32>(memory->length.read()) : 0; }
   // The payload's bytes, null without a block, and how many of them there really are.
   const u8* payload() const { return memory.get() ? memory->data : nullptr; }
   u32 payloadSize() const;
 
   // Bit f for the sound format f that an audio payload's first byte names.
-  static u16 audioFormatBit(u8 firstByte) { return static_cast<u16>(1U << (firstByte >> 4)); }
+  static u16 audioFormatBit(u8 firstByte) { return static_cast<u16>(1U << flv::soundFormatOf(firstByte)); }
 
   Header header;
   KTMemoryPtr memory;  // The payload.
@@ -95,11 +95,13 @@ class SingleMessage : public Message {
   SingleMessage();
   ~SingleMessage() override = default;
 
-  bool isKeyFrame() override { return isVideoFrame(kKeyFrame); }
-  // Of video, a frame that only carries a command; of anything else, always.
-  bool isNonPicture() override { return type() != flv::kTypeVideo || isVideoFrame(kInfoFrame); }
-  bool isDisposableFrame() override { return isVideoFrame(kDisposableFrame); }
-  void countTypes(MessageTypeCounts& counts) override { counts.increment(type()); }
+  bool isKeyFrame() const override { return isVideoFrame(flv::kFrameTypeKey); }
+  // True for a video frame that only carries a command, and for everything that isn't video.
+  bool isNonPicture() const override {
+    return type() != flv::kTypeVideo || isVideoFrame(flv::kFrameTypeInfo);
+  }
+  bool isDisposableFrame() const override { return isVideoFrame(flv::kFrameTypeDisposable); }
+  void countTypes(MessageTypeCounts& counts) const override { counts.increment(type()); }
 
   KTMessage* nextFree = nullptr;  // The pool's.
   KTObjectPtr firstAttachment;    // Rides with the message.
@@ -109,13 +111,8 @@ class SingleMessage : public Message {
   KTObjectPtr secondAttachment;
 
  private:
-  // Frame types of FLV video, in the high nibble of the first payload byte.
-  static constexpr u8 kKeyFrame = 1;
-  static constexpr u8 kDisposableFrame = 3;
-  static constexpr u8 kInfoFrame = 5;
-
   bool isVideoFrame(u8 frameType) const {
-    return type() == flv::kTypeVideo && firstPayloadByte() >> 4 == frameType;
+    return type() == flv::kTypeVideo && flv::frameTypeOf(firstPayloadByte()) == frameType;
   }
 };
 

@@ -131,7 +131,7 @@ void CompositeMessage::noteContent(const SubMessage& entry) {
       audioFormats_ = static_cast<u16>(audioFormats_ | audioFormatBit(first));
       break;
     case flv::kTypeVideo:
-      videoCodecs_ = static_cast<u16>(videoCodecs_ | 1U << (first & 0xF));
+      videoCodecs_ = static_cast<u16>(videoCodecs_ | 1U << flv::videoCodecOf(first));
       break;
     case flv::kTypeDataAmf0:
       dataKinds_ |= kAmf0Data;
@@ -144,7 +144,7 @@ void CompositeMessage::noteContent(const SubMessage& entry) {
   }
 }
 
-u32 CompositeMessage::lastTime() {
+u32 CompositeMessage::lastTime() const {
   return firstEntry_ == endEntry_ ? kEmptyRangeTime : (*std::prev(endEntry_))->time();
 }
 

@@ -40,11 +40,11 @@ class SubMessage : public SingleMessage {
 
 class CompositeMessage : public Message {
  public:
-  // A part of another block, as a block. Of a part of a part, only the block underneath is kept.
+  // A part of another block, as a block; it owns no bytes unless it is grown. Of a part of a part, only the
+  // block underneath is kept.
   class PartialMemory : public KTMemory {
    public:
     PartialMemory(const KTMemoryPtr& source, u32 offset, u32 size);
-    ~PartialMemory() override { data = nullptr; }
 
    private:
     static KTMemoryPtr blockUnder(const KTMemoryPtr& source);
@@ -56,7 +56,6 @@ class CompositeMessage : public Message {
   class ProxyMemory : public KTMemory {
    public:
     ProxyMemory(const KTMemoryPtr& source, u8* first, u32 size);
-    ~ProxyMemory() override { data = nullptr; }
 
    private:
     const KTMemoryPtr source_;
@@ -70,24 +69,24 @@ class CompositeMessage : public Message {
   // Lets go of a chain of parents without calling itself, however often views were split again.
   ~CompositeMessage() override;
 
-  // A root on the block of a message of type 22, as long as the block's `length` says. A new object that has
-  // no owner yet.
+  // Returns a root on the block of a message of type 22, of the block's `length`: a new object that has no
+  // owner yet.
   static CompositeMessage* fromMessage(const Message& message);
 
-  u32 lastTime() override;
-  bool isKeyFrame() override { return false; }
+  u32 lastTime() const override;
+  bool isKeyFrame() const override { return false; }
   // Sound and no picture at all.
-  bool isNonPicture() override { return audioFormats_ != 0 && videoCodecs_ == 0; }
-  bool isDisposableFrame() override { return false; }
-  void countTypes(MessageTypeCounts& counts) override { counts.add(typeCounts_); }
+  bool isNonPicture() const override { return audioFormats_ != 0 && videoCodecs_ == 0; }
+  bool isDisposableFrame() const override { return false; }
+  void countTypes(MessageTypeCounts& counts) const override { counts.add(typeCounts_); }
 
-  // Split in front of the first entry with a time of at least `time`, or of the entry `index` places on. What
-  // would be all of this message is this message, and the other part null.
+  // Split before the first entry with a time of at least `time`, or before the entry at `index`. A part that
+  // would be the whole of this message is this message itself, and the other one null.
   void splitAtTime(u32 time, CompositeMessagePtr& firstPart, CompositeMessagePtr& secondPart);
   void splitAtIndex(u32 index, CompositeMessagePtr& firstPart, CompositeMessagePtr& secondPart);
 
-  // The piece of the parent, or of the parents above it, that lies next to this view: a new object that has
-  // no owner yet, or null.
+  // Return the piece of the parent, or of the parents above it, that lies next to this view: a new object
+  // that has no owner yet; null if there is none.
   CompositeMessage* followingPart();
   CompositeMessage* precedingPart();
 

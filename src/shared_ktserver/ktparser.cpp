@@ -19,16 +19,21 @@ u64 nextCapacity(u64 capacity, u64 needed) {
   return next < needed ? needed + kSpare : next;
 }
 
+// Most messages fit the smallest block, and a long one is moved only a few times.
+u64 blockFor(u64 capacity) {
+  for (const u64 block : {u64{1} << 10, u64{1} << 13, u64{1} << 16}) {
+    if (capacity <= block) return block;
+  }
+  return std::min<u64>(2 * capacity, kLongestBuffer);
+}
+
 }  // namespace
 
 KTParser::KTParser(const u8* data, u32 length, bool throwOnError)
-    : writing_(false), throwOnError_(throwOnError), buffer_(data) {
-  limitTo(data ? length : 0);
-}
-
-void KTParser::limitTo(u32 length) {
-  limit_ = static_cast<i32>(std::min(length, kLongestBuffer));
-}
+    : writing_(false),
+      throwOnError_(throwOnError),
+      buffer_(data),
+      limit_(static_cast<i32>(data ? std::min(length, kLongestBuffer) : 0)) {}
 
 void KTParser::fail() {
   if (throwOnError_) throw KTBreakConnection();
@@ -53,12 +58,18 @@ std::unique_ptr<u8[]> KTParser::copyBytes(u32 length) {
 void KTParser::grow(u32 count) {
   const u64 needed = static_cast<u64>(position_) + count;
   const u64 capacity = nextCapacity(static_cast<u64>(limit_), needed);
-  std::unique_ptr<u8[]> wider(capacity <= kLongestBuffer ? new (std::nothrow) u8[capacity] : nullptr);
+  if (capacity > kLongestBuffer) throw KTOutOfMemory();
+  if (capacity > ownedSize_) reallocate(blockFor(capacity));
+  limit_ = static_cast<i32>(capacity);
+}
+
+void KTParser::reallocate(u64 capacity) {
+  std::unique_ptr<u8[]> wider(new (std::nothrow) u8[capacity]);
   if (!wider) throw KTOutOfMemory();
   if (position_) std::memcpy(wider.get(), buffer_, static_cast<u32>(position_));
   owned_ = std::move(wider);
+  ownedSize_ = capacity;
   buffer_ = owned_.get();
-  limit_ = static_cast<i32>(capacity);
 }
 
 const u8* KTParser::refuseRead() {

@@ -1,8 +1,8 @@
 // A cursor over bytes, with big-endian numbers, length-prefixed texts and one policy for failures.
 //
 // One object either reads bytes that somebody else owns, or writes into a buffer of its own. A read that runs
-// past the end gives 0 or an empty text and is a soft failure: the reader throws KTBreakConnection if it was
-// told to, else it goes sticky, so that every later read fails too and the caller asks once, by failed().
+// past the end returns 0 or an empty text and is a soft failure: the reader throws KTBreakConnection if it
+// was made so, else it goes sticky, so that every later read fails too and the caller asks once, by failed().
 // Reading on a writer counts as such a failure; writing on a reader does nothing. Both are faults of the
 // caller.
 
@@ -34,7 +34,7 @@ class KTParser {
   bool failed() const { return failed_; }
   bool writing() const { return writing_; }
   i32 position() const { return position_; }
-  // The readable length; of a writer, the capacity of its buffer.
+  // The readable length; of a writer, what its buffer holds before it must grow.
   i32 limit() const { return limit_; }
   // Bytes that are left to read.
   u32 remaining() const { return writing_ ? 0 : static_cast<u32>(limit_ - position_); }
@@ -60,23 +60,20 @@ class KTParser {
   // A copy of them that the caller owns.
   std::unique_ptr<u8[]> copyBytes(u32 length);
 
-  // Writing throws KTOutOfMemory when the buffer can't grow; of a text, its length may be written then. What
-  // is written may not lie in the buffer itself.
+  // Writing throws KTOutOfMemory if the buffer can't grow; of a text, its length may be written then. What is
+  // written must not lie in the buffer itself.
   void writeU8(u8 value) { writeNumber(value); }
   void writeU16(u16 value) { writeNumber(value); }
   void writeU32(u32 value) { writeNumber(value); }
   void writeInt64(i64 value) { writeNumber(static_cast<u64>(value)); }
   void writeDouble(double value) { writeNumber(std::bit_cast<u64>(value)); }
-  // A short text is cut at 65,535 bytes, which its length can just tell.
+  // A short text is cut at 65,535 bytes, the most that its length can say.
   void writeString(std::string_view text, TextKind kind);
   void writeBytes(const void* data, u32 length);
 
   // What was written so far; the caller copies it before the writer goes.
   const u8* bytes() const { return buffer_; }
   i32 length() const { return position_; }
-
- protected:
-  ~KTParser() = default;
 
   // The one place for every short read and bad length.
   void fail();
@@ -85,29 +82,13 @@ class KTParser {
     failed_ = true;
     if (!writing_) position_ = limit_;
   }
-  void limitTo(u32 length);
   // Takes back what was written since `position`.
   void rewind(i32 position) { position_ = position; }
 
-  // For what is written in several pieces: the next `count` bytes, all to be filled; null on a reader.
-  u8* room(u32 count) {
-    if (!writing_) return refuseWrite();
-    if (count > static_cast<u32>(limit_ - position_)) grow(count);
-    u8* const bytes = owned_.get() + position_;
-    position_ += static_cast<i32>(count);
-    return bytes;
-  }
-  // Put a number or a text there, and give the place behind it.
-  template <class Number>
-  static u8* put(u8* bytes, Number value) {
-    const Number wire = swapped(value);
-    std::memcpy(bytes, &wire, sizeof wire);
-    return bytes + sizeof wire;
-  }
-  static u8* putText(u8* bytes, std::string_view text) {
-    if (!text.empty()) std::memcpy(bytes, text.data(), text.size());
-    return bytes + text.size();
-  }
+  class Pen;
+
+ protected:
+  ~KTParser() = default;
 
  private:
   template <class Number>
@@ -135,7 +116,46 @@ class KTParser {
     return swapped(value);
   }
 
+  // Put a number or a text at `bytes`. Return the place behind it.
+  template <class Number>
+  static u8* put(u8* bytes, Number value) {
+    const Number wire = swapped(value);
+    std::memcpy(bytes, &wire, sizeof wire);
+    return bytes + sizeof wire;
+  }
+  // Up to 32 bytes, as nearly all names and texts have, go as two pieces that may overlap: a call of memcpy
+  // takes longer than that.
+  static u8* putText(u8* bytes, std::string_view text) {
+    const std::size_t size = text.size();
+    if (size > 32) {
+      std::memcpy(bytes, text.data(), size);
+    } else if (size >= 16) {
+      putEnds<16>(bytes, text);
+    } else if (size >= 8) {
+      putEnds<8>(bytes, text);
+    } else if (size >= 4) {
+      putEnds<4>(bytes, text);
+    } else {
+      for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<u8>(text[i]);
+    }
+    return bytes + size;
+  }
+  template <std::size_t kPiece>
+  static void putEnds(u8* bytes, std::string_view text) {
+    std::memcpy(bytes, text.data(), kPiece);
+    std::memcpy(bytes + text.size() - kPiece, text.data() + text.size() - kPiece, kPiece);
+  }
+
+  // The next `count` bytes, all to be filled; null on a reader.
+  u8* room(u32 count) {
+    if (!writing_) return refuseWrite();
+    if (count > static_cast<u32>(limit_ - position_)) grow(count);
+    u8* const bytes = owned_.get() + position_;
+    position_ += static_cast<i32>(count);
+    return bytes;
+  }
   void grow(u32 count);
+  void reallocate(u64 capacity);
   u8* refuseWrite();
 
   template <class Number>
@@ -147,8 +167,52 @@ class KTParser {
   const bool writing_;
   bool throwOnError_ = false;
   std::unique_ptr<u8[]> owned_;  // A writer's buffer.
+  u64 ownedSize_ = 0;            // At least `limit_`.
   const u8* buffer_ = nullptr;
   i32 position_ = 0;
   i32 limit_ = 0;
   i32 encoding_ = 0;
+};
+
+// Writes many small pieces in a row with the cursor at hand, where each of KTParser's own operations would
+// load and store it. While a pen is set, only the pen may use the parser, which must be a writer.
+class KTParser::Pen {
+ public:
+  explicit Pen(KTParser& parser) : parser_(parser) { set(); }
+  ~Pen() { lift(); }
+  Pen(const Pen&) = delete;
+  Pen& operator=(const Pen&) = delete;
+
+  // Makes room for what is put next, `count` bytes in all. May throw KTOutOfMemory.
+  void need(u32 count) {
+    if (count <= static_cast<u64>(end_ - at_)) [[likely]]
+      return;
+    lift();
+    parser_.grow(count);
+    set();
+  }
+  template <class Number>
+  void put(Number value) {
+    at_ = KTParser::put(at_, value);
+  }
+  // Of at most kMaxShortText bytes, with its length.
+  void putShortText(std::string_view text) {
+    put(static_cast<u16>(text.size()));
+    at_ = putText(at_, text);
+  }
+
+  // Gives the parser its cursor back.
+  void lift() {
+    if (at_) parser_.position_ = static_cast<i32>(at_ - parser_.owned_.get());
+    at_ = end_ = nullptr;
+  }
+  void set() {
+    at_ = parser_.owned_.get() + parser_.position_;
+    end_ = parser_.owned_.get() + parser_.limit_;
+  }
+
+ private:
+  KTParser& parser_;
+  u8* at_ = nullptr;
+  u8* end_ = nullptr;
 };

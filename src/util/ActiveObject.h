@@ -1,4 +1,4 @@
-// A counted object that is told when its first activity begins and when its last one ends.
+// A counted object with hooks for the start of its first activity and the end of its last one.
 
 #pragma once
 

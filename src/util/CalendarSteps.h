@@ -12,7 +12,7 @@
 
 namespace orv::util {
 
-// False when the year doesn't fit its field.
+// Returns false when the year doesn't fit its field.
 bool toBrokenDown(i64 seconds, orv::platform::Zone zone, std::tm* time);
 
 // The seconds of a local time. False, with `*seconds` untouched, when the calendar refuses it.

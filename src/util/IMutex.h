@@ -1,4 +1,4 @@
-// What every lock of this library answers to, and the guard that holds one for a scope.
+// The interface of every lock of this library, and the guard that holds one for a scope.
 
 #pragma once
 
@@ -11,7 +11,7 @@ class IMutex {
   virtual bool lock() = 0;    // Always true.
   virtual bool unlock() = 0;  // Always true.
   virtual orv::platform::CriticalSection* nativeHandle() = 0;
-  // How often a taken lock is tried again before the thread sleeps. Gives the earlier count.
+  // Sets how often a taken lock is tried again before the thread sleeps. Returns the earlier count.
   virtual u32 setSpinCount(u32 count) = 0;
 
  protected:

@@ -7,10 +7,6 @@
 
 namespace {
 
-void freeArray(u8* data) {
-  delete[] data;
-}
-
 KTMemory* makeBlock(u32 size, KTPoolSide<KTMemory>* pool) {
   return pool ? pool->acquire(size) : new KTMemory(size, nullptr);
 }
@@ -32,15 +28,9 @@ KTMemory::~KTMemory() {
   if (freeFunction) freeFunction(data);
 }
 
-i32 KTMemory::addRef() {
-  // One count is the pool's: only the caller knows of a block that has no user yet.
-  return pool && refCount_.replace(1, 2) ? 2 : refCount_.increment();
-}
-
 i32 KTMemory::release() {
   KTPoolSide<KTMemory>* const owner = pool;  // Behind the decrement the block may be somebody else's.
-  // Two counts are the pool's and the caller's: nobody is left who could change them meanwhile.
-  const i32 count = owner && refCount_.replace(2, 1) ? 1 : refCount_.decrement();
+  const i32 count = owner ? refCount_.decrementPooled() : refCount_.decrement();
   if (count < 1) {
     delete this;
     return 0;

@@ -6,9 +6,8 @@
 
 #include "util/KTObject.h"
 
-// The side of a pool that its entries and their makers see. An entry never owns its pool. A pool keeps its
-// own count of an entry that is with a user untouched: the first user's count comes and goes on that rule
-// without an interlocked instruction.
+// The side of a pool that its entries and their makers see. An entry never owns its pool. A pool leaves its
+// own count alone while the entry is out: KTAtomicCounter::decrementPooled rests on that.
 template <class Entry>
 class KTPoolSide {
  public:
@@ -35,13 +34,15 @@ class KTMemory : public KTObject {
   KTMemory(u32 size, KTPoolSide<KTMemory>* owner);
   ~KTMemory() override;
 
-  i32 addRef() override;
   // A pooled block that only its pool still holds goes back there; it stays alive, and the result is 1.
   i32 release() override;
 
-  // Makes room for `size` bytes. The old bytes are lost when there was less; when the allocation fails, the
+  // Makes room for `size` bytes. If there was less, the old bytes are lost; if the allocation fails, the
   // block is left with none.
   void reserve(u32 size);
+
+  // The `freeFunction` of bytes that came from array new.
+  static void freeArray(u8* data) { delete[] data; }
 
   u8* data = nullptr;  // May point into a block that somebody else owns.
   u32 capacity = 0;
@@ -64,12 +65,12 @@ class KTMemoryPtr : public KTPtr<KTMemory> {
   KTMemoryPtr(u32 size, KTPoolSide<KTMemory>* pool);
 };
 
-// The pool that blocks are taken from where nobody names one; null, the start, means the heap. Whoever
+// The pool that blocks are taken from where nobody names one; null, as at the start, for the heap. Whoever
 // installs a pool keeps it alive until the last of its blocks is gone.
 extern std::atomic<KTPoolSide<KTMemory>*> defaultMemoryPool;
 
-// The bytes from `begin` to `end` of a block. Filled by append, it is an output buffer and `end` tells how
-// much was written. Always `begin` <= `end` <= `size`.
+// The bytes from `begin` to `end` of a block. Filled by append, it is an output buffer and `end` is the
+// number of bytes written. Always `begin` <= `end` <= `size`.
 class KTBuffer {
  public:
   KTBuffer() = default;
@@ -79,11 +80,11 @@ class KTBuffer {
   // `block` may be null, with the range 0, 0.
   void assign(const KTMemoryPtr& block, u32 first, u32 last);
 
-  // Copies what fits behind `end` and gives that number. Never grows the block.
+  // Copies what fits behind `end` and returns that number. Never grows the block.
   u32 append(const void* source, u32 count);
 
   // A copy of the bytes at `cursor` behind their length (32 bits, big-endian), which must all be there;
-  // `cursor` moves behind them. A null cursor or a length of 0 gives the default view.
+  // `cursor` moves behind them. Returns the default view for a null cursor and a length of 0.
   static KTBuffer fromBytes(const u8*& cursor);
 
   KTMemoryPtr memory;

@@ -22,11 +22,11 @@ class KTConditionSignal : private boost::noncopyable {
   KTConditionSignal() = default;
   virtual ~KTConditionSignal() = default;
 
-  // Each unlocks `held` once, waits, and locks it again, whatever the outcome. A signal between the unlocking
-  // and the waiting isn't lost.
+  // Unlock `held` once, wait, and lock it again, whatever the outcome. A signal between unlocking and waiting
+  // isn't lost. Return one of the three results above.
   int wait(IMutex& held);
   int wait(IMutex& held, u32 milliseconds);
-  // Whole milliseconds; what is left over is dropped, and a negative limit is 0. No limit stands for ever.
+  // Counts whole milliseconds; a negative limit is 0. No limit means for ever.
   int wait(IMutex& held, KTTicks limit);
 
   void signal() { event_.signal(); }
@@ -37,7 +37,7 @@ class KTConditionSignal : private boost::noncopyable {
 
 namespace orv::util {
 
-// All take what is below a millisecond, and whatever is negative, as nothing.
+// Fractions of a millisecond and negative times count as nothing.
 void yield();
 void sleepSeconds(double seconds);
 void sleepMilliseconds(double milliseconds);

@@ -1,5 +1,6 @@
 #include "util/KTFiberMutex.h"
 
+#include "util/ORVFiber.h"
 #include "util/ThreadSlots.h"
 
 using orv::platform::SectionGuard;
@@ -8,7 +9,7 @@ namespace {
 
 constexpr int kStateWaiting = 3;
 
-// What the two ends of the line carry in place of a worker.
+// The ends of the line carry these in place of a worker.
 constexpr std::uintptr_t kHeadMark = 0xCAAAAAAA;
 constexpr std::uintptr_t kTailMark = 0xCEEEEEEE;
 
@@ -39,13 +40,16 @@ KTFiberMutex::~KTFiberMutex() {
 bool KTFiberMutex::lock() {
   const SectionGuard guard(section_);
   IWorker* const me = callingWorker();
-  if (!owner_) {
-    owner_ = me;
-  } else if (owner_ == me) {
+  if (owner_ == me) {
     ++recursion_;
-  } else {
-    waitInLine(*me);
+    return true;
   }
+  if (owner_) {
+    waitInLine(*me);
+  } else {
+    owner_ = me;
+  }
+  me->noteTaken();
   return true;
 }
 
@@ -56,18 +60,26 @@ bool KTFiberMutex::unlock() {
     return true;
   }
   lastOwner_ = owner_;
-  if (owner_) owner_->setWaitingMutex(nullptr);
+  if (owner_) {
+    owner_->setWaitingMutex(nullptr);
+    owner_->noteGiven(section_.holder());
+  }
   owner_ = resumeFirst();
   return true;
 }
 
-// Whoever unlocked has made `me` the owner; anything else that woke it has no say.
+// Whoever unlocked has made `me` the owner. Anything else that woke it has no say, unless nobody in the line
+// could be resumed: then the mutex is free.
 void KTFiberMutex::waitInLine(IWorker& me) {
   append(me.waitLink);
   do {
     section_.leave();
     suspend(me);
-    section_.enter();
+    enterAfterWait(me);
+    if (!owner_) {
+      remove(me.waitLink);
+      owner_ = &me;
+    }
   } while (owner_ != &me);
 }
 
@@ -80,6 +92,14 @@ void KTFiberMutex::suspend(IWorker& me) {
   me.suspend();
 }
 
+void KTFiberMutex::enterAfterWait(IWorker& me) {
+  if (me.workerType() == kWorkerFiber) {
+    static_cast<ORVFiber&>(me).enterAfterWait(section_);
+  } else {
+    static_cast<ORVThreadMutexDelegate&>(me).enterAfterWait(section_);
+  }
+}
+
 void KTFiberMutex::append(WaitLink& link) {
   link.previous = tail_.previous;
   link.next = &tail_;
@@ -87,21 +107,22 @@ void KTFiberMutex::append(WaitLink& link) {
   tail_.previous = &link;
 }
 
-// Null when nobody waits.
-IWorker* KTFiberMutex::takeFirst() {
-  WaitLink* const first = head_.next;
-  if (first == &tail_) return nullptr;
-  head_.next = first->next;
-  first->next->previous = &head_;
-  first->next = first->previous = nullptr;
-  return first->worker;
+void KTFiberMutex::remove(WaitLink& link) {
+  link.previous->next = link.next;
+  link.next->previous = link.previous;
+  link.next = link.previous = nullptr;
 }
 
+// Takes the first that can be resumed out of the line. The others stay, and are tried again by the next
+// unlock: a fiber that finds no thread to go on, and in the child of a fork a thread that isn't there. Null
+// when there is none.
 IWorker* KTFiberMutex::resumeFirst() {
-  for (;;) {
-    IWorker* const next = takeFirst();
-    if (!next || next->resume()) return next;
+  for (WaitLink* link = head_.next; link != &tail_; link = link->next) {
+    if (!link->worker->resume()) continue;
+    remove(*link);
+    return link->worker;
   }
+  return nullptr;
 }
 
 u32 KTFiberMutex::waitersForTest() {

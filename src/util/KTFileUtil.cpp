@@ -17,16 +17,8 @@ constexpr std::size_t kLineSize = 1024;
 
 using paths::toNative;
 
-template <class Byte, class Move>
-i64 moveAll(Byte* buffer, i64 count, Move move) {
-  i64 done = 0;
-  while (done < count) {
-    const i64 moved = move(buffer + done, count - done);
-    if (moved < 0) return -1;
-    if (moved == 0) break;
-    done += moved;
-  }
-  return done;
+i64 movedOrFailed(const platform::Transfer& transfer) {
+  return transfer.error ? -1 : transfer.bytes;
 }
 
 int resultOf(bool good) {
@@ -36,17 +28,15 @@ int resultOf(bool good) {
 }  // namespace
 
 i64 readAll(int fd, void* buffer, i64 count) {
-  return moveAll(static_cast<u8*>(buffer), count,
-                 [fd](u8* at, i64 size) { return orv::platform::readSome(fd, at, size); });
+  return movedOrFailed(platform::readDescriptor(fd, buffer, count));
 }
 
 i64 writeAll(int fd, const void* buffer, i64 count) {
-  return moveAll(static_cast<const u8*>(buffer), count,
-                 [fd](const u8* at, i64 size) { return orv::platform::writeSome(fd, at, size); });
+  return movedOrFailed(platform::writeDescriptor(fd, buffer, count));
 }
 
 i64 seek64(int fd, i64 offset, int whence) {
-  return orv::platform::seekDescriptor(fd, offset, whence);
+  return platform::seekDescriptor(fd, offset, whence);
 }
 
 i64 extendTo(int fd, i64 offset) {
@@ -56,11 +46,11 @@ i64 extendTo(int fd, i64 offset) {
 }
 
 bool setSparse(int fd) {
-  return orv::platform::isRegularFile(fd);
+  return platform::isRegularFile(fd);
 }
 
 int openTempFile() {
-  return orv::platform::openTemporaryFile("orv");
+  return platform::openTemporaryFile("orv");
 }
 
 bool appendLine(const KTWideString& path, const char* format, ...) {
@@ -78,47 +68,47 @@ bool appendLine(const KTWideString& path, const char* format, ...) {
 }
 
 int makeDirectory(const KTWideString& path) {
-  return resultOf(orv::platform::makeDirectory(toNative(path).c_str()));
+  return resultOf(platform::makeDirectory(toNative(path).c_str()));
 }
 
 bool removeDirectory(const KTWideString& path) {
-  return orv::platform::removeDirectory(toNative(path).c_str());
+  return platform::removeDirectory(toNative(path).c_str());
 }
 
 bool deleteFile(const KTWideString& path) {
-  return orv::platform::removeFile(toNative(path).c_str());
+  return platform::removeFile(toNative(path).c_str());
 }
 
 bool renameFile(const KTWideString& from, const KTWideString& to) {
-  return orv::platform::renameFile(toNative(from).c_str(), toNative(to).c_str());
+  return platform::renameFile(toNative(from).c_str(), toNative(to).c_str());
 }
 
 bool copyFile(const KTWideString& from, const KTWideString& to) {
-  return orv::platform::copyFile(toNative(from).c_str(), toNative(to).c_str());
+  return platform::copyFile(toNative(from).c_str(), toNative(to).c_str());
 }
 
-int stat(const KTWideString& path, orv::platform::FileState* state) {
-  return resultOf(orv::platform::fileState(toNative(path).c_str(), state));
+int stat(const KTWideString& path, platform::FileState* state) {
+  return resultOf(platform::fileState(toNative(path).c_str(), state));
 }
 
 int access(const KTWideString& path, int mode) {
-  return resultOf(orv::platform::mayAccess(toNative(path).c_str(), mode));
+  return resultOf(platform::mayAccess(toNative(path).c_str(), mode));
 }
 
 bool isDirectory(const KTWideString& path) {
   const KTWideString stripped = paths::stripTrailingSeparator(path);
   const KTWideString& name = stripped.empty() ? path : stripped;  // The root is all separator.
-  orv::platform::FileState state;
+  platform::FileState state;
   return stat(name, &state) == 0 ? state.isDirectory : access(name, 0) == 0;
 }
 
 bool isReadOnly(const KTWideString& path) {
-  orv::platform::FileState state;
+  platform::FileState state;
   return stat(path, &state) == 0 && state.readable && !state.writable;
 }
 
 bool removeTree(const KTWideString& path) {
-  return orv::platform::removeTree(toNative(path).c_str());
+  return platform::removeTree(toNative(path).c_str());
 }
 
 bool createDirectories(const KTWideString& path) {

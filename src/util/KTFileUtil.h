@@ -1,5 +1,6 @@
 // A thin layer over the platform's file calls, for paths in wide text with backslashes (util/KTPathUtil.h). A
-// failure of the platform's is told by orv::platform::lastErrorCode(). Streams are in util/KTStreamUtil.h.
+// failure of the platform's has its code in orv::platform::lastErrorCode(). Streams are in
+// util/KTStreamUtil.h.
 
 #pragma once
 
@@ -24,8 +25,8 @@ bool setSparse(int fd);
 // A new file in the directory for temporary files, which goes when it is closed; -1 on failure.
 int openTempFile();
 
-// Prints as printf does into 1,024 bytes, where a longer line is cut, and appends it with a line feed. False
-// if it isn't in the file whole.
+// Prints as printf does, cuts the text at 1,023 bytes and appends it with a line feed. Returns false if
+// printing, opening or writing fails; a part of the line may be in the file then.
 bool appendLine(const KTWideString& path, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 int makeDirectory(const KTWideString& path);  // 0 or -1.

@@ -13,26 +13,32 @@
 // reader always sees the latest value and all that was written before it.
 class KTAtomicCounter {
  public:
-  explicit KTAtomicCounter(i32 value = 0) : value_(value) {}
+  explicit KTAtomicCounter(orv::i32 value = 0) : value_(value) {}
   KTAtomicCounter(const KTAtomicCounter&) = delete;
   KTAtomicCounter& operator=(const KTAtomicCounter&) = delete;
 
-  i32 increment() { return value_.fetch_add(1, std::memory_order_acq_rel) + 1; }
-  i32 decrement() { return value_.fetch_sub(1, std::memory_order_acq_rel) - 1; }
-  i32 read() const { return value_.fetch_add(0, std::memory_order_acq_rel); }
-  void store(i32 value) { value_.exchange(value, std::memory_order_acq_rel); }
+  orv::i32 increment() { return value_.fetch_add(1, std::memory_order_acq_rel) + 1; }
+  orv::i32 decrement() { return value_.fetch_sub(1, std::memory_order_acq_rel) - 1; }
+  orv::i32 read() const { return value_.fetch_add(0, std::memory_order_acq_rel); }
+  void store(orv::i32 value) { value_.exchange(value, std::memory_order_acq_rel); }
   void clear() { store(0); }
 
-  // For the one who knows that nobody else uses the word meanwhile: these take no interlocked instruction.
+  // Not atomic: only with exclusive access to the counter.
   void restart() { value_.store(0, std::memory_order_relaxed); }
-  bool replace(i32 expected, i32 value) {
-    if (value_.load(std::memory_order_acquire) != expected) return false;
-    value_.store(value, std::memory_order_relaxed);
-    return true;
+
+  // The decrement of a pooled entry's count, by somebody who owns one count of it and gives that up. Two
+  // counts are then the caller's and the pool's, which keeps its own for as long as the entry is out. Only
+  // the owner of a count may raise it, and the caller is doing this instead: nobody else can write to the
+  // word before the entry is back in the pool. So no interlocked instruction is needed. The acquiring load
+  // sees what earlier owners wrote; the pool's own hand-over makes the store visible to the next one.
+  orv::i32 decrementPooled() {
+    if (value_.load(std::memory_order_acquire) != 2) return decrement();
+    value_.store(1, std::memory_order_relaxed);
+    return 1;
   }
 
  private:
-  mutable std::atomic<i32> value_;
+  mutable std::atomic<orv::i32> value_;
 };
 
 // A new object has count 0 and no owner until the first KTPtr takes it. The order of the virtual operations
@@ -43,21 +49,21 @@ class KTObject {
   KTObject(const KTObject&) = delete;
   KTObject& operator=(const KTObject&) = delete;
 
-  virtual i32 getRefCount() { return refCount_.read(); }
-  virtual i32 addRef() { return refCount_.increment(); }
+  virtual orv::i32 getRefCount() { return refCount_.read(); }
+  virtual orv::i32 addRef() { return refCount_.increment(); }
   // The new count; 0 when the object destroyed itself.
-  virtual inline i32 release();
+  virtual inline orv::i32 release();
   virtual KTObject* self() { return this; }
   virtual ~KTObject() = default;
-  virtual bool queryTrue(u32) { return true; }
+  virtual bool queryTrue(orv::u32) { return true; }
   virtual void noOperation() {}
 
  protected:
   KTAtomicCounter refCount_;
 };
 
-inline i32 KTObject::release() {
-  const i32 count = refCount_.decrement();
+inline orv::i32 KTObject::release() {
+  const orv::i32 count = refCount_.decrement();
   if (count > 0) return count;
 #ifndef __clang_analyzer__  // It can't follow counts, and sees uses behind every delete.
   delete this;

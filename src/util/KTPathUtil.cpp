@@ -82,7 +82,7 @@ KTWideString toForwardSlashes(const KTWideString& path) {
 
 bool join(const KTWideString& base, const KTWideString& relative, KTWideString* out, bool allowAbsolute,
           bool allowDotDot) {
-  const bool absolute = isAbsolute(relative);
+  const bool absolute = isAbsolute(toBackslashes(relative));
   if (absolute && allowAbsolute) {
     *out = relative;
     return true;

@@ -15,33 +15,33 @@ KTWideString parentDirectory(const KTWideString& path);
 // Drops one last backslash, except that of a drive root; a bare "C:" gains one.
 KTWideString stripTrailingSeparator(const KTWideString& path);
 
-// Has two backslashes in a row anywhere, or a colon at index 1. A path with one backslash in front does not
-// count.
+// Whether the path has two backslashes in a row anywhere, or a colon at index 1. One backslash in front does
+// not make it absolute.
 bool isAbsolute(const KTWideString& path);
 
 // Every slash becomes a backslash.
 KTWideString toBackslashes(const KTWideString& path);
-// Two leading backslashes are dropped, or else a colon at index 1; then every backslash becomes a slash.
+// Drops two leading backslashes, or else a colon at index 1; then every backslash becomes a slash.
 KTWideString toForwardSlashes(const KTWideString& path);
 
-// `relative` under `base`, in `*out`, with backslashes only unless `relative` is empty. An absolute
-// `relative` is the result itself, as it stands, when `allowAbsolute` is set, and a failure when it is not.
-// Unless `allowDotDot` is set, a failure also when the first ".." in `relative` is a path element; what
-// follows the first one is not looked at, so the join alone keeps nobody in. After a failure `*out` holds
-// `base` with a backslash. The three may be one object.
+// Puts `relative` under `base` in `*out`, with backslashes only unless `relative` is empty. A `relative` that
+// is absolute, or becomes so once its slashes are turned, is the result as it stands if `allowAbsolute` is
+// set, and a failure if not. Unless `allowDotDot` is set, it is also a failure if the first ".." in
+// `relative` is a path element; later ones are not looked at, so the join alone keeps nobody in. Returns
+// false on failure, with `base` and a backslash in `*out`. The three may be one object.
 bool join(const KTWideString& base, const KTWideString& relative, KTWideString* out, bool allowAbsolute,
           bool allowDotDot);
 
 // Every character that a file name can't hold becomes "_".
 KTWideString safeFileName(const KTWideString& text);
 
-// The directory of the running program, with a backslash behind it. Throws KTException with
-// "GetModuleFileName failed. Error was " and the system's error number when there is no telling, or when its
-// name isn't wide text.
+// Returns the directory of the running program, with a backslash behind it. Throws KTException with
+// "GetModuleFileName failed. Error was " and the system's error number if it can't be found out or isn't
+// valid UTF-8.
 KTWideString moduleDirectory();
 
-// As the operating system takes it: UTF-8 with slashes, for characters of up to 16 bits; what lies above
-// can't be named. Empty for a path with a character of value 0, which would name another file.
+// Converts to what the operating system takes: UTF-8 with slashes, one sequence for each 16-bit character.
+// Returns an empty text for a path with a character of value 0, which would name another file.
 KTString toNative(const KTWideString& path);
 
 }  // namespace orv::util::paths

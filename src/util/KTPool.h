@@ -3,8 +3,8 @@
 //
 // An entry is with its users, on one thread's list or on the pool's. The pool holds one count of it for all
 // its life, so that it comes home when its count falls to 1, on whatever thread that happens. Threads
-// exchange entries with the pool in batches, which follow from what the pool has handed out. A thread that
-// ends without slotsTearDown keeps its list, and its share of the marks, for good.
+// exchange entries with the pool in batches, which follow from what the pool has handed out. What a thread
+// keeps comes home when its slots are torn down; where it ends without that, some later thread does it.
 
 #pragma once
 
@@ -15,15 +15,16 @@
 #include <new>
 #include <utility>
 
+#include "platform/Fork.h"
 #include "util/KTBuffer.h"
 #include "util/KTPoolQueue.h"
 #include "util/KTPoolStats.h"
 #include "util/KTThreadOnlyMutex.h"
 #include "util/ThreadSlots.h"
 
-// What a pool must know of its entries; specialised beside each class that can be pooled. `make` gives an
-// entry with a count of 1 and no bytes; `prepare` makes a new or a free one fit for a user who asked for
-// `size`. Both may throw.
+// What a pool must know of its entries; specialised beside each class that can be pooled. `make` returns an
+// entry with a count of 1 and no bytes; `prepare` makes a new or a free entry fit for a request of `size`
+// bytes. Both may throw.
 template <class Entry>
 struct KTPoolTraits;
 
@@ -47,10 +48,13 @@ class KTPool;
 class KTPoolCacheBase {
  public:
   explicit KTPoolCacheBase(void* pool) : pool_(pool) {}
-  bool belongsTo(const void* pool) const { return pool_ == pool; }
+  bool belongsTo(const void* pool) const { return pool_.load(std::memory_order_relaxed) == pool; }
+
+  // For the pool, under its mutex.
+  KTPoolCacheBase* nextOfPool = nullptr;
 
  protected:
-  void* const pool_;
+  std::atomic<void*> pool_;  // Null when the pool has gone first.
 };
 
 // One thread's share of a pool. Only its thread touches it. On cache lines of its own.
@@ -68,14 +72,19 @@ class alignas(64) KTPoolCache : public KTPoolCacheBase, private boost::noncopyab
   // For the pool, which keeps the books for what it moves.
   void put(Entry* entry, u64 cost);
   KTPoolTally moveAllTo(KTPoolQueue<Entry>& queue);
+  void forgetPool() { pool_.store(nullptr, std::memory_order_release); }
+  // Shows the caller what the cache's thread has done, which must have ended.
+  void takeOver() const { static_cast<void>(outstanding_.load(std::memory_order_acquire)); }
 
   u64 count() const { return held_.count; }
-  i32 outstanding() const { return outstanding_; }
+  i32 outstanding() const { return outstanding_.load(std::memory_order_relaxed); }
+  // What the thread has counted since it last handed its counters in.
+  const KTPoolStats& stats() const { return stats_; }
 
  private:
   using Traits = KTPoolTraits<Entry>;
 
-  KTPool<Entry>& pool() const { return *static_cast<KTPool<Entry>*>(pool_); }
+  KTPool<Entry>& pool() const { return *static_cast<KTPool<Entry>*>(pool_.load(std::memory_order_relaxed)); }
   [[gnu::always_inline]] inline Entry* hit(u32 size);
   void keep(Entry* entry);
   void countOut();
@@ -92,13 +101,13 @@ class alignas(64) KTPoolCache : public KTPoolCacheBase, private boost::noncopyab
   KTPoolQueue<Entry> queue_;
   KTPoolTally held_;  // What is in the queue,
   KTPoolTally told_;  // and how much of it the pool knows of.
-  // Taken less given back: negative on a thread that mostly releases. Stops at its ends.
-  i32 outstanding_ = 0;
+  // Taken less given back: negative on a thread that mostly releases. Stops at its ends. Stored last in each
+  // operation, for whoever takes the cache over.
+  std::atomic<i32> outstanding_{0};
   KTPoolStats stats_;  // Since they were last handed in.
 };
 
-// Any thread may use it. It must outlive its entries, and the thread slots of all threads that have used it,
-// but for those of the thread that destroys it.
+// Any thread may use it. It must outlive its entries, and all use by other threads.
 template <class Entry>
 class KTPool final : public KTPoolSide<Entry>, private boost::noncopyable {
  public:
@@ -125,8 +134,8 @@ class KTPool final : public KTPoolSide<Entry>, private boost::noncopyable {
   u64 giveBack(KTPoolCache<Entry>& cache, KTPoolStats& stats);
   void sync(KTPoolStats& stats);
 
-  void cacheMade();
-  void cacheGone();
+  void cacheMade(KTPoolCache<Entry>& cache);
+  void cacheGone(KTPoolCache<Entry>& cache);
 
  private:
   using Traits = KTPoolTraits<Entry>;
@@ -136,6 +145,7 @@ class KTPool final : public KTPoolSide<Entry>, private boost::noncopyable {
   [[gnu::noinline]] Entry* acquireDirectly(u32 size);
   [[gnu::noinline]] void destroyDirectly(Entry* entry);
 
+  void takeBackFrom(KTPoolCache<Entry>& cache);
   void merge(KTPoolStats& stats);
   void updateMarks();
   void destroyOldest();
@@ -152,6 +162,8 @@ class KTPool final : public KTPoolSide<Entry>, private boost::noncopyable {
   alignas(64) KTThreadOnlyMutex mutex_{false};
   KTPoolQueue<Entry> free_;  // Under mutex_, as is what follows.
   KTPoolCounters counters_;
+  KTPoolCacheBase* caches_ = nullptr;
+  const orv::platform::HeldOverForks held_{*mutex_.nativeHandle()};
 };
 
 #include "util/KTPoolCacheImpl.h"

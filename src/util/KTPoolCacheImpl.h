@@ -6,12 +6,14 @@
 
 template <class Entry>
 KTPoolCache<Entry>::KTPoolCache(KTPool<Entry>& pool) : KTPoolCacheBase(&pool) {
-  pool.cacheMade();
+  pool.cacheMade(*this);
 }
 
 template <class Entry>
 KTPoolCache<Entry>::~KTPoolCache() {
-  pool().cacheGone();
+  takeOver();
+  if (belongsTo(nullptr)) return;
+  pool().cacheGone(*this);
   pool().giveBack(*this, handIn());
 }
 
@@ -20,15 +22,15 @@ Entry* KTPoolCache<Entry>::acquire(u32 size, u32 lowMark, u32 highMark, u32 sync
   if (size > pool().settings().maxEntrySize) return makeOversize(size);
   if (queue_.empty()) return refill(size, lowMark, highMark);
   Entry* const entry = hit(size);
-  countOut();
   if (stats_.hits.count > syncInterval) pool().sync(handIn());
+  countOut();
   return entry;
 }
 
 // The list is empty: gets entries from the pool, else makes some, and takes one.
 template <class Entry>
 Entry* KTPoolCache<Entry>::refill(u32 size, u32 lowMark, u32 highMark) {
-  const i64 outstanding = i64{outstanding_} + 1;  // This one is asked for.
+  const i64 outstanding = i64{this->outstanding()} + 1;  // This one is asked for.
   const i64 want = outstanding > 0 ? 2 * outstanding : lowMark;
   const u32 batch = static_cast<u32>(std::min<i64>(want, highMark));
   pool().takeBatch(batch, *this, handIn());
@@ -40,30 +42,33 @@ Entry* KTPoolCache<Entry>::refill(u32 size, u32 lowMark, u32 highMark) {
 template <class Entry>
 void KTPoolCache<Entry>::recycle(Entry* entry, u32 highMark, u32 syncInterval) {
   if (Traits::cost(*entry) > pool().settings().maxEntrySize) return destroyOversize(entry);
-  countIn();
   keep(entry);
   if (held_.count > highMark) {
     pool().giveBack(*this, handIn());
   } else if (stats_.hits.count > syncInterval) {
     pool().sync(handIn());
   }
+  countIn();
 }
 
 template <class Entry>
 Entry* KTPoolCache<Entry>::makeOversize(u32 size) {
   Entry* const entry = makeEntries(size, 1);
   stats_.oversizeAlloc.add(Traits::cost(*entry));
+  outstanding_.store(outstanding(), std::memory_order_release);
   return entry;
 }
 
 template <class Entry>
 void KTPoolCache<Entry>::countOut() {
-  if (outstanding_ < std::numeric_limits<i32>::max()) ++outstanding_;
+  const i32 now = outstanding();
+  outstanding_.store(now + (now < std::numeric_limits<i32>::max()), std::memory_order_release);
 }
 
 template <class Entry>
 void KTPoolCache<Entry>::countIn() {
-  if (outstanding_ > std::numeric_limits<i32>::min()) --outstanding_;
+  const i32 now = outstanding();
+  outstanding_.store(now - (now > std::numeric_limits<i32>::min()), std::memory_order_release);
 }
 
 template <class Entry>
@@ -72,10 +77,11 @@ void KTPoolCache<Entry>::destroyOversize(Entry* entry) {
   stats_.oversizeFree.add(cost);
   stats_.destroy.add(cost);
   entry->release();
+  outstanding_.store(outstanding(), std::memory_order_release);
 }
 
-// Gives the last one and keeps the others. All objects are made before the first gets its bytes: so they lie
-// side by side, and whoever walks along a list of them touches few pages.
+// Returns the last one and keeps the others. All objects are made before the first gets its bytes: they lie
+// side by side, and a walk along a list of them touches few pages.
 template <class Entry>
 Entry* KTPoolCache<Entry>::makeEntries(u32 size, u32 number) {
   KTPoolQueue<Entry> bare;

@@ -6,16 +6,28 @@
 
 template <class Entry>
 KTPool<Entry>::KTPool(const KTPoolSettings& settings) : settings_(settings) {
-  KT_ASSERT(settings.maxEntrySize > 0 && settings.threadSlot < kSlotCount);
+  KT_ASSERT(settings.maxEntrySize > 0 && settings.threadSlot <= kSlotPoolCacheLast);
   updateMarks();
 }
 
 template <class Entry>
 KTPool<Entry>::~KTPool() {
-  const auto* const mine = static_cast<const KTPoolCacheBase*>(slotGet(settings_.threadSlot));
-  if (mine && mine->belongsTo(this)) slotSet(settings_.threadSlot, nullptr, nullptr);
-  KT_ASSERT(counters_.cacheCount == 0);
+  if (settings_.threadSlot <= kSlotPoolCacheLast) {
+    const auto* const mine = static_cast<const KTPoolCacheBase*>(slotGet(settings_.threadSlot));
+    if (mine && mine->belongsTo(this)) slotSet(settings_.threadSlot, nullptr, nullptr);
+  }
+  slotsCollect();
+  while (caches_) takeBackFrom(*static_cast<KTPoolCache<Entry>*>(caches_));
   while (!free_.empty()) destroyOldest();
+}
+
+// From a thread that lives on: what it keeps for this pool is of no more use.
+template <class Entry>
+void KTPool<Entry>::takeBackFrom(KTPoolCache<Entry>& cache) {
+  cache.takeOver();
+  cacheGone(cache);
+  cache.moveAllTo(free_);
+  cache.forgetPool();
 }
 
 template <class Entry>
@@ -59,6 +71,7 @@ void KTPool<Entry>::destroyDirectly(Entry* entry) {
 
 template <class Entry>
 KTPoolCache<Entry>* KTPool<Entry>::threadCache() {
+  if (settings_.threadSlot > kSlotPoolCacheLast) return nullptr;  // What is there is no cache.
   void* const found = slotGet(settings_.threadSlot);
   if (!found) return makeThreadCache();
   auto* const base = static_cast<KTPoolCacheBase*>(found);
@@ -138,15 +151,19 @@ void KTPool<Entry>::destroyOldest() {
 }
 
 template <class Entry>
-void KTPool<Entry>::cacheMade() {
+void KTPool<Entry>::cacheMade(KTPoolCache<Entry>& cache) {
   const KTMutexGuard guard(mutex_);
   ++counters_.cacheCount;
+  cache.nextOfPool = std::exchange(caches_, &cache);
 }
 
 template <class Entry>
-void KTPool<Entry>::cacheGone() {
+void KTPool<Entry>::cacheGone(KTPoolCache<Entry>& cache) {
   const KTMutexGuard guard(mutex_);
   --counters_.cacheCount;
+  KTPoolCacheBase** place = &caches_;
+  while (*place != &cache) place = &(*place)->nextOfPool;
+  *place = cache.nextOfPool;
 }
 
 template <class Entry>

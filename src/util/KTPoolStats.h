@@ -1,4 +1,4 @@
-// What a pool is told at its making, and what it counts.
+// The settings of a pool, and its counters.
 
 #pragma once
 
@@ -6,11 +6,13 @@
 
 // Sizes are in bytes, an entry's own object included.
 struct KTPoolSettings {
-  u32 threadSlot = 0;    // The thread slot of the caches: one of the first five, and this pool's alone.
+  // The thread slot of the caches: one of the first five, and this pool's alone. With any other slot the
+  // pool has no caches, and every entry comes from the heap.
+  u32 threadSlot = 0;
   u32 maxEntrySize = 0;  // Greater entries come from the heap and go back there. Above 0.
   u32 maxEntries = 0;    // How many entries the pool keeps free; the lesser of the two limits counts.
   u32 maxBytes = 0;      // The same in bytes, by the size of the average entry.
-  u32 lowShare = 0;  // In 1024ths of that limit: the batch of a thread that gives back more than it takes.
+  u32 lowShare = 0;      // In 1024ths of that limit: the batch of a thread that returns more than it takes.
   u32 syncInterval = 0;  // After how many hits a thread hands in its counters.
 };
 

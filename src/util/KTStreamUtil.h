@@ -1,4 +1,4 @@
-// The run-time library's streams, safe for a null stream: that one is at its end, gives and takes 0 bytes,
+// The run-time library's streams, safe for a null stream: that one is at its end, moves 0 bytes,
 // and fails with -1 elsewhere.
 
 #pragma once

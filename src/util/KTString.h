@@ -11,27 +11,29 @@ class KTString : public orv::util::hidden::KTText<KTString, char> {
 
   // "%d" and its like for integers, "%p" for a pointer, 17 significant digits in general format for a double.
   // Doubles have the decimal point of the process's numeric locale, here and in toDouble.
-  static KTString fromNumber(i16 value) { return fromNumber(static_cast<i32>(value)); }
-  static KTString fromNumber(i32 value);
-  static KTString fromNumber(u32 value);
-  static KTString fromNumber(i64 value);
-  static KTString fromNumber(u64 value);
+  static KTString fromNumber(orv::i16 value) { return fromNumber(static_cast<orv::i32>(value)); }
+  static KTString fromNumber(orv::i32 value);
+  static KTString fromNumber(orv::u32 value);
+  static KTString fromNumber(orv::i64 value);
+  static KTString fromNumber(orv::u64 value);
+  static KTString fromNumber(long long value) { return fromNumber(static_cast<orv::i64>(value)); }
+  static KTString fromNumber(unsigned long long value) { return fromNumber(static_cast<orv::u64>(value)); }
   static KTString fromNumber(const void* value);
   static KTString fromNumber(double value);
 
   // Two lower-case digits for each byte, high nibble first.
-  static KTString hexOf(const void* bytes, u32 length);
+  static KTString hexOf(const void* bytes, orv::u32 length);
 
-  // The number at the front of the text, 0 when there is none; a number out of range gives the nearest limit.
-  i32 toInt() const;
-  i32 toLong() const { return toInt(); }  // `long` has 32 bits.
-  i64 toInt64() const;
+  // The number at the front of the text; 0 if there is none, the nearest limit if it is out of range.
+  orv::i32 toInt() const;
+  orv::i32 toLong() const { return toInt(); }  // `long` has 32 bits.
+  orv::i64 toInt64() const;
   double toDouble() const;
 
-  // Letters, digits, bytes below 26 or above 127 stay, and a blank unless `encodeBlank` is set; every other
+  // Keeps letters, digits, bytes below 26 or above 127, and a blank unless `encodeBlank` is set. Every other
   // byte becomes "%" and two lower-case hexadecimal digits.
   KTString urlEncode(bool encodeBlank) const;
-  // In place: "%" with one or two hexadecimal digits behind it becomes one byte; all else stays.
+  // Turns "%" and the one or two hexadecimal digits behind it into one byte, in place; all else stays.
   KTString& urlDecode();
 };
 

@@ -20,9 +20,9 @@ template <class Char>
 class KTStringShelf;
 
 struct KTStringPoolCounts {
-  u64 pooledCharacters = 0;
-  u64 hits = 0;
-  u64 misses = 0;
+  orv::u64 pooledCharacters = 0;
+  orv::u64 hits = 0;
+  orv::u64 misses = 0;
 };
 
 // Any thread may call any operation; a block is written to by one holder at a time. `Char` is char or
@@ -30,39 +30,39 @@ struct KTStringPoolCounts {
 // characters throws KTOutOfMemory, a failed allocation std::bad_alloc; either leaves every block as it was.
 class KTStringPool {
  public:
-  static constexpr i32 kMaxLength = 0xFFFFFF;
-  enum Kind : u8 { kPooled = 0, kPrivate = 1, kEmpty = 3 };
+  static constexpr orv::i32 kMaxLength = 0xFFFFFF;
+  enum Kind : orv::u8 { kPooled = 0, kPrivate = 1, kEmpty = 3 };
 
   // Made at the first call, when the environment is read; lives as long as the process.
   static KTStringPool& instance();
 
   // The longest text that is pooled; 0 when the pool is off.
-  i32 limit() const { return poolLimit_; }
+  orv::i32 limit() const { return poolLimit_; }
 
   template <class Char>
-  static Char* create(const Char* text, i64 length = -1);
+  static Char* create(const Char* text, orv::i64 length = -1);
 
   template <class Char>
   static void release(Char* block);
 
   // These take over `block` and give the block that stands for it from now on. `text` may lie inside `block`.
   template <class Char>
-  static Char* assign(Char* block, const Char* text, i64 length);
+  static Char* assign(Char* block, const Char* text, orv::i64 length);
   template <class Char>
-  static Char* append(Char* block, const Char* text, i64 length);
+  static Char* append(Char* block, const Char* text, orv::i64 length);
   template <class Char>
   static Char* makePrivate(Char* block);
 
   // Shortens a private block, which stays where it is unless nothing is left.
   template <class Char>
-  static Char* truncate(Char* block, i32 length);
+  static Char* truncate(Char* block, orv::i32 length);
 
   // A private block with the two texts one behind the other; the empty text when both are empty.
   template <class Char>
   static Char* join(std::basic_string_view<Char> first, std::basic_string_view<Char> second);
 
   template <class Char>
-  static i32 length(const Char* block);
+  static orv::i32 length(const Char* block);
   template <class Char>
   static Kind kind(const Char* block);
   template <class Char>
@@ -70,11 +70,11 @@ class KTStringPool {
 
   // Frees the pooled blocks that nobody holds and gives their characters. One caller at a time sweeps; a
   // second one gets 0 at once.
-  i64 sweep();
+  orv::i64 sweep();
 
   // What the pool did with texts of this length; all 0 above the limit.
   template <class Char>
-  KTStringPoolCounts counts(i32 length);
+  KTStringPoolCounts counts(orv::i32 length);
 
  private:
   KTStringPool();
@@ -82,9 +82,9 @@ class KTStringPool {
 
   // Null when texts of this length are not pooled.
   template <class Char>
-  KTStringShelf<Char>* shelfFor(i32 length);
+  KTStringShelf<Char>* shelfFor(orv::i32 length);
 
-  i32 poolLimit_ = 0;
+  orv::i32 poolLimit_ = 0;
   KTStringShelf<char>* narrow_ = nullptr;  // Both set once, when the limit is above 0.
   KTStringShelf<char16_t>* wide_ = nullptr;
   KTAtomicCounter sweeping_;
@@ -115,8 +115,8 @@ inline u32 textHeader(const void* block) {
 }  // namespace orv::util::hidden
 
 template <class Char>
-i32 KTStringPool::length(const Char* block) {
-  return static_cast<i32>(orv::util::hidden::textHeader(block) >> 8);
+orv::i32 KTStringPool::length(const Char* block) {
+  return static_cast<orv::i32>(orv::util::hidden::textHeader(block) >> 8);
 }
 
 template <class Char>

@@ -10,6 +10,7 @@
 #include <new>
 #include <string_view>
 
+#include "platform/Fork.h"
 #include "util/KTStringPool.h"
 #include "util/KTThreadOnlyMutex.h"
 
@@ -90,6 +91,7 @@ class KTStringShelf {
   struct Bucket {
     Bucket() { lock.setSpinCount(1000); }  // A bucket is held for moments only.
     KTThreadOnlyMutex lock{true};
+    orv::platform::HeldOverForks held{*lock.nativeHandle(), orv::platform::HeldOverForks::kProcess};
     KTStringPoolCounts counts;    // Under lock, as is the map.
     std::map<Text, u64> holders;  // The keys point into the blocks.
   };

@@ -1,12 +1,12 @@
 // What KTString and KTWideString have in common. `Text` is the class itself, `Char` its character.
 //
 // A text is exactly one pointer, never null, to NUL-terminated characters (util/KTStringPool.h). It may hold
-// characters of value 0. Lengths, indices and counts are in characters; -1 is "not found" or "all the rest".
-// No operation reports an error; a text of more than 16,777,215 characters throws KTOutOfMemory and memory
-// exhaustion std::bad_alloc, and the text stays as it was. Two threads must not touch one text at once unless
-// both only read. Appending moves the text once in 32 characters: gather a very long text elsewhere.
+// characters of value 0. Lengths, indices and counts are in characters; -1 stands for "not found" or "all the
+// rest". A text of more than 16,777,215 characters throws KTOutOfMemory, exhausted memory std::bad_alloc, and
+// the text stays as it was; nothing else fails. Two threads may share a text only to read it. Appending moves
+// the text every 32 characters: put a very long text together elsewhere.
 //
-// Two libraries of one process have a pool each: use c_str() to compare a text that comes from another one.
+// Each library of a process has its own pool: compare a text from another library by its c_str().
 
 #pragma once
 

@@ -1,4 +1,4 @@
-// The everyday lock: recursive, and who has to wait blocks the thread.
+// The everyday lock: recursive, and waiting blocks the thread.
 
 #pragma once
 
@@ -11,7 +11,10 @@
 // taken.
 class KTThreadOnlyMutex : public IMutex, private boost::noncopyable {
  public:
-  explicit KTThreadOnlyMutex(bool tracked) : tracked_(tracked) {}
+  using Handling = orv::platform::CriticalSection::Handling;
+
+  explicit KTThreadOnlyMutex(bool tracked, Handling handling = Handling::kStaysWithThread)
+      : section_(handling), tracked_(tracked) {}
 
   bool lock() override;
   bool unlock() override;

@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "platform/Fork.h"
 #include "platform/Thread.h"
 #include "util/ORVFiber.h"
 #include "util/ORVFiberPool.h"
@@ -20,6 +21,7 @@ struct ByAddress {
 // The library's threads. An owner is known by the argument of its threads.
 struct Registry {
   KTThreadOnlyMutex lock{true};
+  const orv::platform::HeldOverForks held{*lock.nativeHandle(), orv::platform::HeldOverForks::kProcess};
   std::map<KTThreadPtr, void*, ByAddress> threadsByPtr;        // Under the lock.
   std::map<void*, std::map<u32, KTThreadPtr>> threadsByOwner;  // Under the lock.
 };
@@ -52,6 +54,28 @@ void enroll(const KTThreadPtr& thread, void* owner) {
   registry().threadsByOwner[owner][thread->threadId] = thread;
 }
 
+// In the child of a fork: no thread runs there but the one that forked. The workers of the others are not
+// freed, for they may stand in line for a mutex.
+void keepOwnThread() {
+  auto& all = registry().threadsByPtr;
+  KTThreadPtr mine;
+  void* owner = nullptr;
+  for (const auto& [thread, itsOwner] : all) {
+    if (static_cast<IWorker*>(thread.get()) == slotGet(kSlotWorker)) {
+      mine = thread;
+      owner = itsOwner;
+    } else {
+      thread->addRef();  // For good.
+    }
+  }
+  all.clear();
+  registry().threadsByOwner.clear();
+  runningThreads = 0;
+  if (!mine) return;
+  ++runningThreads;
+  enroll(mine, owner);
+}
+
 void strikeOff(const KTThreadPtr& thread, void* owner) {
   const KTMutexGuard guard(registry().lock);
   registry().threadsByPtr.erase(thread);
@@ -69,7 +93,7 @@ KTThread* findThread(u32 threadId) {
   return nullptr;
 }
 
-// False when there is no fiber to run it on.
+// Returns false when there is no fiber to run it on.
 bool callOnFiber(const ThreadCall& call) {
   if (!(call.options & kThreadWithFiber) || !fibersOn.load(std::memory_order_relaxed)) return false;
   ORVFiberPool* const pool = fiberPool.load(std::memory_order_acquire);
@@ -78,6 +102,12 @@ bool callOnFiber(const ThreadCall& call) {
   if (fiber->run(call.function, call.argument)) return true;
   if (pool) pool->recycle(fiber);
   return false;
+}
+
+// A mutex that the thread has left locked, for another to unlock, knows the thread by its worker.
+void leaveWorkerInSlot(const KTThreadPtr& thread) {
+  thread->addRef();
+  slotSet(kSlotWorker, static_cast<IWorker*>(thread.get()), releaseWorker);
 }
 
 void callRegistered(ThreadCall& call) {
@@ -89,6 +119,7 @@ void callRegistered(ThreadCall& call) {
   runningThreads.fetch_sub(1, std::memory_order_release);
   strikeOff(thread, call.argument);
   ORVFiber::fiberToThread();
+  if (!thread->ownsNothing()) leaveWorkerInSlot(thread);
   slotsTearDown();
 }
 
@@ -96,6 +127,16 @@ u32 threadEntry(void* block) noexcept {
   const std::unique_ptr<ThreadCall> call(static_cast<ThreadCall*>(block));
   callRegistered(*call);
   return call->result;
+}
+
+// Returns 0 when there is no memory or no thread.
+template <class Start>
+auto startWith(Start start, const ThreadCall& call) -> decltype(start(threadEntry, nullptr)) {
+  auto block = std::unique_ptr<ThreadCall>(new (std::nothrow) ThreadCall(call));
+  if (!block) return {};
+  const auto started = start(threadEntry, block.get());
+  if (started) static_cast<void>(block.release());  // The thread's now.
+  return started;
 }
 
 }  // namespace
@@ -117,22 +158,23 @@ bool ktInitThread(const KTThreadPtr& thread) {
     void run() override {
       alignas(Registry) static unsigned char storage[sizeof(Registry)];
       sharedRegistry.store(new (storage) Registry, std::memory_order_release);
+      orv::platform::onForkedChild(keepOwnThread);
     }
   };
   static boost::once_flag once = BOOST_ONCE_INIT;
   LocalOnce makeRegistry;
   runOnce(once, makeRegistry);
   const KTMutexGuard guard(registry().lock);
-  slotSet(kSlotWorker, thread.get(), nullptr);
+  slotSet(kSlotWorker, static_cast<IWorker*>(thread.get()), nullptr);
   return true;
 }
 
 u32 startThread(KTThreadFunction function, void* argument, u32 options) {
-  auto call = std::unique_ptr<ThreadCall>(new (std::nothrow) ThreadCall{function, argument, options});
-  if (!call) return 0;
-  const u32 id = orv::platform::startThread(threadEntry, call.get());
-  if (id != 0) static_cast<void>(call.release());  // The thread's now.
-  return id;
+  return startWith(orv::platform::startThread, {function, argument, options});
+}
+
+bool launchThread(KTThreadFunction function, void* argument, u32 options) {
+  return startWith(orv::platform::launchThread, {function, argument, options});
 }
 
 u32 runningThreadCount() {

@@ -19,8 +19,8 @@ class IOnce : private boost::noncopyable {
 
 }  // namespace orv::util::hidden
 
-// Runs the action unless it has been run for `flag`, which lives in static storage. Who comes while another
-// thread runs it waits. An exception of the action reaches its caller, and the next one runs it again.
+// Runs the action once for `flag`, which lives in static storage. Callers wait while another thread runs it.
+// An exception of the action reaches its caller, and the next call runs it again.
 void runOnce(boost::once_flag& flag, orv::util::hidden::IOnce& action);
 
 // The worker of a thread of the library; made on that thread.
@@ -41,7 +41,7 @@ class KTThreadPtr : public KTPtr<KTThread> {
   using KTPtr<KTThread>::KTPtr;
 };
 
-// Makes `thread` the calling thread's worker. The thread's slots hold no count on it. True.
+// Makes `thread` the calling thread's worker; the thread's slots hold no count of it. Returns true.
 bool ktInitThread(const KTThreadPtr& thread);
 
 // What a thread or a fiber runs. An exception that leaves it ends the process by std::terminate, with its
@@ -50,17 +50,20 @@ using KTThreadFunction = u32 (*)(void* argument);
 
 inline constexpr u32 kThreadWithFiber = 1;  // An option: run the function on a fiber.
 
-// Starts a thread that nobody waits for, and gives its id; 0 when there is none to be had. The library finds
-// the thread again by its id, and by `argument` as its owner. The thread ends with the function; on a fiber,
-// also when the function first waits: it goes on on another thread then, and its result is lost. A thread
-// that finds no memory for its own entry ends the process.
+// Starts a detached thread. Returns its id; 0 when the system can't start one. The library finds the thread
+// again by its id, and by `argument` as its owner. The thread ends with the function or, on a fiber, when the
+// function first waits: the function then continues on another thread, and its result is lost. A thread that
+// finds no memory for its own entry ends the process.
 u32 startThread(KTThreadFunction function, void* argument, u32 options);
 
-// Threads that are between their registration and its end.
+// Does the same without waiting until the new thread runs. Returns false when there is none.
+bool launchThread(KTThreadFunction function, void* argument, u32 options);
+
+// Returns the number of threads that are registered now.
 u32 runningThreadCount();
 
-// Stores the pair in the library's thread of that id; nothing when there is none.
+// Stores the pair in the library's thread of that id, if there is one.
 void setUserValues(u32 threadId, u32 value1, u32 value2);
 
-// Whether kThreadWithFiber has an effect; on at the start.
+// Switches the effect of kThreadWithFiber on, as at the start, or off.
 void setThreadFibers(bool on);

@@ -38,20 +38,22 @@ class ORV_EXPORT KTOutOfMemory : public KTException {
 // The data in hand can't be parsed; the connection or stream that delivered it should go.
 class ORV_EXPORT KTBreakConnection : public KTException {
  public:
-  static constexpr u32 kMalformedData = 0xC0000405;
+  static constexpr orv::u32 kMalformedData = 0xC0000405;
 
-  explicit KTBreakConnection(u32 reason = kMalformedData) : code(reason) {}
+  explicit KTBreakConnection(orv::u32 reason = kMalformedData) : code(reason) {}
   KTBreakConnection(const KTBreakConnection&) = default;
   KTBreakConnection& operator=(const KTBreakConnection&) = default;
   ~KTBreakConnection() override = default;
 
-  u32 code;
+  orv::u32 code;
 };
 
 // A check that didn't hold. Reports nothing, stops nothing and changes nothing: the code behind the check
 // goes on. This is the place for a breakpoint.
 void assertFailed(const char* file, int line);
 
+// Reports a condition that doesn't hold, and is its value: for a caller that then turns back.
+#define KT_HOLDS(condition) ((condition) || (assertFailed(__FILE__, __LINE__), false))
 #define KT_ASSERT(condition) ((condition) ? void() : assertFailed(__FILE__, __LINE__))
 
 namespace orv::util {

@@ -31,12 +31,11 @@ KTWideString printed(const char16_t* pattern, Number value) {
   return text;
 }
 
-// The letter directly behind a percent sign changes its case when it tells narrow text from wide.
+// Swaps the case of a letter for texts directly behind a percent sign; "%%" is a pair of its own.
 std::u16string swapTextLetters(const char16_t* pattern) {
   std::u16string swapped(pattern);
-  for (std::size_t i = 1; i < swapped.size(); ++i) {
-    if (swapped[i - 1] != u'%') continue;
-    char16_t& letter = swapped[i];
+  for (std::size_t i = swapped.find(u'%'); i < swapped.size(); i = swapped.find(u'%', i + 2)) {
+    char16_t& letter = swapped[i + 1];  // The NUL, at the end.
     if (letter == u's' || letter == u'S' || letter == u'c' || letter == u'C') letter ^= 0x20;
   }
   return swapped;

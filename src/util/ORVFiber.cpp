@@ -165,7 +165,7 @@ bool ORVFiber::suspend() {
 bool ORVFiber::resume() {
   if (threadBound_) return wake();
   addRef();  // The new thread's.
-  if (startThread(wakeOnNewThread, this, 0) != 0) return true;
+  if (launchThread(wakeOnNewThread, this, 0)) return true;
   release();
   return false;
 }
@@ -183,6 +183,14 @@ bool ORVFiber::waitBound() {
   state_ = kRunning;
   if (heldForWait) release();  // As in `wake`; the thread's slot has a count of its own.
   return true;
+}
+
+void ORVFiber::enterAfterWait(platform::CriticalSection& section) {
+  if (!threadBound_) return section.enter();
+  lock_.unlock();
+  section.enter();
+  lock_.lock();
+  wakeFlag_ = false;
 }
 
 void ORVFiber::setState(int state) {

@@ -15,13 +15,13 @@ class ORVFiberPtr : public KTPtr<ORVFiber> {
   using KTPtr<ORVFiber>::KTPtr;
 };
 
-// Runs on one thread at a time: on the one that started it or switched it in, until it ends or suspends
-// itself; then that thread goes on behind its call. After a wait it may stand on another thread, so nothing
-// in it may rely on the thread's identity across one.
+// Runs on the thread that started it or switched it in until it ends or suspends itself; then that thread
+// returns from its call. After a wait it may run on another thread: nothing in it may rely on the thread's
+// identity across a wait.
 //
-// Counted: whoever switches it in holds a count meanwhile, one that waits for a mutex holds one for itself,
-// and one that suspends itself otherwise must be held by whoever means to resume it. Destroying a suspended
-// fiber frees its stack without unwinding it.
+// Counts: the thread that switches it in holds one meanwhile, a fiber that waits for a mutex holds one of
+// itself, and one that suspends itself otherwise must be held by whoever will resume it. Destroying a
+// suspended fiber frees its stack without unwinding it.
 class ORVFiber : public IWorker {
  public:
   using Entry = void (*)(void* argument);
@@ -36,33 +36,38 @@ class ORVFiber : public IWorker {
 
   int workerType() override { return kWorkerFiber; }
 
-  // The calling fiber, which must be this one, goes back to whoever switched it in. Returns true when it has
-  // been switched in again; false, at once, on anything but this fiber. The caller holds no tracked mutex.
+  // Switches from this fiber, the calling one, back to the thread that switched it in. Returns true when it
+  // has been switched in again; false at once when called from anywhere else. The caller holds no tracked
+  // mutex.
   bool suspend() override;
 
-  // Starts a thread that wakes the fiber, as soon as it has suspended itself. False when there is none to be
-  // had.
+  // Starts a thread that wakes the fiber as soon as it has suspended itself; doesn't wait for that. Returns
+  // false when there is no thread.
   bool resume() override;
 
   // Switches a suspended fiber in on the calling thread, and returns when it suspends itself again or ends.
-  // While it runs elsewhere, waits for that to end first. False when there is nothing to switch in.
+  // Waits while it runs elsewhere. Returns false when there is nothing to switch in.
   bool wake() override;
 
   void setState(int state) override;
   void setWaitingMutex(KTFiberMutex* mutex) override;
 
-  // Makes the platform's fiber and runs `entry` on it; returns as `wake` does. False for one that has been
-  // started, and when there is no memory.
+  // Enters the section of the mutex that the fiber has waited for: as a delegate does, on a thread of its
+  // own.
+  void enterAfterWait(orv::platform::CriticalSection& section);
+
+  // Makes the platform's fiber and runs `entry` on it; returns when `wake` would. Returns false for a fiber
+  // that has been started, and when there is no memory.
   bool start(u32 commit, u32 reserve, Entry entry, void* argument);
 
-  // Gives the fiber its work and switches it in. One that was never started, or has ended, starts for it,
-  // runs the function and ends. False while the work before that isn't done, and when there is no memory.
+  // Assigns the fiber its work and switches it in. A fiber that was never started, or has ended, starts, runs
+  // the function and ends. Returns false while its earlier work isn't done, and when there is no memory.
   bool run(KTThreadFunction function, void* argument);
 
   // Makes the fiber fresh for its next assignment.
   void reset();
 
-  // The work that `run` has left, for a fiber's main loop: runs it once. False when there is none.
+  // For a fiber's main loop: runs the work that `run` has assigned. Returns false when there is none.
   bool runAssignment();
 
   void requestStop() { stopRequested_.store(true, std::memory_order_relaxed); }
@@ -72,7 +77,7 @@ class ORVFiber : public IWorker {
   // Nothing in the library does so.
   void bindToThread() { threadBound_.store(true, std::memory_order_relaxed); }
 
-  // What is told here may be old by the time it is read.
+  // These may be out of date when they return.
   int state() const { return state_.load(std::memory_order_relaxed); }
   u32 generation() const { return generation_.load(std::memory_order_relaxed); }
   u32 runningThread() const { return runningThread_.load(std::memory_order_relaxed); }  // 0: on none.
@@ -82,7 +87,7 @@ class ORVFiber : public IWorker {
 
   static u32 aliveCount();
 
-  // The fiber that runs on the calling thread, or null.
+  // Returns the fiber that runs on the calling thread; null if none does.
   static ORVFiber* current();
   static bool ensureThreadIsFiber();
   static void fiberToThread();
@@ -95,12 +100,12 @@ class ORVFiber : public IWorker {
   bool waitBound();
   static void body(void* fiber);
 
-  // Held from the switch in to the switch back, by the thread that made them: who else wants to switch the
-  // fiber in waits until it has left its stack. What isn't atomic below is guarded by it.
-  KTThreadOnlyMutex lock_{false};
+  // Held by the thread that switches the fiber in until the switch back: another that wants to switch it in
+  // waits until it has left its stack. Guards what isn't atomic below.
+  KTThreadOnlyMutex lock_{false, KTThreadOnlyMutex::Handling::kChangesHands};
   KTConditionSignal wakeSignal_;
   bool wakeFlag_ = false;
-  orv::platform::Fiber* callerFiber_ = nullptr;  // Whom `suspend` goes back to.
+  orv::platform::Fiber* callerFiber_ = nullptr;  // The target of `suspend`.
   orv::platform::Fiber* fiberHandle_ = nullptr;  // Null until started, and after the end.
   std::atomic<bool> stopRequested_{false};
   std::atomic<bool> threadBound_{false};

@@ -1,6 +1,7 @@
 #include "util/ORVFiberPool.h"
 
 #include <new>
+#include <utility>
 
 #include "util/KTThrowable.h"
 
@@ -28,17 +29,25 @@ ORVFiberPtr ORVFiberPool::acquire() {
 }
 
 ORVFiberPtr ORVFiberPool::takeIdle() {
-  ORVFiberPtr fiber = idle_.front();
-  idle_.pop_front();
+  const ORVFiberPtr fiber = std::exchange(idle_.front(), nullptr);
+  away_.splice(away_.end(), idle_, idle_.begin());
   --idleCount_;
   return fiber;
 }
 
 ORVFiberPtr ORVFiberPool::makeFiber() {
   if (ORVFiber::aliveCount() >= maximum_) return nullptr;
+  std::list<ORVFiberPtr> place;
+  try {
+    place.emplace_back();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
   ORVFiberPtr fiber(new (std::nothrow) ORVFiber);
-  const bool started = fiber && fiber->start(ORVFiber::kStackCommit, ORVFiber::kStackReserve, mainLoop, this);
-  return started ? fiber : ORVFiberPtr();
+  if (!fiber || !fiber->start(ORVFiber::kStackCommit, ORVFiber::kStackReserve, mainLoop, this))
+    return nullptr;
+  away_.splice(away_.end(), place);
+  return fiber;
 }
 
 // Runs on the fiber. Whoever acquires it again, as soon as it is back in the pool, finds its lock held until
@@ -58,11 +67,14 @@ void ORVFiberPool::recycle(const ORVFiberPtr& fiber) {
   takeBack(*fiber);
 }
 
-// Gives whether the pool hands out no more.
+// Returns whether the pool hands out no more.
 bool ORVFiberPool::takeBack(ORVFiber& fiber) {
   fiber.reset();
   const KTMutexGuard guard(lock_);
-  idle_.emplace_back(&fiber);
+  KT_ASSERT(!away_.empty());
+  if (away_.empty()) return stopping_;
+  away_.front() = &fiber;
+  idle_.splice(idle_.end(), away_, away_.begin());
   ++idleCount_;
   KT_ASSERT(activeCount_ > 0);
   if (activeCount_ > 0 && --activeCount_ == 0) cameHome_.signal();

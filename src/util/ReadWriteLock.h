@@ -1,4 +1,4 @@
-// Many readers or one writer; a writer who waits holds new readers back.
+// Many readers or one writer; a waiting writer holds new readers back.
 
 #pragma once
 
@@ -17,7 +17,7 @@ class ReadWriteLock : private boost::noncopyable {
   void lockWrite();
   void unlockWrite();
 
-  // Threads that stand in lockRead and in lockWrite.
+  // Return the number of threads inside lockRead and lockWrite.
   i32 readersWaitingForTest();
   i32 writersWaitingForTest();
 

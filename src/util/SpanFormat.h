@@ -6,8 +6,8 @@
 
 namespace orv::util {
 
-// Copies `format`, or the default form when it is null, and gives the letter behind each "%" to
-// `print(letter, text)`, which appends what that letter stands for.
+// Copies `format`, or the default form when it is null, and calls `print(letter, text)` for the letter behind
+// each "%" to append what it stands for.
 template <class Print>
 KTWideString formatSpan(const char16_t* format, Print print) {
   KTWideString text;

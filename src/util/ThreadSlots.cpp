@@ -1,14 +1,17 @@
 #include "util/ThreadSlots.h"
 
 #include <algorithm>
-#include <memory>
+#include <atomic>
 #include <new>
 #include <type_traits>
 #include <utility>
 
 #include "platform/CriticalSection.h"
+#include "platform/Fiber.h"
+#include "platform/Fork.h"
 #include "platform/Thread.h"
 #include "platform/ThreadLocal.h"
+#include "util/IWorker.h"
 
 namespace {
 
@@ -21,17 +24,29 @@ using Slot = orv::util::hidden::ThreadSlot;
 struct ThreadSlots {
   Slot slots[kSlotCount];  // First: the index leads here.
   platform::ThreadId thread = platform::currentThreadId();
-  u32 process = platform::currentProcessId();
+  std::atomic<u32> changes{0};  // Shows what the thread has stored to whoever takes the slots over.
   ThreadSlots* next = nullptr;
 };
 
+// Threads still end when other things of static storage are gone already: this section never is.
+union Undying {
+  platform::CriticalSection section{};
+  ~Undying() {}
+};
+constinit Undying undying;
+constinit platform::CriticalSection& listSection = undying.section;
 // Every thread's slots.
-constinit platform::CriticalSection listSection;
 constinit ThreadSlots* list = nullptr;  // Under listSection, as are the next two.
 constinit u32 listed = 0;
 constinit u32 nextCollection = 64;  // `listed` at which the ended threads are looked for.
+// Slots of threads that a fork left in the parent. What they lead to may be half changed: it stays as it is.
+constinit ThreadSlots* leftInParent = nullptr;
 
-// Takes out of the list, and gives, whatever `chosen` picks. Under listSection.
+// Held from the taking of ended threads' slots until they are freed. Only tried where other locks may be
+// held. The thread sanitizer, which wants to see a lock always or never, knows nothing of it.
+constinit platform::CriticalSection collecting{platform::CriticalSection::kChangesHands};
+
+// Takes whatever `chosen` picks out of the list and returns it. Under listSection.
 template <class Choice>
 ThreadSlots* takeFromList(Choice chosen) {
   ThreadSlots* taken = nullptr;
@@ -48,34 +63,26 @@ ThreadSlots* takeFromList(Choice chosen) {
   return taken;
 }
 
-// Caches and fibers are left to those who know them, and threads of the library, which hold no count on their
-// worker, to themselves.
+// What is freed only on its thread, or for one that has ended.
+bool holdsMoreThanWorker(const ThreadSlots& all) {
+  if (all.slots[kSlotMainFiber].value) return true;
+  return std::any_of(all.slots, all.slots + kSlotPoolCacheLast + 1,
+                     [](const Slot& slot) { return slot.value; });
+}
+
+// A fiber that an ended thread was in is left to those who know it; threads of the library, which hold no
+// count on their worker, to themselves; and a worker that owns a mutex to whoever unlocks that.
 bool mayBeFreed(const ThreadSlots& all) {
+  if (all.slots[kSlotFiber].value) return false;
   const Slot& worker = all.slots[kSlotWorker];
-  return std::none_of(all.slots, all.slots + kSlotWorker, [](const Slot& slot) { return slot.value; }) &&
-         (!worker.value || worker.cleanup);
+  return !worker.value || (worker.cleanup && static_cast<IWorker*>(worker.value)->ownsNothing());
 }
 
-// A living thread's slots are its own: they aren't even looked at. In a forked child the numbers of the
-// parent's threads mean nothing.
+// A living thread's slots are its own: they aren't even looked at.
 bool isAbandoned(const ThreadSlots& all) {
-  return all.process == platform::currentProcessId() && platform::threadHasEnded(all.thread) &&
-         mayBeFreed(all);
-}
-
-// Adds the slots, and takes out what threads that have ended left. Looking for them costs a system call a
-// thread, so that is done only once the list has doubled.
-ThreadSlots* exchangeForAbandoned(ThreadSlots& added) {
-  const SectionGuard guard(listSection);
-  ThreadSlots* abandoned = nullptr;
-  if (listed >= nextCollection) {
-    abandoned = takeFromList(isAbandoned);
-    nextCollection = std::max(64u, 2 * listed);
-  }
-  added.next = list;
-  list = &added;
-  ++listed;
-  return abandoned;
+  if (!platform::threadHasEnded(all.thread)) return false;
+  static_cast<void>(all.changes.load(std::memory_order_acquire));
+  return mayBeFreed(all);
 }
 
 static_assert(std::is_standard_layout_v<ThreadSlots>);
@@ -110,11 +117,58 @@ void destroyEach(ThreadSlots* first) {
   }
 }
 
+// Under `collecting`.
+void collectEnded() {
+  ThreadSlots* ended = nullptr;
+  {
+    const SectionGuard guard(listSection);
+    ended = takeFromList(isAbandoned);
+    nextCollection = std::max(64u, 2 * listed);
+  }
+  for (ThreadSlots* slots = ended; slots; slots = slots->next) {
+    void* const own = std::exchange(slots->slots[kSlotMainFiber], {}).value;
+    platform::forgetThreadsFiber(static_cast<platform::Fiber*>(own));
+  }
+  destroyEach(ended);
+}
+
+// Adds the slots of a new thread. Looking for ended threads costs a system call a thread, so that is done
+// only once the list has doubled. Returns whether it has.
+bool addToList(ThreadSlots& added) {
+  const SectionGuard guard(listSection);
+  added.next = list;
+  list = &added;
+  return ++listed > nextCollection;
+}
+
+// The only thread of a forked child has a new id, and no other thread's slots have an owner.
+void keepOwnSlots() {
+  ThreadSlots* const mine = callersSlots();
+  ThreadSlots* const others = takeFromList([mine](const ThreadSlots& slots) { return &slots != mine; });
+  ThreadSlots** end = &leftInParent;
+  while (*end) end = &(*end)->next;
+  *end = others;
+  if (mine) mine->thread = platform::currentThreadId();
+}
+
+void guardListOverForks() {
+  static const platform::HeldOverForks heldCollecting(collecting, platform::HeldOverForks::kProcess);
+  static const platform::HeldOverForks heldList(listSection, platform::HeldOverForks::kProcess);
+  [[maybe_unused]] static const bool once = (platform::onForkedChild(keepOwnSlots), true);
+}
+
 ThreadSlots* makeCallersSlots() {
-  auto made = std::unique_ptr<ThreadSlots>(new (std::nothrow) ThreadSlots);
-  if (!made || !slotsOfThread.set(made.get())) return nullptr;
-  destroyEach(exchangeForAbandoned(*made));
-  return made.release();
+  guardListOverForks();
+  ThreadSlots* const made = new (std::nothrow) ThreadSlots;
+  if (!made || !slotsOfThread.set(made)) {
+    delete made;
+    return nullptr;
+  }
+  if (addToList(*made) && collecting.tryEnterUnseen()) {
+    collectEnded();
+    collecting.leaveUnseen();
+  }
+  return made;
 }
 
 }  // namespace
@@ -126,19 +180,36 @@ bool slotSet(u32 index, void* value, SlotCleanup cleanup) {
   if (!mine) return true;
   clean(mine->slots[index]);
   mine->slots[index] = {value, cleanup};
+  mine->changes.store(mine->changes.load(std::memory_order_relaxed) + 1, std::memory_order_release);
   return true;
 }
 
 void slotsTearDown() {
   ThreadSlots* const mine = callersSlots();
   if (!mine) return;
+  const Slot worker = mine->slots[kSlotWorker];
+  const bool keepsWorker =
+      worker.cleanup == releaseWorker && !static_cast<IWorker*>(worker.value)->ownsNothing();
+  if (keepsWorker) mine->slots[kSlotWorker] = {};
+  cleanAll(*mine);
+  slotsOfThread.set(nullptr);
+  if (keepsWorker) {
+    mine->slots[kSlotWorker] = worker;
+    mine->changes.store(0, std::memory_order_release);
+    return;
+  }
   {
     const SectionGuard guard(listSection);
     takeFromList([mine](const ThreadSlots& slots) { return &slots == mine; });
   }
-  cleanAll(*mine);
-  slotsOfThread.set(nullptr);
   delete mine;
+}
+
+void slotsCollect() {
+  if (collecting.isHeldByCaller()) return;  // A cleanup wants it, in the middle of a collection.
+  collecting.enterUnseen();
+  collectEnded();
+  collecting.leaveUnseen();
 }
 
 void slotsUnload() {
@@ -146,7 +217,7 @@ void slotsUnload() {
   ThreadSlots* freed = nullptr;
   {
     const SectionGuard guard(listSection);
-    freed = takeFromList(mayBeFreed);
+    freed = takeFromList([](const ThreadSlots& all) { return !holdsMoreThanWorker(all) && mayBeFreed(all); });
   }
   destroyEach(freed);
 }

@@ -1,9 +1,10 @@
 // Nine values that each thread keeps for itself.
 //
-// Threads of this library tear their slots down when they end. On a thread of the host nobody does: no code
-// of a module that may be unloaded any time hooks into the end of a foreign thread. The caches and fibers
-// that such a thread leaves stay as they are, in reach of the list of all slots; where it leaves only its
-// worker and its depth, as in every use of the plug-in, a later thread's first use frees them.
+// Threads of this library tear their slots down when they end, and a thread of the host may. Where it does
+// not, nobody else is called for it: no code of a module that may be unloaded any time hooks into the end of
+// a foreign thread. A later thread's first use then frees what it left: its worker, unless that still owns a
+// mutex, and its caches, whose entries go back to their pools. A thread that ended inside a fiber keeps all,
+// in reach of the list of all slots.
 
 #pragma once
 
@@ -36,23 +37,35 @@ inline const ThreadSlot* slotsOfCaller() {
 
 }  // namespace orv::util::hidden
 
-// The calling thread's value; null for an empty slot and for an index of kSlotCount or above.
+// Returns the calling thread's value; null for an empty slot and for an index of kSlotCount or above.
 inline void* slotGet(u32 index) {
   const auto* const slots = orv::util::hidden::slotsOfCaller();
   return slots && index < kSlotCount ? slots[index].value : nullptr;
 }
 
-// Runs the cleanup of the old value, then stores the new one. False for an index of kSlotCount or above. A
-// thread that has no slots yet and no memory for them keeps none, which still gives true: who must know asks
-// slotGet.
+// Runs the cleanup of the old value, then stores the new one. Returns false for an index of kSlotCount or
+// above; true, with nothing stored, when there is no memory for the thread's slots: slotGet shows that.
 bool slotSet(u32 index, void* value, SlotCleanup cleanup);
 
-// Runs the cleanups of the calling thread and frees its slots. The thread may fill slots again afterwards.
+// Runs the cleanups of the calling thread and frees its slots. The thread may fill slots again afterwards. A
+// worker that still owns a mutex stays until that is unlocked.
 void slotsTearDown();
 
+// Tears the slots down at the end of a scope: the first thing that a host's thread makes.
+class ThreadSlotsGuard {
+ public:
+  ThreadSlotsGuard() = default;
+  ~ThreadSlotsGuard() { slotsTearDown(); }
+  ThreadSlotsGuard(const ThreadSlotsGuard&) = delete;
+  ThreadSlotsGuard& operator=(const ThreadSlotsGuard&) = delete;
+};
+
+// Frees what ended threads have left, and waits for any other thread that does so. The caller holds no lock.
+void slotsCollect();
+
 // For the unloading of the module: frees, of all threads, the slots that hold no cache and no fiber, and
-// gives the thread-local index back. No thread may be inside the library; one that comes later starts afresh.
+// frees the thread-local index. No thread may be inside the library; one that comes later starts afresh.
 void slotsUnload();
 
-// Threads that have slots now, ended ones that nobody freed among them.
+// Returns the number of threads with slots, ended ones that nobody has freed included.
 u32 slotOwnersForTest();

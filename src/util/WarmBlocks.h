@@ -1,9 +1,8 @@
 // Large memory blocks that come and go with each load or flush.
 //
 // The first touch of a fresh page costs the kernel far more than the copy into it, and on virtual machines
-// dearly so. A block given back here is forgotten by its owner but stays mapped for the next taker, whoever
-// that is. A few blocks of each size are kept, some 20 MiB at the very most; anything beyond goes back to the
-// system.
+// dearly so. A block that is given back stays mapped for the next taker. Up to ten blocks of each size, and
+// 64 MiB in all, are kept; anything beyond goes back to the system.
 
 #pragma once
 

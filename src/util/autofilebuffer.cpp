@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
+#include <utility>
 
 #include "platform/Descriptor.h"
 #include "util/WarmBlocks.h"
@@ -12,7 +14,7 @@ using orv::util::WarmBlocks;
 namespace {
 
 // Where a block must start for `position` to fall where `placement` wants it.
-i64 startOfBlock(i64 position, u32 capacity, u32 placement) {
+i64 startOfBlock(i64 position, u32 capacity, autofilebuffer::Placement placement) {
   if (placement == autofilebuffer::forward) return position;
   const i64 ahead = placement == autofilebuffer::centred ? capacity / 2 : capacity;
   return position > ahead ? position - ahead : 0;
@@ -39,7 +41,7 @@ void autofilebuffer::allocate() {
 }
 
 u32 autofilebuffer::readSlowly(int fd, i64 position, void* data, u32 size, bool allowShort, u32 line,
-                               const char* unit, bool noThrow, u32 placement) {
+                               const char* unit, bool noThrow, Placement placement) {
   if (position < 0) {
     if (noThrow) return 0;
     throw FileReadException();
@@ -70,6 +72,7 @@ void autofilebuffer::seek(int fd, i64 position) {
 u32 autofilebuffer::read(u8* data, u32 size) {
   if (fd_ == -1 || !block_) return 0;
   const i64 asked = position_;
+  bool wrapped = false;
   u32 got = take(data, size);
   try {
     while (got < size) {
@@ -78,7 +81,7 @@ u32 autofilebuffer::read(u8* data, u32 size) {
         position_ += came;
         got += came;
       } else {
-        refill(asked + got);
+        refill(asked, got, &wrapped);
         got += take(data + got, size - got);
       }
     }
@@ -97,17 +100,25 @@ u32 autofilebuffer::take(u8* data, u32 size) {
   return count;
 }
 
-// `next` is the file position of the next byte to deliver. It differs from position_ once a centred or
+// The next byte to deliver is the one at `asked` + `got`. position_ differs from that once a centred or
 // backward block has run out: then the file itself is asked first, and only where it ends does the block move
-// back.
-void autofilebuffer::refill(i64 next) {
-  if (position_ != next && holdsNext(next)) return;
+// back. Once it has (`*wrapped`), the file isn't asked for that byte again, nor for its first block: a long
+// read in a file of a few bytes would take thousands of calls.
+void autofilebuffer::refill(i64 asked, u32 got, bool* wrapped) {
+  if (*wrapped && blockStart_ == 0 && startOfBlock(position_, capacity_, placement_) == 0) {
+    cursor_ = static_cast<u32>(std::exchange(position_, 0));
+    return;
+  }
+  const bool moved = position_ - got != asked;
+  const bool inAnyFile = got <= std::numeric_limits<i64>::max() - asked;
+  if (!*wrapped && moved && inAnyFile && holdsNext(asked + got)) return;
+  *wrapped = moved;
   fill();
 }
 
 bool autofilebuffer::holdsNext(i64 next) {
   const i64 wrapped = position_;
-  const u32 placement = placement_;
+  const Placement placement = placement_;
   placement_ = forward;
   position_ = next;
   bool came = true;
@@ -141,7 +152,7 @@ u32 autofilebuffer::rawRead(i64 position, void* data, u32 size) {
   return std::min(static_cast<u32>(got), size);
 }
 
-bool autofilebuffer::prime(int fd, i64 position, u32 placement) {
+bool autofilebuffer::prime(int fd, i64 position, Placement placement) {
   allocate();
   if (position < 0) return false;
   placement_ = placement;

@@ -37,30 +37,30 @@ class autofilebuffer {
   autofilebuffer(const autofilebuffer&) = delete;
   autofilebuffer& operator=(const autofilebuffer&) = delete;
 
-  // Reads `size` bytes at `position` into `data` and answers how many came. A shortfall that isn't allowed is
-  // told on standard output and then, unless `noThrow`, thrown as orv::util::FileReadException; so is,
-  // without a text, a position below 0.
+  // These read `size` bytes at `position` into `data`. Where fewer come, or the position is below 0, readSome
+  // returns how many came; readOrReport does too, and tells of the shortfall on standard output; readExactly
+  // tells and then throws orv::util::FileReadException. A position below 0 brings no text.
   //
   // A centred or backward read that runs past the end of the file doesn't come up short: it goes on with
   // bytes from earlier in the file until the count is full. A check of a tag's size fails on such bytes, and
   // a search goes on to its next candidate instead of ending. What the file can serve is always the file's.
   // Inside a PassThroughScope such a read comes up short like any other.
-  u32 readAt(int fd, i64 position, void* data, u32 size, bool allowShort, u32 line, const char* unit,
-             bool noThrow, u32 placement) {
-    if (holds(fd, position, size)) {
-      placement_ = placement;
-      fd_ = fd;
-      cursor_ = static_cast<u32>(position - blockStart_) + size;
-      position_ = position + size;
-      std::memcpy(data, block_ + cursor_ - size, size);
-      return size;
-    }
-    return readSlowly(fd, position, data, size, allowShort, line, unit, noThrow, placement);
+  u32 readSome(int fd, i64 position, void* data, u32 size, Placement placement) {
+    return readAt(fd, position, data, size, true, ORV_READ_HERE, true, placement);
+  }
+  u32 readOrReport(int fd, i64 position, void* data, u32 size, u32 line, const char* unit,
+                   Placement placement) {
+    return readAt(fd, position, data, size, false, line, unit, true, placement);
+  }
+  void readExactly(int fd, i64 position, void* data, u32 size, u32 line, const char* unit,
+                   Placement placement = forward) {
+    readAt(fd, position, data, size, false, line, unit, false, placement);
   }
 
+  u32 capacity() const { return capacity_; }
   // Loads the block around `position` ahead of later reads. False if nothing came or `position` is below 0;
   // inside a PassThroughScope nothing is loaded.
-  bool prime(int fd, i64 position, u32 placement);
+  bool prime(int fd, i64 position, Placement placement);
   // Forgets everything and gives the memory back; the next read takes it anew. This and reset() end a
   // PassThroughScope's effect.
   void release() noexcept;
@@ -70,17 +70,28 @@ class autofilebuffer {
  private:
   friend class PassThroughScope;
 
+  u32 readAt(int fd, i64 position, void* data, u32 size, bool allowShort, u32 line, const char* unit,
+             bool noThrow, Placement placement) {
+    if (!holds(fd, position, size))
+      return readSlowly(fd, position, data, size, allowShort, line, unit, noThrow, placement);
+    placement_ = placement;
+    fd_ = fd;
+    cursor_ = static_cast<u32>(position - blockStart_) + size;
+    position_ = position + size;
+    std::memcpy(data, block_ + cursor_ - size, size);
+    return size;
+  }
   bool holds(int fd, i64 position, u32 size) const {
     return fd != -1 && block_ && position >= blockStart_ && position - blockStart_ < fill_ &&
            size <= fill_ - static_cast<u32>(position - blockStart_);
   }
   u32 readSlowly(int fd, i64 position, void* data, u32 size, bool allowShort, u32 line, const char* unit,
-                 bool noThrow, u32 placement);
+                 bool noThrow, Placement placement);
   void allocate();
   void seek(int fd, i64 position);
   u32 read(u8* data, u32 size);
   u32 take(u8* data, u32 size);
-  void refill(i64 next);
+  void refill(i64 asked, u32 got, bool* wrapped);
   bool holdsNext(i64 next);
   void fill();
   u32 rawRead(i64 position, void* data, u32 size);
@@ -93,7 +104,7 @@ class autofilebuffer {
   u32 capacity_;
   u8* block_ = nullptr;  // Owned; null after a release.
   bool passThrough_ = false;
-  u32 placement_ = forward;
+  Placement placement_ = forward;
   autofilebuffer* parent_;
   IFileService* fileService_;
 };
@@ -112,4 +123,16 @@ class PassThroughScope {
  private:
   autofilebuffer& buffer_;
   bool before_;
+};
+
+// Gives the buffer's memory back at the end of an operation, on every way out.
+class BlockRelease {
+ public:
+  explicit BlockRelease(autofilebuffer& buffer) : buffer_(buffer) {}
+  ~BlockRelease() { buffer_.release(); }
+  BlockRelease(const BlockRelease&) = delete;
+  BlockRelease& operator=(const BlockRelease&) = delete;
+
+ private:
+  autofilebuffer& buffer_;
 };

@@ -6,6 +6,7 @@
 
 #include <cstring>
 
+#include "QuietReads.h"
 #include "support/MemoryHost.h"
 #include "support/Random.h"
 
@@ -26,9 +27,10 @@ class AutoFileBufferTest : public testing::Test {
     host.clearCalls();
   }
   // Tells how many bytes came. As far as the file has them, they must be the file's.
-  u32 read(autofilebuffer& buffer, i64 position, u32 size, u32 placement) {
+  u32 read(autofilebuffer& buffer, i64 position, u32 size, u32 where) {
+    const auto placement = static_cast<autofilebuffer::Placement>(where);
     Bytes out(size), real = host.file("f").image.bytes(position, size);
-    out.resize(buffer.readAt(fd, position, out.data(), size, true, 7, "unit", true, placement));
+    out.resize(buffer.readSome(fd, position, out.data(), size, placement));
     const std::size_t common = std::min(out.size(), real.size());
     EXPECT_EQ(std::memcmp(out.data(), real.data(), common), 0) << position << ' ' << size << ' ' << placement;
     return static_cast<u32>(out.size());
@@ -41,6 +43,7 @@ class AutoFileBufferTest : public testing::Test {
     return out;
   }
 
+  QuietReads reads_;
   MemoryHost host;
   int fd = -1;
 };
@@ -52,7 +55,7 @@ TEST_F(AutoFileBufferTest, placementOfTheBlock) {
   } kBlocks[] = {{0, 5000, 5000}, {1, 5000, 4499}, {1, 20, 0}, {2, 5000, 3997}, {2, 20, 0}};
   for (const auto& [placement, position, blockStart] : kBlocks) {
     autofilebuffer buffer(1003, &host);
-    EXPECT_TRUE(buffer.prime(fd, position, placement));
+    EXPECT_TRUE(buffer.prime(fd, position, static_cast<autofilebuffer::Placement>(placement)));
     read(buffer, blockStart, 1003, 0);  // all of it is there, and nothing more
     read(buffer, blockStart + 1003, 1, 0);
     EXPECT_EQ(reads(), (Reads{{blockStart, 1003}, {blockStart + 1003, 1003}})) << placement;
@@ -72,6 +75,13 @@ TEST_F(AutoFileBufferTest, readsAtTheEndOfTheFile) {
   for (const u32 placement : {0u, 1u, 2u}) EXPECT_EQ(read(buffer, 0, 4, placement), 0u) << placement;
 }
 
+TEST_F(AutoFileBufferTest, aLongReadInATinyFileTakesFewCalls) {
+  host.put("f", Bytes(3, 'x'));
+  autofilebuffer buffer(1024, &host);
+  EXPECT_EQ(read(buffer, 2, 65536, 1), 65536u);
+  EXPECT_LE(reads().size(), 4u);
+}
+
 TEST_F(AutoFileBufferTest, whatKeepsAndWhatDropsTheBlock) {
   autofilebuffer buffer(1000, &host);
   read(buffer, 100, 1, 0);
@@ -79,7 +89,7 @@ TEST_F(AutoFileBufferTest, whatKeepsAndWhatDropsTheBlock) {
   {
     const PassThroughScope scope(buffer);
     { const PassThroughScope nested(buffer); }
-    EXPECT_TRUE(buffer.prime(fd, 3000, 0));  // loads nothing
+    EXPECT_TRUE(buffer.prime(fd, 3000, autofilebuffer::forward));  // loads nothing
     EXPECT_EQ(read(buffer, 3000, 20, 1), 20u);
     EXPECT_EQ(read(buffer, 1090, 20, 0), 20u);  // half from the block, half behind it
     EXPECT_EQ(read(buffer, 6990, 20, 1), 10u);  // and here the end is the end
@@ -99,27 +109,29 @@ TEST_F(AutoFileBufferTest, whatKeepsAndWhatDropsTheBlock) {
 TEST_F(AutoFileBufferTest, textsOfShortReads) {
   const struct {
     i64 position;
-    bool allowShort, noThrow, throws;
+    bool exactly;
     std::string text;  // From its middle.
   } kReads[] = {
-      {6995, true, false, false, ""},
-      {6995, false, true, false, "underrun, wanted 11 bytes, got 5"},
-      {6995, false, false, true, "underrun, wanted 11 bytes, got 5"},
-      {7000, false, false, true, "failed, wanted 11 bytes, got 0"},
-      {-1, false, true, false, ""},
-      {-1, true, false, true, ""},
+      {6995, false, "underrun, wanted 11 bytes, got 5"},
+      {6995, true, "underrun, wanted 11 bytes, got 5"},
+      {7000, true, "failed, wanted 11 bytes, got 0"},
+      {-1, false, ""},
+      {-1, true, ""},
   };
-  for (const auto& [position, allowShort, noThrow, throws, text] : kReads) {
+  for (const auto& [position, throws, text] : kReads) {
     autofilebuffer buffer(1000, &host);
     u8 out[11];
     bool thrown = false;
-    testing::internal::CaptureStdout();
+    reads_.printed();
     try {
-      buffer.readAt(fd, position, out, sizeof out, allowShort, 7, "unit", noThrow, 0);
+      if (throws)
+        buffer.readExactly(fd, position, out, sizeof out, 7, "unit");
+      else
+        buffer.readOrReport(fd, position, out, sizeof out, 7, "unit", autofilebuffer::forward);
     } catch (const util::FileReadException&) {
       thrown = true;
     }
-    const std::string told = testing::internal::GetCapturedStdout();
+    const std::string told = reads_.printed();
     std::string expected = text.empty() ? "" : "FLV file read ";
     if (!text.empty()) expected.append(text).append(" file descriptor 3 in file unit line 7 error-code ");
     EXPECT_EQ(told.substr(0, told.find_last_not_of("0123456789") + 1), expected);

@@ -1,5 +1,7 @@
 // How settings are read and what they change.
 
+#include <sstream>
+
 #include "EngineTest.h"
 #include "modules/streams/flv/FLVAdaptor.h"
 
@@ -11,14 +13,47 @@ class ConfigTest : public EngineTest {
   flv::FLVAdaptor adaptor{&host};
 };
 
+// Each size with its default and its bounds, as the adaptor asks for it.
+class AskedSizes final : public flv::FLVAdaptor {
+ public:
+  using FLVAdaptor::FLVAdaptor;
+  std::vector<std::string> lines;
+
+  bool readConfigUnsigned(const char* key, u32& value, u32 minimum, u32 maximum) override {
+    std::ostringstream line;
+    line << std::hex << key << ' ' << value << ' ' << minimum << ' ' << maximum;
+    lines.push_back(line.str());
+    return FLVAdaptor::readConfigUnsigned(key, value, minimum, maximum);
+  }
+};
+
 TEST_F(ConfigTest, keysInTheirOrder) {
-  const std::vector<std::string> keys{"FrameReserveCheck", "PlayIncompleteFLVs", "RetryCorruptedFLVs",
-                                      "MinSegSize",        "MaxSegSize",         "ReadSize",
-                                      "MaxFrameScan",      "MaxBackFrameScan",   "AutoBufferReadSize",
-                                      "EnableAggMsgs",     "MaxAggMsgSize",      "FrameTypes"};
+  const std::vector<std::string> keys{
+      "FrameReserveCheck", "PlayIncompleteFLVs", "RetryCorruptedFLVs", "MinSegSize",         "MaxSegSize",
+      "ReadSize",          "MaxFrameScan",       "MaxBackFrameScan",   "AutoBufferReadSize", "EnableAggMsgs",
+      "MaxAggMsgSize",     "FrameTypes",         "RecordCodecs"};
   EXPECT_EQ(host.askedKeys, keys);
   flv::FLVAdaptor copy(adaptor);
   EXPECT_EQ(host.askedKeys, keys);  // a copy reads nothing again
+
+  const auto linesFor = [](const std::string& minSegSize) {
+    return std::vector<std::string>{"MinSegSize 20000 20000 ffffffff",
+                                    "MaxSegSize 40000 " + minSegSize + " ffffffff",
+                                    "ReadSize 4000 4000 ffffffff",
+                                    "MaxFrameScan 1000000 " + minSegSize + " 1000000",
+                                    "MaxBackFrameScan 400000 " + minSegSize + " 1000000",
+                                    "AutoBufferReadSize 48000 400 ffffffff",
+                                    "MaxAggMsgSize 10000 0 ffffffff"};
+  };
+  for (const auto& [text, minSegSize] : {std::pair("131071", "20000"), {"8388608", "800000"}}) {
+    host.settings = {{"MinSegSize", text}};
+    AskedSizes asked(&host);
+    host.settings.clear();
+    asked.config();
+    auto expected = linesFor(minSegSize);
+    expected[0].replace(11, 5, minSegSize);
+    EXPECT_EQ(asked.lines, expected);
+  }
 }
 
 TEST_F(ConfigTest, textsAsNumbersAndWords) {

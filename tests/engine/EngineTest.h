@@ -6,6 +6,7 @@
 
 #include <tuple>
 
+#include "QuietReads.h"
 #include "support/FlvBuilder.h"
 #include "support/MemoryHost.h"
 #include "support/Module.h"
@@ -58,6 +59,7 @@ class EngineTest : public testing::Test {
     return *adaptor_;
   }
 
+  QuietReads reads;
   MemoryHost host;
 
  private:

@@ -143,6 +143,12 @@ TEST_F(MediaContextsTest, serializedForm) {
   EXPECT_TRUE(adaptor().getMediaContexts(stream.handle, ContextTypeBefore, 0, nullptr));
   const Bytes blob = blobOf({{kData, meta, 2}, {kData, meta, 2}, {kData, header, 3}, {4, kControl, 5}});
   EXPECT_EQ(contexts.all, (std::vector<Bytes>{blob, blob}));
+  // A file that has grown is looked at anew.
+  host.append(kFile, tagBytes(kVideo, 100, {0x12}));
+  EXPECT_EQ(stream.duration(), 40u);
+  EXPECT_GT(stream.size(), 0);
+  EXPECT_TRUE(adaptor().getAllMediaContexts(stream.handle, &contexts));
+  EXPECT_EQ(contexts.all.back(), blob);
 
   // And back.
   MediaContextStore store;

@@ -14,22 +14,24 @@ const std::string kMostOfHeader =
     "write 0+3, m:seek 0 0, m:write 3, write 3+1, m:seek 3 0, m:write 1, write 4+1, m:seek 4 0, m:write 1, "
     "write 5+4, m:seek 5 0, m:write 4, ";
 const std::string kNewHeader = kMostOfHeader + "write 9+4, m:seek 9 0, m:write 4, ";
-const std::string kFirstScan = "stat, read 4, fstat, read 0";
+const std::string kFirstScan = "stat, read 0, fstat, read 0";
 const std::string kOpen = "stat, open 32770 0, m:open 32770 0, fstat";
 const std::string kScan = ", stat, fstat, read 0";
 const std::string kAppend = kOpen + ", fstat, m:seek 0 2" + kScan;
 const std::string kFileEnd = "fstat, m:seek 0 2";
 const std::string kFlags = ", m:seek 4 0, write 4+1, m:seek 4 0, m:write 1";
 const std::string kClose = ", close, m:close";
-const std::string kFinish = ", stat, read 4, fstat, read 0" + kClose + ", stat";
+const std::string kFinish = ", stat, read 0, fstat, read 0" + kClose + ", stat";
 
 std::string tagsAt(int position, int size) {
   const auto at = std::to_string(position), bytes = std::to_string(size);
   const std::string mirrored = size > 0 ? ", m:seek " + at + " 0, m:write " + bytes : "";
   return ", write " + at + '+' + bytes + mirrored;
 }
+// Behind a look at the tag that is to be rewritten.
 std::string metadataAt(int position, int size) {
-  return ", m:seek " + std::to_string(position) + " 0" + tagsAt(position, size);
+  return ", read " + std::to_string(position - 11) + ", m:seek " + std::to_string(position) + " 0" +
+         tagsAt(position, size);
 }
 
 using RecordCallsTest = RecordTest;
@@ -43,7 +45,8 @@ TEST_F(RecordCallsTest, lifeOfAFile) {
   const Bytes fresh = fileBytes(0, {}),
               first = fileBytes(9, {{kData, 0, metadata(0.04, 2, 0)}, {kVideo, 40, key}}),
               second = fileBytes(13, {{kData, 0, metadata(16909.06, 2, 0)}, {kVideo, 40, key}}) +
-                       Bytes{8, 0, 0, 2, 2, 3, 4, 1, 0, 0, 0, 0x2F, 3, 0, 0, 0, 13};
+                       Bytes{8, 0, 0, 2, 2, 3, 4, 1, 0, 0, 0, 0x2F, 3, 0, 0, 0, 13},
+              third = fileBytes(4, {{kAudio, 0, sound}});
   std::optional<Stream> stream;
   const auto open = [&] {
     stream.emplace(adaptor(), kName, Stream::record, mirror.get());
@@ -69,7 +72,11 @@ TEST_F(RecordCallsTest, lifeOfAFile) {
       {"close, open again", open, true, kOpen + ", read 0, fstat, m:seek 0 2" + kScan, second},
       {"flush of nothing", flush, true, kFileEnd + tagsAt(126, 0) + kFlags + metadataAt(24, 63) + kFinish,
        second},
-      {"a tag that is lost", [&] { return stream->stage(kAudio, 50, sound); }, true, kAppend, second},
+      {"erase between two", erase, true, "unlink, m:unlink", {}},
+      {"a file anew", [&] { return stream->stage(kAudio, 0, sound); }, true,
+       kCreate + kNewHeader + kFirstScan, fresh},
+      {"its flush", flush, true, kFileEnd + tagsAt(13, 17) + kFlags + kFinish, third},
+      {"a tag that is lost", [&] { return stream->stage(kAudio, 50, sound); }, true, kAppend, third},
       {"erase", erase, true, "close, m:close, unlink, m:unlink", {}},
       {"still staging", [&] { return stream->stage(kAudio, 60, sound); }, true, "", {}},
       {"flush without a file", flush, false, "", {}},
@@ -117,7 +124,7 @@ TEST_F(RecordCallsTest, openingsThatFail) {
       {"header's size", 1, Op::fstat, true, false, 48, kOpen + kClose},
       {"header", 1, Op::read, true, false, 48, kOpen + ", read 0" + kClose},
       {"end of a new file", 2, Op::fstat, false, false, 0,
-       kMake + ", m:open 33538 384, fstat, fstat, stat, read 4" + kClose},
+       kMake + ", m:open 33538 384, fstat, fstat, stat, read 0, read 4" + kClose},
       {"end of a file", 2, Op::fstat, true, true, 48, kOpen + ", read 0, fstat" + kScan},
       {"first piece", 1, Op::write, false, false, 0, kCreate + "write 0+3" + kClose},
       {"second piece", 2, Op::write, false, false, 3,
@@ -125,17 +132,35 @@ TEST_F(RecordCallsTest, openingsThatFail) {
       {"last piece", 5, Op::write, false, false, 9, kCreate + kMostOfHeader + "write 9+4" + kClose},
       {"short piece: the mirror is told all of it", 5, Op::write, false, false, 11,
        kCreate + kNewHeader + kFirstScan + ", read 13, read 0" + kClose, Fault::fallsShort},
-      {"scan", 1, Op::read, false, false, 13, kCreate + kNewHeader + "stat, read 4" + kClose},
+      {"block at the front", 1, Op::read, false, true, 13,
+       kCreate + kNewHeader + "stat, read 0, read 4, fstat, read 0"},
+      {"size in the scan", 3, Op::fstat, false, false, 13,
+       kCreate + kNewHeader + "stat, read 0, fstat, read 0, read 13, read 0" + kClose},
   };
+  const FlvBuilder film = FlvBuilder().tag(kVideo, 7, 20);
+  const auto stage = [](Stream& stream) { return stream.stage(kVideo, 9, {0x12}); };
+  const auto fileNow = [&] { return host.exists(kFile) ? std::optional(bytes()) : std::nullopt; };
   for (const auto& failure : kFailures) {
     host.remove(kFile);
-    if (failure.exists) host.put(kFile, FlvBuilder().tag(kVideo, 7, 20).bytes());
+    if (failure.exists) host.put(kFile, film.bytes());
+    script();
     host.failCall(failure.call, failure.fault, failure.op);
     EXPECT_EQ(bool(openRecord(mirror.get())), failure.opens) << failure.name;
     EXPECT_TRUE(host.faultFired()) << failure.name;
     EXPECT_EQ(script(), failure.calls + (failure.opens ? kClose : "")) << failure.name;
     EXPECT_EQ(host.exists(kFile) ? bytes().size() : 0, failure.size) << failure.name;
-    EXPECT_EQ(host.openDescriptors(), 0u) << failure.name;
+    // The same when a handle that played comes to record: nothing is written any more.
+    Stream player = open(film);
+    host.remove(kFile);
+    if (failure.exists) host.put(kFile, film.bytes());
+    host.failCall(failure.call, failure.fault, failure.op);
+    EXPECT_EQ(stage(player), failure.opens) << failure.name;
+    EXPECT_EQ(host.openDescriptors(), failure.opens ? 1u : 0u) << failure.name;
+    if (failure.opens) continue;
+    const std::optional<Bytes> left = fileNow();
+    EXPECT_TRUE(stage(player)) << failure.name;
+    EXPECT_FALSE(player.flush()) << failure.name;
+    EXPECT_EQ(fileNow(), left) << failure.name;
   }
 }
 
@@ -160,14 +185,17 @@ TEST_F(RecordCallsTest, flushesThatFail) {
       {"file end", 1, Op::fstat, "fstat", fileBytes(0, {}), all},
       {"tags", 1, Op::write, kFileEnd + ", write 13+69" + kFlags + kFinish, fileBytes(9, {})},
       {"tags fall short inside the metadata", 1, Op::write,
-       tags + kFlags + ", stat, read 4, fstat" + kClose + ", stat", Bytes(&stale[0], &stale[13 + 34]), "",
+       tags + kFlags + ", stat, read 0, fstat" + kClose + ", stat", Bytes(&stale[0], &stale[13 + 34]), "",
        Fault::fallsShort},
       {"flags byte", 2, Op::write, tags + ", m:seek 4 0, write 4+1", unflagged, onlyTheRest},
       {"flags byte falls short", 2, Op::write, tags + ", m:seek 4 0, write 4+1", unflagged, onlyTheRest,
        Fault::fallsShort},
-      {"metadata", 3, Op::write, tags + kFlags + ", m:seek 24 0, write 24+36" + kFinish, stale},
+      {"metadata", 3, Op::write, tags + kFlags + ", read 13, m:seek 24 0, write 24+36" + kFinish, stale},
+      {"look at the metadata", 1, Op::read, tags + kFlags + ", read 13" + kFinish, stale},
       {"metadata falls short", 3, Op::write, all, stale, "", Fault::fallsShort},
-      {"scan", 1, Op::read, tags + kFlags + rewrite + ", stat, read 4" + kClose + ", stat", whole},
+      {"block at the front", 2, Op::read,
+       tags + kFlags + rewrite + ", stat, read 0, read 4, fstat, read 0" + kClose + ", stat", whole},
+      {"search for the end", 3, Op::read, all, whole},
       {"close", 1, Op::close, all, whole},
       {"time", 2, Op::stat, all, whole},
   };

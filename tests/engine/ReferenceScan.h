@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string_view>
 
@@ -118,6 +119,144 @@ struct ReferenceScan {
     dataEnd = any ? found.end : first.position;
     duration = any ? found.time : 0;
     last = {dataEnd, any ? duration + 1 : 0, dataEnd};
+    return true;
+  }
+};
+
+// A plain reading of the index and of the two searches: a list that is walked from its front.
+struct ReferenceIndex : ReferenceScan {
+  static constexpr i64 kBlock = 0x40000;
+  using List = std::vector<SegmentRange>;
+
+  List list;
+  std::size_t reports = 0;
+  i64 allowance = -1;  // Reports less one; below 0: no limit.
+
+  bool report() {
+    reports += !usedUp();
+    return false;
+  }
+  bool usedUp() const { return allowance >= 0 && static_cast<i64>(reports) > allowance; }
+
+  // After a look at a file that has changed: the list stays if its last end is still what it was.
+  void refresh() {
+    const FrameRecord oldFirst = first;
+    playIncomplete &= !usedUp();
+    if (!open() || (!list.empty() && (first != oldFirst || !stillEnds(list.back().last)))) list.clear();
+  }
+  bool stillEnds(const FrameRecord& known) const {
+    FrameRecord now;
+    if (known.position >= dataEnd) return known == last;
+    if (!readFrameHeader(known.position, &now)) return false;
+    if (!known.isEndMark()) return now == known;
+    const i64 back = i64{*number(known.position - 4)} + 4;
+    return back > 8192 || header(known.position - back)->time() + 1 == known.time;
+  }
+
+  // The record that holds `value`, or else the range around it and the place in the list.
+  template <class Field>
+  bool look(i64 value, Field field, SegmentRange* range, std::size_t* hint) const {
+    *range = {first, last};
+    for (*hint = 0; *hint < list.size(); ++*hint) {
+      const SegmentRange& record = list[*hint];
+      const i64 from = record.first.*field, to = record.last.*field;
+      const bool isTime = std::is_same_v<Field, u32 FrameRecord::*>;
+      if ((isTime && value == from) || (value >= from + isTime && value < to)) return *range = record, true;
+      if (value < from) return range->last = record.first, false;
+      range->first = record.last;
+    }
+    return false;
+  }
+
+  bool findByTime(u32 time, SegmentRange* range) {
+    if (time < first.time || time >= last.time) return false;
+    std::size_t hint = 0;
+    if (look(time, &FrameRecord::time, range, &hint)) return true;
+    const i64 oldEnd = anchor(range);
+    bool middle = false;
+    for (int poor = 0, patience = 4;;) {
+      const i64 span = range->span();
+      middle = poor == patience;
+      if (range->first.time > range->last.time) return report();
+      if (span <= 0) return false;
+      SegmentRange candidate = *range;
+      const i64 place = middle ? range->first.position + span / 2 : guess(time, *range);
+      if (!build(place, &candidate, hint, oldEnd)) return false;
+      if (!contains(*range, candidate)) return report();
+      if (time < candidate.first.time) {
+        range->last = candidate.first;
+      } else if (time < candidate.last.time || time == candidate.first.time) {
+        *range = candidate;
+        return true;
+      } else {
+        range->first = candidate.last;
+        ++hint;
+      }
+      if (range->span() >= span) return false;
+      if (middle) patience = 1;
+      poor = !middle && range->span() > span / 2 ? poor + 1 : 0;
+    }
+  }
+
+  bool findByPosition(i64 position, SegmentRange* range) {
+    if (position >= dataEnd) return false;
+    position = std::max(position, first.position);
+    std::size_t hint = 0;
+    if (look(position, &FrameRecord::position, range, &hint)) return true;
+    const i64 oldEnd = anchor(range);
+    return build(position, range, hint, oldEnd);
+  }
+
+  // The file has grown, and what was its end is a place like any other.
+  i64 anchor(SegmentRange* range) const {
+    if (range->first.position != range->first.end || range->span() <= 0) return -1;
+    const i64 mark = range->first.position;
+    FrameRecord frame;
+    if (!readFrameHeader(mark, &frame)) return mark;
+    range->first = {mark, std::min(range->first.time, frame.time), frame.end};
+    return mark;
+  }
+
+  static i64 guess(u32 time, const SegmentRange& range) {
+    if (range.last.time == range.first.time) return range.first.position;
+    const double ratio = (time - range.first.time) / static_cast<double>(range.last.time - range.first.time);
+    const i64 offset = static_cast<i64>(ratio * static_cast<double>(range.span()));
+    return std::min(range.first.position + offset, range.last.position - 1);
+  }
+
+  static bool contains(const SegmentRange& range, const SegmentRange& candidate) {
+    const auto& [from, to] = range;
+    const auto& [first, last] = candidate;
+    return first.time <= last.time && from.position <= first.position && last.position <= to.position &&
+           from.time <= first.time && last.time <= to.time &&
+           (from.position != first.position || from.time == first.time) &&
+           (to.position != last.position || to.time == last.time);
+  }
+
+  bool frameAt(i64 position, FrameRecord* frame, const SegmentRange& range) {
+    if (usedUp()) return false;
+    const Outcome outcome = findFrameAtOrBefore(position, frame, range, maxFrameScan);
+    return outcome == Outcome::badData ? report() : outcome == Outcome::found;
+  }
+
+  bool build(i64 position, SegmentRange* range, std::size_t hint, i64 oldEnd) {
+    FrameRecord frame;
+    if (!frameAt(position, &frame, *range)) return false;
+    const i64 block = (frame.end - 1) / kBlock * kBlock;
+    if (frame.position <= block) {
+      range->first = frame;
+    } else if (block != 0 && block < range->first.position) {
+      if (range->first.position != first.position && range->first.position != oldEnd) return report();
+    } else if (block > range->first.position) {
+      if (!frameAt(block, &frame, *range)) return false;
+      range->first = frame;
+    }
+    if (block + kBlock < range->last.position) {
+      if (!frameAt(block + kBlock, &frame, *range)) return false;
+      range->last = frame;
+    }
+    if (range->first.position == range->last.position) return false;
+    list.insert(list.begin() + static_cast<std::ptrdiff_t>(hint), *range);
     return true;
   }
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -98,15 +99,30 @@ TEST(Fiber, carriesItsExceptionsFromThreadToThread) {
   return pages == 0 ? 0 : useStack(pages - 1) + frame[0];
 }
 
+// One frame that reaches from the bottom of a stack beyond a few pages; only its far end is touched, as code
+// that is built without probes does.
+[[gnu::noinline]] void jumpOver() {
+  auto* const far = static_cast<volatile char*>(__builtin_frame_address(0)) - 262144 - 16384;
+  *far = 1;
+}
+
+// With another fiber's stack straight below, if the system has it so.
 void runOnAFiber(FiberEntry entry) {
   std::signal(SIGSEGV, SIG_DFL);
   convertThreadToFiber();
-  switchToFiber(createFiber(262144, entry, nullptr));
+  Fiber* const fiber = createFiber(262144, entry, nullptr);
+  createFiber(262144, entry, nullptr);
+  switchToFiber(fiber);
 }
 
 TEST(FiberDeathTest, anOverflowOrAnEscapedExceptionEndsTheProcess) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
-  EXPECT_DEATH(runOnAFiber([](void*) { useStack(70); }), "");  // Into the guard page.
+  EXPECT_DEATH(runOnAFiber([](void*) { useStack(70); }), "");  // Into the guard.
+  EXPECT_DEATH(runOnAFiber([](void*) {
+                 jumpOver();
+                 std::_Exit(0);
+               }),
+               "");
   EXPECT_DEATH(runOnAFiber([](void*) { throw std::runtime_error("left the fiber"); }), "left the fiber");
 }
 

@@ -25,24 +25,6 @@ TEST(CriticalSection, isRecursiveAndKnowsItsThread) {
   std::thread([&] { const SectionGuard guard(section); }).join();
 }
 
-TEST(CriticalSection, excludesAsleepOrSpinning) {
-  constexpr int kThreads = 4, kRounds = 20'000;
-  for (const u32 spins : {0u, 1000u}) {
-    CriticalSection section;
-    EXPECT_EQ(0u, section.setSpinCount(spins));
-    int count = 0;
-    onThreads(kThreads, [&](int) {
-      for (int i = 0; i < kRounds; ++i) {
-        const SectionGuard outer(section);
-        const SectionGuard inner(section);
-        ++count;
-      }
-    });
-    EXPECT_EQ(kThreads * kRounds, count);
-    EXPECT_EQ(spins, section.setSpinCount(7));
-  }
-}
-
 TEST(Event, keepsOneSignalUntilAWaitTakesIt) {
   Event event;
   EXPECT_FALSE(event.wait(0));

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "ServerTest.h"
 #include "support/HeapWatch.h"
 #include "util/KTThrowable.h"
@@ -26,65 +24,6 @@ Bytes joined(const char* head, const char* unit, std::size_t count, const char* 
 u32 levelsOf(const KTData& value) {
   const KTDataArray* const array = value.asArray();
   return array ? 1 + levelsOf(array->valueAt(0)) : 0;
-}
-
-// What a value holds in which the bytes end.
-TEST(AmfFailure, leavesWhatWasReadWhole) {
-  const struct {
-    const char* name;
-    const char* bytes;
-    const char* value;
-  } kRows[] = {
-      {"no marker", "", "Undefined"},
-      {"number", "00 3FF8", "0"},
-      {"string", "02 0005 'hell'", "\"\""},
-      {"date", "0B 4059000000000000 00", "Date(100, 0)"},
-      {"xml", "0F 00000005 '<a/>'", "Xml\"\""},
-      {"memory", "20 00000004 010203", "Memory<none>"},
-      {"class name", "10 0004 'cls'", "Undefined"},
-      {"count above the bytes left", "0A 00000003 05 05", "Undefined"},
-      {"member without a value", "08 00000000 0001'a' 05 0001'b'", "EcmaArray[8]{a: Null}"},
-      {"member with a cut value", "03 0001'a' 05 0001'b' 00 00", "Object[3]{a: Null}"},
-      {"cut inner container", "03 0001'a' 05 0001'b' 03 0001'c' 05 0001'd' 02 00",
-       "Object[3]{a: Null, b: Object[3]{c: Null}}"},
-      {"cut element", "0A 00000003 05 02 0001", "EcmaArray[6]{0: Null}"},
-      {"AMF3 integer", "11 04 80", "0#4"},
-      {"AMF3 string past the table", "11 06 00", "\"\""},
-      {"AMF3 xml", "11 0B 07'ab'", "Xml#11\"\""},
-      {"AMF3 date", "11 08 01 4059", "Date#8(0, 0)"},
-      {"AMF3 bytes", "11 0C 07 0102", "Memory#12<none>"},
-      {"AMF3 reference past the table", "11 09 00", "Undefined"},
-      {"AMF3 count above the bytes left", "11 09 07 01 01", "Undefined"},
-      {"AMF3 cut named entry", "11 09 01 03'a' 01 03'b' 05 00", "EcmaArray#9[9]{a: Null#1}"},
-      {"AMF3 cut dense part", "11 09 07 03'a' 01 01 01 04 05 06 07",
-       "EcmaArray#9[9]{0: Null#1, 1: 5#4, a: Null#1}"},
-      {"AMF3 externalizable class", "11 0A 07 07'cls'", "Undefined"},
-      {"AMF3 reference to no class", "11 0A 01", "Amf3#10[10]{}"},
-      {"AMF3 cut sealed member", "11 0A 23 01 03'a' 03'b' 01 05 00",
-       "Amf3#10[10]{constructor: \"\", a: Null#1}"},
-      {"AMF3 more members than bytes", "11 0A 43 01 03'a'", "Undefined"},
-      {"AMF3 vector of 2^28 - 1", "11 0D FFFFFFFF 00 00000001", "Undefined"},
-      {"AMF3 vector of more than there is", "11 0D 05 00 00000001", "Undefined"},
-      {"AMF3 dictionary of more than there is", "11 11 07 00 01 01 01 01", "Undefined"},
-      {"AMF3 cut vector of objects", "11 10 07 00 01 01 09 01 03'a' 01",
-       "Amf3#16[6]{size: 3, fixed: false, closure: \"\", value: Null#1, value: EcmaArray#9[9]{a: Null#1}}"},
-      {"AMF3 cut plain element of a vector", "11 10 05 00 01 01 05 00",
-       "Amf3#16[6]{size: 2, fixed: false, closure: \"\", value: Null#1}"},
-      {"AMF3 cut dictionary pair", "11 11 05 00 01 01 04 05 06 07",
-       "Amf3#17[6]{size: 2, weak: false, key: Null#1, value: Null#1}"},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.name);
-    const Bytes bytes = bytesOf(row.bytes);
-    KTCSerializer reader = readerOf(bytes);
-    KTData value;
-    reader.readValue(value);
-    EXPECT_TRUE(reader.failed());
-    EXPECT_EQ(reader.position(), reader.limit());
-    EXPECT_EQ(describe(value), row.value);
-    KTCSerializer strict = readerOf(bytes, true);
-    EXPECT_THROW(strict.readValue(value), KTBreakConnection);
-  }
 }
 
 TEST(AmfFailure, anUnknownAmf0MarkerAlwaysThrows) {
@@ -201,61 +140,34 @@ TEST(AmfHostile, longHonestPayloadsAreReadWhole) {
     const char* unit;
     u32 count;
     const char* end = "";
+    u32 before = 0;  // Entries in the head.
   } kRows[] = {
       {"0A 0001FBD0", "03 0004'time' 00 00(8) 0006'offset' 00 00(8) 000009", 130'000},
       {"03", "0008'duration' 00 00(8)", 50'000, "000009"},
-      {"0A 0001FBD0", "02 0008'abcdefgh'", 130'000},
-      {"0A 00002710", "03 000009", 10'000},
-      {"11 09 CE11 01", "0A 0B 01 09'time' 05 00(8) 01", 5'000},
+      // 1 MiB of plain arrays.
+      {"0A 0007FFF0", "01 01", 0x7FFF0},
+      {"0A 0003FFF0", "02 0001'a'", 0x3FFF0},
+      {"0A 00017000", "0B 00(8) 0000", 0x17000},
+      {"11 09 BFFF61 01", "04 05", 0x7FFF0},
+      // 100 KB of the dearest forms.
+      {"0A 00018600", "05", 0x18600},
+      {"0A 00006100", "03 000009", 0x6100},
+      {"0A 00008200", "02 0000", 0x8200},
+      {"03", "0000 05", 33'000, "000009"},
+      {"11 09 85FD53 01 0A 03 03'x'", "0A 01", 49'000, "", 1},
+      {"11 09 85FD53 01 06 03'x'", "06 00", 49'000, "", 1},
+      {"11 09 85FD51 01", "07 01", 49'000},
+      {"11 09 85FD51 01", "0C 01", 49'000},
+      {"11 09 848041 01", "11 01 00", 32'800},
   };
   for (const auto& row : kRows) {
     const Bytes bytes = joined(row.head, row.unit, row.count, row.end);
     KTData value;
-    EXPECT_NO_THROW(readerOf(bytes, true).readValue(value)) << row.unit;
-    EXPECT_EQ(value.asArray()->size(), row.count);
-  }
-}
-
-// Cycles hold while the reader does; then each reference to an array around it becomes Undefined, and what
-// the caller still has is freed with it.
-TEST(AmfCycles, endWithTheirReader) {
-  const struct {
-    const char* bytes;
-    const char* value;
-  } kRows[] = {
-      {"03 0001'a' 07 0000 000009", "Object[3]{a: EcmaArray^1}"},
-      {"03 0001'a' 0A 00000002 07 0000 07 0001 000009",
-       "Object[3]{a: EcmaArray[6]{0: EcmaArray^2, 1: EcmaArray^1}}"},
-      {"11 09 03 03'a' 09 00 01 09 00", "EcmaArray#9[9]{0: EcmaArray#9^1, a: EcmaArray#9^1}"},
-      {"11 0A 1B 01 03'a' 0A 00 03'b' 0A 00 01",
-       "Amf3#10[10]{constructor: \"\", a: Amf3#10^1, b: Amf3#10^1}"},
-      {"11 09 01 03'a' 11 03 00 09 00 10 03 00 01 09 00 01",
-       "EcmaArray#9[9]{a: Amf3#17[6]{size: 1, weak: false, key: EcmaArray#9^2, value: Amf3#16[6]{size: 1, "
-       "fixed: false, closure: \"\", value: EcmaArray#9^3}}}"},
-  };
-  const std::regex reference("[A-Za-z0-9#]+\\^[0-9]");
-  for (const auto& row : kRows) {
-    const Bytes bytes = bytesOf(row.bytes), torn = joined(row.bytes, "FF", 1);
-    const std::string after = std::regex_replace(row.value, reference, "Undefined");
     const HeapWatch heap;
-    {
-      KTData value;
-      {
-        KTCSerializer reader = readerOf(bytes), writer;
-        reader.readValue(value, true);
-        EXPECT_EQ(describe(value), row.value);
-        KTData shown;
-        value.toText(shown);
-        const KTDataArrayPtr copy(new KTDataArray(*value.asArray()));
-        writer.writeValue(value);
-        EXPECT_FALSE(writer.failed());
-      }
-      EXPECT_EQ(describe(value), after);
-    }
-    EXPECT_EQ(heap->live, 0U);
-    // A cycle in what an exception leaves half read.
-    EXPECT_THROW(commandOf(flv::kTypeDataAmf0, torn, true), KTBreakConnection);
-    EXPECT_EQ(heap->live, 0U);
+    EXPECT_NO_THROW(readerOf(bytes, true).readValue(value)) << row.unit;
+    EXPECT_LE(heap->peak, 23 * std::max(bytes.size(), kMiB)) << row.unit;
+    EXPECT_EQ(value.asArray()->size(), row.count + row.before) << row.unit;
+    value.clear();
   }
 }
 

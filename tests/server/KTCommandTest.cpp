@@ -124,26 +124,37 @@ TEST(KTCommand, aCommandThatNoMessageCanCarryGivesNone) {
   EXPECT_FALSE(longer.toDataMessage());
 }
 
-// Memory fails at each place once: what comes out is whole values, or the allocator's exception.
-TEST(KTCommand, survivesFailedAllocations) {
-  const Bytes payload = bytesOf(
-      "02 0001'a' 03 0001'b' 02 0001'c' 0001'd' 0A 00000002 05 02 012C 'x'(300) 0001'e' 11 0B 03'x' "
-      "0001'f' 20 00000001 07 0001'g' 02 012C 'x'(300) 000009");
-  const std::string whole = summary(commandOf(18, payload, true));
+// What comes out where memory fails once: whole values, or the allocator's exception.
+void readAndWriteWithFailures(const Bytes& payload, i32 encoding) {
+  const std::string whole = summary(commandOf(18, payload));
   bool fired = true;
   for (std::size_t n = 1; fired; ++n) {
     HeapWatch heap;
     heap.failAt(n);
     try {
       const KTCommand read = commandOf(18, payload);
-      const KTMessagePtr message = KTCommand(read).toDataMessage();
-      EXPECT_FALSE(KTCommand(message.get(), true).failed());
+      KTCommand writer(read), sound(read);
+      writer.setEncoding(encoding);
+      const KTMessagePtr message = writer.toDataMessage();
       fired = !heap.failurePending();
       heap.failAt(0);
       EXPECT_TRUE(read.failed() || summary(read) == whole);
+      sound.setEncoding(encoding);
+      EXPECT_TRUE(!message || writer.failed() || bytesIn(*message) == bytesIn(*sound.toDataMessage()));
     } catch (const std::bad_alloc&) {
     }
     EXPECT_EQ(heap->live, 0U) << n;
+  }
+}
+
+TEST(KTCommand, survivesFailedAllocations) {
+  std::vector<std::string> payloads = {
+      "03 0001'b' 02 0001'c' 0001'd' 0A 00000002 05 02 012C 'x'(300) 0001'e' 11 0B 03'x' 0001'f' "
+      "20 00000001 07 0001'g' 02 012C 'x'(300) 000009"};
+  for (const AmfCase& form : amfCases()) payloads.push_back(form.bytes);
+  for (const std::string& payload : payloads) {
+    SCOPED_TRACE(payload);
+    for (const i32 encoding : {0, 3}) readAndWriteWithFailures(bytesOf("02 0001'a' " + payload), encoding);
   }
 }
 

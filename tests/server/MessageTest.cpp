@@ -18,7 +18,8 @@ TEST(Message, whatATagIs) {
       {9, "52", false, true, false}, {9, "", false, false, false},   {8, "12", false, true, false},
   };
   for (const auto& row : kRows) {
-    const KTMessagePtr message = messageOf(row.type, bytesOf(row.payload));
+    const KTMessagePtr owner = messageOf(row.type, bytesOf(row.payload));
+    const KTMessage* const message = owner.get();
     EXPECT_EQ(message->isKeyFrame(), row.key) << int{row.type} << row.payload;
     EXPECT_EQ(message->isNonPicture(), row.nonPicture) << int{row.type} << row.payload;
     EXPECT_EQ(message->isDisposableFrame(), row.disposable) << int{row.type} << row.payload;
@@ -243,7 +244,8 @@ TEST(CompositeMessage, livesAsLongAsAnEntryOrAView) {
     same->splitAtIndex(0, same, other);  // Its last owner is the part that becomes null.
     EXPECT_EQ(other->getRefCount(), 1);
     CompositeMessagePtr view = opened(FlvBuilder().interleaved(2'000));
-    while (view) view->splitAtIndex(1, other, view);  // A chain of 2,000 parents.
+    while (view) view->splitAtIndex(1, other, view);               // A chain of 2,000 parents.
+    opened(mixedFilm())->begin()->get()->memory->reserve(10'000);  // The block is then its own.
   }
   EXPECT_EQ(heap->live, 0U);
 }

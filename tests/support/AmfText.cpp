@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 
 #include "server/KTDataArray.h"
@@ -63,24 +64,6 @@ std::size_t repetition(const std::string& text, std::size_t& at) {
 
 }  // namespace
 
-KTData number(double value) {
-  KTData data;
-  data.setNumber(value);
-  return data;
-}
-
-KTData text(const char* value) {
-  KTData data;
-  data.setString(value);
-  return data;
-}
-
-KTData boolean(bool value) {
-  KTData data;
-  data.setBool(value);
-  return data;
-}
-
 Bytes bytesOf(const std::string& text) {
   Bytes bytes;
   bool quoted = false;
@@ -118,6 +101,22 @@ std::string describe(const KTData& value) {
   Path path;
   print(out, value, path);
   return out.str();
+}
+
+std::vector<AmfCase> amfCases() {
+  std::vector<AmfCase> cases;
+  std::ifstream in(FLV_TEST_DATA "/amf.txt");
+  std::string section;
+  for (std::string line; std::getline(in, line);) {
+    if (line[0] == '[') section = line.substr(1, line.size() - 2);
+    if (line[0] == '[' || line[0] == '#') continue;
+    const std::size_t name = line.find(": "), value = line.find(" | "), written = line.find(" | ", value + 3);
+    AmfCase& row = cases.emplace_back(AmfCase{section, line.substr(0, name), {}, {}, {}});
+    row.bytes = line.substr(name + 2, value - name - 2);
+    row.value = line.substr(value + 3, written == std::string::npos ? written : written - value - 3);
+    row.written = written == std::string::npos ? row.bytes : line.substr(written + 3);
+  }
+  return cases;
 }
 
 }  // namespace orv::test

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "server/KTData.h"
 #include "support/FileImage.h"
@@ -20,13 +21,25 @@ inline std::string hexOf(const Bytes& bytes) {
 }
 
 // Plain values.
-KTData number(double value);
-KTData text(const char* value);
-KTData boolean(bool value);
+inline KTData number(double value) {
+  return KTData::ofNumber(value);
+}
+inline KTData text(const char* value) {
+  return KTData::ofText(value);
+}
+inline KTData boolean(bool value) {
+  return KTData::ofBool(value);
+}
 
 // A value with its types: 1.5, true, "text", null, undefined, Object{key: 1}, EcmaArray[9]{...} with the
 // array's type in brackets, Xml#7"..." with a subtype that isn't 6, Memory<0102>, Int64(5), Date(5, 60). An
 // array inside itself shows as ^ and the number of levels up.
 std::string describe(const KTData& value);
+
+// A line of tests/data/amf.txt.
+struct AmfCase {
+  std::string section, name, bytes, value, written;
+};
+std::vector<AmfCase> amfCases();
 
 }  // namespace orv::test

@@ -85,6 +85,10 @@ FlvBuilder& FlvBuilder::scenes(i64 fileSize, u32 seed) {
 }
 
 FileImage uniformFlv(i64 count, u32 dataSize, u32 stepMs) {
+  return uniformFlv(count, dataSize, [=](i64 tag) { return static_cast<u32>(tag) * stepMs; });
+}
+
+FileImage uniformFlv(i64 count, u32 dataSize, const std::function<u32(i64 tag)>& timeOf) {
   const i64 step = i64{dataSize} + flv::kTagOverhead;
   const Bytes header = fileHeader(flv::kFileHeaderSize, 5);
   const Bytes model = tagBytes(flv::kTypeVideo, 0, payload(flv::kTypeVideo, dataSize, 1));
@@ -97,7 +101,7 @@ FileImage uniformFlv(i64 count, u32 dataSize, u32 stepMs) {
       const auto offset = static_cast<u32>(at % step);
       const auto part = static_cast<u32>(std::min<i64>(size - done, step - offset));
       u8 tagHeader[flv::kTagHeaderSize];
-      flv::writeTagHeader(tagHeader, flv::kTypeVideo, dataSize, static_cast<u32>(at / step) * stepMs);
+      flv::writeTagHeader(tagHeader, flv::kTypeVideo, dataSize, timeOf(at / step));
       std::copy_n(model.begin() + offset, part, out + done);
       if (offset < flv::kTagHeaderSize)
         std::copy_n(tagHeader + offset, std::min(part, flv::kTagHeaderSize - offset), out + done);

@@ -55,5 +55,7 @@ class FlvBuilder {
 
 // A file of `count` equal video tags of `dataSize` bytes, `stepMs` apart, that takes no memory.
 FileImage uniformFlv(i64 count, u32 dataSize, u32 stepMs);
+// The same, at any times.
+FileImage uniformFlv(i64 count, u32 dataSize, const std::function<u32(i64 tag)>& timeOf);
 
 }  // namespace orv::test

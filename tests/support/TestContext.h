@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,14 @@ class TestContext : public IQVStreamContext {
     std::memcpy(*buffer, found->second.c_str(), room);
     return 0;
   }
-  void logMessage(const char* text, int level, int flag) override { log.push_back({text, level, flag}); }
+  // From any thread; the test's own look at `log` is not guarded.
+  void logMessage(const char* text, int level, int flag) override {
+    const std::lock_guard lock(logMutex_);
+    log.push_back({text, level, flag});
+  }
+
+ private:
+  std::mutex logMutex_;
 };
 
 }  // namespace orv::test

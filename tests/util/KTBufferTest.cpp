@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "support/Threads.h"
 #include "util/KTThrowable.h"
@@ -66,6 +70,38 @@ TEST(KTPtr, countsHoldUnderContention) {
   });
   EXPECT_EQ(80000, shared->length.read());
   EXPECT_EQ(1, shared->getRefCount());
+}
+
+// Holds what is out, as a pool does.
+class PoolOfOne : public KTPoolSide<KTMemory> {
+ public:
+  KTMemory* acquire(u32 size) override { return new KTMemory(size, this); }
+  void recycle(KTMemory*) override { ++recycled; }
+  std::size_t recycled = 0;
+};
+
+// Two threads take the first counts of each entry at once.
+TEST(KTMemory, firstCountsOfAPooledBlockAreNeverLost) {
+  constexpr std::size_t kBatch = 200, kBatches = 500;
+  PoolOfOne pool;
+  std::vector<std::unique_ptr<KTMemory>> blocks(kBatch * kBatches);
+  for (auto& block : blocks) block.reset(pool.acquire(8));
+  std::atomic<std::size_t> arrivals{0};
+  orv::test::onThreads(2, [&](int) {
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+      if (i % kBatch == 0) {  // Side by side again.
+        ++arrivals;
+        while (arrivals < 2 * (i / kBatch + 1)) std::this_thread::yield();
+      }
+      blocks[i]->addRef();
+    }
+  });
+  for (const auto& block : blocks) {
+    ASSERT_EQ(3, block->getRefCount());
+    EXPECT_EQ(2, block->release());
+    EXPECT_EQ(1, block->release());
+  }
+  EXPECT_EQ(kBatch * kBatches, pool.recycled);
 }
 
 TEST(KTMemory, reserveKeepsWhatIsEnoughAndNoMore) {

@@ -49,18 +49,48 @@ TEST(KTFiberMutex, keepsOneDelegateForAThreadAndAllItsMutexes) {
   }).join();
 }
 
-TEST(KTFiberMutex, keepsACountExactUnderContention) {
-  constexpr int kThreads = 4, kRounds = 20'000;
+// Somebody resumes a waiter that isn't next. It asks for the section, which the unlocking thread has, and
+// that one asks for the waiter.
+TEST(KTFiberMutex, aWaiterThatIsResumedByHandStaysInLineAndBlocksNobody) {
   KTFiberMutex mutex;
-  int count = 0;
-  orv::test::onThreads(kThreads, [&](int) {
-    for (int round = 0; round < kRounds; ++round) {
-      const KTMutexGuard outer(mutex);
-      const KTMutexGuard inner(mutex);
-      ++count;
-    }
-  });
-  EXPECT_EQ(kThreads * kRounds, count);
+  std::atomic<IWorker*> worker{nullptr};
+  for (int round = 0; round < 100; ++round) {
+    mutex.lock();
+    worker = nullptr;
+    const std::jthread waiter([&] {
+      worker = callingWorker();
+      mutex.lock();
+      mutex.unlock();
+      slotsTearDown();
+    });
+    await([&] { return mutex.waitersForTest() == 1; });
+    const orv::platform::SectionGuard section(*mutex.nativeHandle());
+    worker.load()->resume();
+    for (int i = 0; i < round % 8; ++i) std::this_thread::yield();
+    mutex.unlock();
+  }
+}
+
+// The thread that locked it is gone, and the slots of ended threads are looked for, before another unlocks
+// it.
+TEST(KTFiberMutex, isUnlockedForAThreadThatHasEnded) {
+  for (const bool tornDown : {false, true}) {
+    KTFiberMutex mutex;
+    std::atomic<orv::platform::ThreadId> id{0};
+    std::thread([&] {
+      mutex.lock();
+      if (tornDown) slotsTearDown();
+      id = orv::platform::currentThreadId();
+    }).detach();
+    await([&] { return id != 0 && orv::platform::threadHasEnded(id); });
+    slotsCollect();
+    const u32 before = slotOwnersForTest();
+    mutex.unlock();
+    slotsCollect();
+    EXPECT_EQ(before - 1, slotOwnersForTest());
+    EXPECT_TRUE(mutex.lock());
+    mutex.unlock();
+  }
 }
 
 TEST(ORVThreadMutexDelegate, aResumeBeforeTheSuspendIsNotLost) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <map>
 #include <new>
@@ -30,14 +31,36 @@ u64 costOf(const Item& item) {
   return item.capacity + kOverhead;
 }
 
-KTPoolTally tallyOf(const List& list) {
-  KTPoolTally tally;
-  for (const Item& item : list) tally.add(costOf(item));
-  return tally;
+// Entries and bytes, summed up without the product's help.
+using Sum = std::array<u64, 2>;
+
+void add(Sum& sum, u64 bytes) {
+  ++sum[0];
+  sum[1] += bytes;
 }
 
-void moveFirst(List& from, List& to, KTPoolTally& moved) {
-  moved.add(costOf(from.front()));
+Sum sumOf(const List& list) {
+  Sum sum{};
+  for (const Item& item : list) add(sum, costOf(item));
+  return sum;
+}
+
+// What threads count, and then what the pool counts.
+constexpr std::size_t kHits = 0, kCached = 1, kAlloc = 2, kDestroy = 3, kOversizeAlloc = 4, kOversizeFree = 5,
+                      kThreadBooks = 6, kFree = 6, kDirectAlloc = 7, kPoolDestroy = 8, kTaken = 9,
+                      kReturned = 10, kPoolOversizeAlloc = 11, kPoolOversizeFree = 12, kBooks = 13;
+using Books = std::array<Sum, kBooks>;
+
+Books booksOf(const KTPoolCounters& c) {
+  const auto& t = c.totals;
+  const auto of = [](const KTPoolTally& tally) { return Sum{tally.count, tally.bytes}; };
+  return {of(t.hits),         of(t.cached),        of(t.alloc),       of(t.destroy), of(t.oversizeAlloc),
+          of(t.oversizeFree), of(c.free),          of(c.directAlloc), of(c.destroy), of(c.taken),
+          of(c.returned),     of(c.oversizeAlloc), of(c.oversizeFree)};
+}
+
+void moveFirst(List& from, List& to, Sum& moved) {
+  add(moved, costOf(from.front()));
   to.push_back(from.front());
   from.pop_front();
 }
@@ -47,22 +70,22 @@ struct Model {
   struct Thread {
     bool hasCache = false;
     List list;
-    KTPoolTally told;  // What the pool believes the list to hold.
     i32 outstanding = 0;
-    KTPoolStats stats;
+    std::array<Sum, kThreadBooks> stats{};
+    Sum told{};  // What the pool believes the list to hold.
   };
 
   explicit Model(const KTPoolSettings& s) : settings(s) { updateMarks(); }
 
   void updateMarks() {
-    const u64 average = c.taken.count > 0 ? c.taken.bytes / c.taken.count : 0;
-    c.averageSize = average > 0 ? static_cast<u32>(average) : settings.maxEntrySize;
-    const u32 limit = std::min(settings.maxEntries, settings.maxBytes / c.averageSize);
-    const u32 threads = c.cacheCount > 1 ? c.cacheCount : 1;
+    const u64 average = c[kTaken][0] > 0 ? c[kTaken][1] / c[kTaken][0] : 0;
+    averageSize = average > 0 ? static_cast<u32>(average) : settings.maxEntrySize;
+    const u32 limit = std::min(settings.maxEntries, settings.maxBytes / averageSize);
+    const u32 threads = cacheCount > 1 ? cacheCount : 1;
     low = ((settings.lowShare * limit) >> 10) / threads;
     high = limit / threads;
-    for (; free.size() > limit; free.pop_front()) c.destroy.add(costOf(free.front()));
-    c.free = tallyOf(free);
+    for (; free.size() > limit; free.pop_front()) add(c[kPoolDestroy], costOf(free.front()));
+    c[kFree] = sumOf(free);
   }
 
   void mayFail() {
@@ -77,14 +100,16 @@ struct Model {
   }
 
   void tell(Thread& t) {
-    c.totals.cached -= t.told;
-    t.told = tallyOf(t.list);
-    c.totals.cached += t.told;
-    c.free = tallyOf(free);
+    const Sum now = sumOf(t.list);
+    for (const std::size_t i : {0, 1}) c[kCached][i] += now[i] - t.told[i];
+    t.told = now;
+    c[kFree] = sumOf(free);
   }
 
   void merge(Thread& t) {
-    c.totals += t.stats;
+    for (std::size_t book = 0; book < kThreadBooks; ++book) {
+      for (const std::size_t i : {0, 1}) c[book][i] += t.stats[book][i];
+    }
     t.stats = {};
     tell(t);
     updateMarks();
@@ -92,7 +117,7 @@ struct Model {
 
   void giveBack(Thread& t) {
     merge(t);
-    while (!t.list.empty()) moveFirst(t.list, free, c.returned);
+    while (!t.list.empty()) moveFirst(t.list, free, c[kReturned]);
     tell(t);
   }
 
@@ -103,7 +128,7 @@ struct Model {
     for (;; ++next) {
       Item item{next, 0};
       makeFit(item, size);
-      if (t) t->stats.alloc.add(costOf(item));
+      if (t) add(t->stats[kAlloc], costOf(item));
       if (next == made - 1) return item;
       t->list.push_back(item);
     }
@@ -111,14 +136,14 @@ struct Model {
 
   Item hit(Thread& t, u32 size) {
     makeFit(t.list.front(), size);
-    t.stats.hits.add(u64{size} + kOverhead);
+    add(t.stats[kHits], u64{size} + kOverhead);
     const Item item = t.list.front();
     t.list.pop_front();
     return item;
   }
 
   void makeCache(Thread& t) {
-    if (!t.hasCache) ++c.cacheCount;
+    if (!t.hasCache) ++cacheCount;
     t.hasCache = true;
   }
 
@@ -126,19 +151,19 @@ struct Model {
     makeCache(t);
     if (size > settings.maxEntrySize) {
       const Item item = make(size, 1, &t);
-      t.stats.oversizeAlloc.add(costOf(item));
+      add(t.stats[kOversizeAlloc], costOf(item));
       return item;
     }
     const i64 outstanding = t.outstanding + 1;
     Item item{};
     if (!t.list.empty()) {
       item = hit(t, size);
-      if (t.stats.hits.count > settings.syncInterval) merge(t);
+      if (t.stats[kHits][0] > settings.syncInterval) merge(t);
     } else {
       const u32 want = outstanding > 0 ? static_cast<u32>(outstanding) * 2 : low;
       const u32 take = std::min(want, high);
       merge(t);
-      for (u32 left = take; left > 0 && !free.empty(); --left) moveFirst(free, t.list, c.taken);
+      for (u32 left = take; left > 0 && !free.empty(); --left) moveFirst(free, t.list, c[kTaken]);
       tell(t);
       item = t.list.empty() ? make(size, std::max(take, 1u), &t) : hit(t, size);
     }
@@ -149,22 +174,22 @@ struct Model {
   void recycle(Thread& t, const Item& item) {
     makeCache(t);
     if (costOf(item) > settings.maxEntrySize) {
-      t.stats.oversizeFree.add(costOf(item));
-      t.stats.destroy.add(costOf(item));
+      add(t.stats[kOversizeFree], costOf(item));
+      add(t.stats[kDestroy], costOf(item));
       return;
     }
     --t.outstanding;
     t.list.push_back(item);
     if (t.list.size() > high) {
       giveBack(t);
-    } else if (t.stats.hits.count > settings.syncInterval) {
+    } else if (t.stats[kHits][0] > settings.syncInterval) {
       merge(t);
     }
   }
 
   void end(Thread& t) {
     if (!t.hasCache) return;
-    --c.cacheCount;
+    --cacheCount;
     giveBack(t);
     t = {};
   }
@@ -172,18 +197,18 @@ struct Model {
   // A thread whose slot another pool has.
   Item acquireDirectly(u32 size) {
     const Item item = make(size, 1, nullptr);
-    c.directAlloc.add(costOf(item));
-    if (costOf(item) > settings.maxEntrySize) c.oversizeAlloc.add(costOf(item));
+    add(c[kDirectAlloc], costOf(item));
+    if (costOf(item) > settings.maxEntrySize) add(c[kPoolOversizeAlloc], costOf(item));
     return item;
   }
   void recycleDirectly(const Item& item) {
-    if (costOf(item) > settings.maxEntrySize) c.oversizeFree.add(costOf(item));
-    c.destroy.add(costOf(item));
+    if (costOf(item) > settings.maxEntrySize) add(c[kPoolOversizeFree], costOf(item));
+    add(c[kPoolDestroy], costOf(item));
   }
 
   const KTPoolSettings settings;
-  KTPoolCounters c;
-  u32 low = 0, high = 0;
+  Books c{};
+  u32 cacheCount = 0, averageSize = 0, low = 0, high = 0;
   List free;
   int made = 0;
   int failing = -1;  // The allocations that succeed before one throws.
@@ -265,7 +290,10 @@ void compare(const KTPoolSettings& settings, u32 seed, HeapWatch& heap) {
       direct ? model.recycleDirectly(item) : model.recycle(thread, item);
       live.erase(chosen);
     }
-    ASSERT_EQ(model.c, pool.counters()) << step;
+    const KTPoolCounters counters = pool.counters();
+    ASSERT_EQ(model.c, booksOf(counters)) << step;
+    ASSERT_EQ(model.cacheCount, counters.cacheCount);
+    ASSERT_EQ(model.averageSize, counters.averageSize);
     ASSERT_EQ(model.low, pool.lowMark());
     ASSERT_EQ(model.high, pool.highMark());
     if (!thread.hasCache) continue;
@@ -294,6 +322,7 @@ TEST(KTPoolModel, agreesOverRandomOperations) {
   for (const auto& c : kCases) {
     for (u32 seed = 1; seed <= 3; ++seed) {
       SCOPED_TRACE(testing::Message() << c.name << ", seed " << seed);
+      slotsCollect();  // What other tests have left must not come back during the watch.
       HeapWatch heap;
       compare(c.settings, seed, heap);
       if (HasFatalFailure()) return;

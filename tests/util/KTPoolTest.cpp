@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <latch>
+#include <memory>
 #include <mutex>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -35,6 +38,24 @@ TEST(KTPool, aBlockComesHomeWhenOnlyThePoolHoldsIt) {
   auto* const free = new KTMemory(100, &pool);
   EXPECT_EQ(1, free->getRefCount());
   EXPECT_EQ(0, free->release());  // By the pool itself: destroyed, and not handed to it once more.
+}
+
+// Slots behind the first five hold other things than caches.
+TEST(KTPool, leavesTheSlotsOfOthersAlone) {
+  KTPoolSettings settings = kSettings;
+  for (u32 slot : {kSlotWorker, kSlotCount}) {
+    settings.threadSlot = slot;
+    const std::string foreign(64, 'x');
+    slotSet(slot, const_cast<char*>(foreign.data()), nullptr);
+    {
+      KTPool<KTMemory> pool(settings);
+      { const KTMemoryPtr block(100, &pool); }
+      EXPECT_EQ(1u, pool.counters().directAlloc.count);
+      EXPECT_EQ(0u, pool.counters().cacheCount);
+    }
+    EXPECT_EQ(slot < kSlotCount ? foreign.data() : nullptr, slotGet(slot));
+    slotSet(slot, nullptr, nullptr);
+  }
 }
 
 // A thread hands its counters in whenever it takes the mutex: as long as the pool hasn't heard of it, it took
@@ -84,6 +105,46 @@ TEST(KTPool, keepsItsBlocksAndItsBooksUnderContention) {
   EXPECT_EQ(c.totals.alloc.count, c.totals.destroy.count + c.destroy.count + c.free.count);
   EXPECT_EQ(c.returned.count, c.taken.count + c.destroy.count + c.free.count);
   EXPECT_LE(c.free.count, u64{kThreads} * kSettings.maxEntries);
+}
+
+// Host threads end without a word. What they kept goes back to the pool, and their share of its marks.
+TEST(KTPool, getsBackWhatEndedThreadsKept) {
+  KTPool<KTMemory> pool(kSettings);
+  for (int i = 0; i < 300; ++i) std::thread([&] { const KTMemoryPtr block(100, &pool); }).join();
+  EXPECT_LE(pool.counters().cacheCount, 70u);
+  slotsCollect();
+  const KTPoolCounters c = pool.counters();
+  EXPECT_EQ(0u, c.cacheCount);
+  EXPECT_EQ(KTPoolTally{}, c.totals.cached);
+  EXPECT_EQ(kSettings.maxEntries, pool.highMark());
+  EXPECT_EQ(c.totals.alloc.count, c.destroy.count + c.free.count);
+}
+
+// The threads have slots still, one of them lives on, and another pool uses the same slot.
+TEST(KTPool, mayGoBeforeTheSlotsOfItsThreads) {
+  std::latch used(1), gone(1);
+  auto pool = std::make_unique<KTPool<KTMemory>>(kSettings);
+  const auto use = [](KTPool<KTMemory>* its) { const KTMemoryPtr block(100, its); };
+  std::jthread living([&] {
+    use(pool.get());
+    EXPECT_EQ(2u, pool->threadCache()->stats().alloc.count);  // The pool hasn't heard of them.
+    EXPECT_EQ(0u, pool->counters().totals.alloc.count);
+    used.count_down();
+    gone.wait();
+    KTPool<KTMemory> next(kSettings);
+    use(&next);
+    EXPECT_EQ(1u, next.counters().directAlloc.count);
+    slotsTearDown();
+    use(&next);
+    EXPECT_EQ(1u, next.counters().directAlloc.count);
+    EXPECT_EQ(1u, next.counters().cacheCount);
+  });
+  used.wait();
+  for (int i = 0; i < 10; ++i) std::thread(use, pool.get()).join();
+  pool.reset();
+  gone.count_down();
+  living.join();
+  slotsCollect();
 }
 
 }  // namespace

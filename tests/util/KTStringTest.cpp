@@ -4,6 +4,8 @@
 
 #include <limits>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "util/KTThrowable.h"
 #include "util/KTWideString.h"
@@ -87,19 +89,13 @@ TEST(KTString, comparesByUnsignedCharacter) {
 
 TEST(KTString, searchesAndPieces) {
   const KTWideString path(u"C:\\a\\b.flv");
-  EXPECT_EQ(2, path.find(u'\\'));
-  EXPECT_EQ(4, path.rfind(u'\\'));
-  EXPECT_EQ(-1, path.find(u'?'));
-  EXPECT_EQ(2, path.find(u"\\"));
-  EXPECT_EQ(4, path.rfind(u"\\"));
-  EXPECT_EQ(-1, path.rfind(u".f4v"));
   const KTString abc("abc");
   const char* const none = nullptr;
-  EXPECT_EQ(0, abc.rfind(""));
-  EXPECT_EQ(0, abc.rfind(none));
-  EXPECT_EQ(0, abc.find(none));
-  EXPECT_EQ('c', abc[2]);
-  EXPECT_EQ(0, abc[3] + abc[-1]);
+  EXPECT_EQ((std::vector<i32>{2, 4, -1, 2, 4, -1}),
+            (std::vector<i32>{path.find(u'\\'), path.rfind(u'\\'), path.find(u'?'), path.find(u"\\"),
+                              path.rfind(u"\\"), path.rfind(u".f4v")}));
+  EXPECT_EQ((std::vector<i32>{0, 0, 0, 'c', 0, 0}),
+            (std::vector<i32>{abc.rfind(""), abc.rfind(none), abc.find(none), abc[2], abc[3], abc[-1]}));
   const struct {
     i32 start, count;
     const char* piece;
@@ -126,12 +122,12 @@ TEST(KTString, readsNumbersWithinTheirLimits) {
                   {"1.5e3", 1, 1, 1500}};
   for (const auto& n : kNumbers) {
     const KTString text(n.text);
-    EXPECT_EQ(n.narrow, text.toInt()) << n.text;
-    EXPECT_EQ(n.narrow, toWide(text).toLong()) << n.text;
-    EXPECT_EQ(n.wide, text.toInt64()) << n.text;
-    EXPECT_EQ(n.wide, toWide(text).toInt64()) << n.text;
-    EXPECT_EQ(n.real, text.toDouble()) << n.text;
-    EXPECT_EQ(n.real, toWide(text).toDouble()) << n.text;
+    const KTWideString wide = toWide(text);
+    EXPECT_EQ(std::tuple(n.narrow, n.wide, n.real), std::tuple(text.toInt(), text.toInt64(), text.toDouble()))
+        << n.text;
+    EXPECT_EQ(std::tuple(n.narrow, n.wide, n.real),
+              std::tuple(wide.toLong(), wide.toInt64(), wide.toDouble()))
+        << n.text;
   }
 }
 
@@ -139,6 +135,8 @@ TEST(KTString, writesNumbers) {
   EXPECT_EQ(KTString::fromNumber(i16{-5}), "-5");
   EXPECT_EQ(KTString::fromNumber(std::numeric_limits<i64>::min()), "-9223372036854775808");
   EXPECT_EQ(KTString::fromNumber(0xFFFFFFFFu), "4294967295");
+  EXPECT_EQ(KTString::fromNumber(-1LL) + KTString::fromNumber(~0ULL), "-118446744073709551615");
+  EXPECT_EQ(KTWideString::fromNumber(-1LL) + KTWideString::fromNumber(~0ULL), u"-118446744073709551615");
   EXPECT_EQ(KTString::fromNumber(0.1), "0.10000000000000001");
   EXPECT_EQ(KTString::fromNumber(1e300), "1.0000000000000001e+300");
   EXPECT_EQ(KTString::fromNumber(25.0), "25");
@@ -220,6 +218,8 @@ TEST(KTWideString, formatsTextsByLetterAndPrefix) {
   EXPECT_EQ(text.format(u"[%4s][%-4S][%.1s][%3.1S]", u"ab", "ab", u"ab", "ab"), u"[  ab][ab  ][a][  a]");
   EXPECT_EQ(text.format(u"<%S>", text.c_str()), u"<[  ab][ab  ][a][  a]>");
   EXPECT_EQ(text.format(u"%S %.3S 100%%", nullptr, nullptr), u"(null) (nu 100%");
+  EXPECT_EQ(text.format(u"%%S%%%S%%%%s%", u"a"), KTWideString());
+  EXPECT_EQ(text.format(u"%%S%%%S%%%%s", u"a"), u"%S%a%%s");
   EXPECT_EQ(text.format(u"%4S|", "\xE2\x82\xAC\xFF\xC3"), u" \x20AC\xFF\xC3|");
   const char16_t wide[2] = {u'a', u'b'};
   const char narrow[2] = {'\xE2', '\x82'};  // Nothing behind the precision is read.

@@ -9,9 +9,7 @@
 #include <vector>
 
 #include "platform/Thread.h"
-#include "util/KTFiberMutex.h"
 #include "util/ORVFiberPool.h"
-#include "util/ThreadSlots.h"
 #include "util/Work.h"
 
 namespace {
@@ -53,8 +51,7 @@ TEST(startThread, givesTheThreadAWorkerThatTheLibraryFindsById) {
     EXPECT_EQ(orv::platform::currentProcessId(), worker()->processId);
     EXPECT_EQ(1u, runningThreadCount());
     valuesSet.wait();
-    EXPECT_EQ(17u, worker()->userValue1);
-    EXPECT_EQ(4u, worker()->userValue2);
+    EXPECT_TRUE(worker()->userValue1 == 17 && worker()->userValue2 == 4);
   };
   setUserValues(1, 2, 3);  // Nobody's.
   const u32 id = startThread(doWork, &work, 0);
@@ -98,19 +95,13 @@ TEST(startThread, runsOnAFiberWhereAskedAndAllowedAndToBeHad) {
 
 // The function waits on its fiber: its thread ends, and another one takes the function to its end.
 TEST(startThread, endsWhileItsFunctionWaits) {
-  KTFiberMutex mutex;
-  std::atomic<bool> done{false};
-  Work work = [&] {
-    const KTMutexGuard guard(mutex);
-    done = true;
-  };
-  mutex.lock();
-  const u32 id = startThread(doWork, &work, kThreadWithFiber);
-  await([&] { return mutex.waitersForTest() == 1; });
+  Locking it;
+  it.mutex.lock();
+  const u32 id = startThread(doWork, &it.work, kThreadWithFiber);
+  it.awaitWaiters(1);
   await([&] { return orv::platform::threadHasEnded(id); });
-  mutex.unlock();
-  await([&] { return done.load(); });
-  awaitThreads();
+  it.mutex.unlock();
+  it.awaitEnd();
 }
 
 // Threads that start and end at random, while others store values for whatever runs.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -14,13 +15,10 @@ using orv::util::KTTimeValueError;
 
 constexpr i64 kMin = std::numeric_limits<i64>::min(), kMax = std::numeric_limits<i64>::max();
 
-void setZone(const char* zone) {
-  setenv("TZ", zone, 1);
-}
-
 class KTTime : public testing::Test {
  protected:
   KTTime() { setZone("UTC0"); }
+  static void setZone(const char* zone) { setenv("TZ", zone, 1); }
 };
 
 std::string narrow(const KTWideString& text) {
@@ -71,9 +69,8 @@ TEST_F(KTTime, scalesAndCalculatesOnTheCount) {
   EXPECT_EQ(-70'000, KTTimeValue::fromMilliseconds(-7).ticks());
   EXPECT_EQ(70'000'000, KTTimeValue::fromSeconds(7).ticks());
   const KTTimeValue value(-12'345'678'901);
-  EXPECT_EQ(-1'234'567'890, value.microseconds());
-  EXPECT_EQ(-1'234'567, value.milliseconds());
-  EXPECT_EQ(-1'234, value.seconds());
+  EXPECT_EQ((std::vector<i64>{-1'234'567'890, -1'234'567, -1'234}),
+            (std::vector<i64>{value.microseconds(), value.milliseconds(), value.seconds()}));
   EXPECT_EQ(-12'345'678'904, (value - KTTimeValue(3)).ticks());
   EXPECT_EQ(kMin, (KTTimeValue(kMax) += KTTimeValue(1)).ticks());
   EXPECT_TRUE(KTTimeValue(-1) < KTTimeValue(0) && KTTimeValue(2) >= KTTimeValue(2));
@@ -95,16 +92,12 @@ TEST_F(KTTime, breaksDownAnyYear) {
     const KTTimeValue value = KTTimeValue::fromSeconds(c.seconds);
     EXPECT_EQ(c.fields, fieldsOf(value.toUtcTime())) << c.seconds;
     EXPECT_EQ(c.seconds, KTTimeValue::fromBrokenDownTime(value.toLocalTime()).seconds());
-    if (c.seconds < -(i64{1} << 37))
-      continue;  // The 16-bit fields are the same, and the year is checked above.
     EXPECT_EQ(c.fields, fieldsOf(KTTimeSpan(static_cast<double>(c.seconds) + 0.75))) << c.seconds;
   }
   std::tm far{};
-  for (const int year :
-       {100'000, -100'000, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()}) {
+  for (const int year : {100'000, -100'000, INT_MAX, INT_MIN}) {
     far.tm_year = year;
-    EXPECT_EQ("failed to convert from localtime", thrownBy([&] { KTTimeValue::fromBrokenDownTime(far); }))
-        << year;
+    EXPECT_EQ("failed to convert from localtime", thrownBy([&] { KTTimeValue::fromBrokenDownTime(far); }));
   }
   EXPECT_EQ(1969, KTTimeValue(-1).toUtcTime().tm_year + 1900);
 }
@@ -136,8 +129,8 @@ TEST_F(KTTime, printsTimes) {
   EXPECT_EQ(">2038", narrow(KTTimeValue::fromSeconds(0x100000000).toText()));
   for (const std::size_t length : {511u, 512u}) {
     const std::u16string format(length, u'x');
-    EXPECT_EQ(length == 511 ? 511 : 0, span.toText(format.c_str()).length());
-    EXPECT_EQ(length == 511 ? 511 : 0, value.toText(format.c_str()).length());
+    for (const auto& text : {span.toText(format.c_str()), value.toText(format.c_str())})
+      EXPECT_EQ(length == 511 ? 511 : 0, text.length());
   }
 }
 
@@ -191,12 +184,12 @@ TEST_F(KTTime, followsDaylightSaving) {
                 {"EST5EDT,M3.2.0,M11.1.0", 2909372400, "12 01:59:59", "12 03:00:00"}};  // 2062 as 2034
   for (const auto& c : kCases) {
     setZone(c.zone);
-    EXPECT_EQ(c.before, narrow(KTTimeSpan(static_cast<double>(c.change - 1)).toText(u"%d %H:%M:%S")))
-        << c.zone;
-    EXPECT_EQ(c.after, narrow(KTTimeSpan(static_cast<double>(c.change)).toText(u"%d %H:%M:%S"))) << c.zone;
-    for (const i64 second : {c.change - 1, c.change})
-      EXPECT_EQ(second,
-                KTTimeValue::fromBrokenDownTime(KTTimeValue::fromSeconds(second).toLocalTime()).seconds());
+    for (const i64 second : {c.change - 1, c.change}) {
+      const KTTimeValue value = KTTimeValue::fromSeconds(second);
+      const KTTimeSpan span(static_cast<double>(second));
+      EXPECT_EQ(second < c.change ? c.before : c.after, narrow(span.toText(u"%d %H:%M:%S"))) << c.zone;
+      EXPECT_EQ(second, KTTimeValue::fromBrokenDownTime(value.toLocalTime()).seconds());
+    }
   }
   setZone("EST5EDT,M3.2.0,M11.1.0");
   EXPECT_EQ(1625155200, KTTimeSpan::fromDate(2021, 6, 1, 12, 0, 0).seconds());

@@ -1,6 +1,8 @@
 #include "util/ORVFiber.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <exception>
@@ -9,30 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "util/KTFiberMutex.h"
+#include "support/HeapWatch.h"
 #include "util/ORVFiberPool.h"
-#include "util/ThreadSlots.h"
 #include "util/Work.h"
 
 namespace {
 
 using orv::test::await;
 using orv::test::onThreads;
-
-// A thread that leaves no slots behind.
-template <class Body>
-std::jthread cleanThread(Body body) {
-  return std::jthread([body] {
-    body();
-    ORVFiber::fiberToThread();
-    slotsTearDown();
-  });
-}
-
-template <class Body>
-void onCleanThread(Body body) {
-  cleanThread(body).join();
-}
 
 TEST(ORVFiber, isAWorkerOfItsThreadWhileItRuns) {
   onCleanThread([] {
@@ -96,37 +82,29 @@ TEST(ORVFiber, runsInsideAnotherFiberAndGoesBackToIt) {
 // The thread that ran the fiber goes on while the fiber waits. One that is woken by mistake must not take
 // itself for the owner. The fiber ends up on another thread, and the mutex knows it there as the same owner.
 TEST(ORVFiber, leavesItsThreadFreeWhileItWaitsForAMutex) {
-  KTFiberMutex mutex;
-  std::atomic<bool> done{false};
+  Locking it;
   u32 before = 0, after = 0;
   ORVFiberPtr fiber(new ORVFiber);
-  Work work = [&] {
-    mutex.lock();
-    mutex.lock();
-    mutex.unlock();
+  it.work = [&] {
+    const KTMutexGuard guard(it.mutex), again(it.mutex);
     after = orv::platform::currentThreadId();
-    mutex.unlock();
-    done = true;
+    it.done = true;
   };
-  const auto expectInLine = [&] {
-    EXPECT_EQ(1u, mutex.waitersForTest());
-    EXPECT_EQ(ORVFiber::kWaiting, fiber->state());
-    EXPECT_EQ(2, fiber->getRefCount());
-  };
-  mutex.lock();
+  it.mutex.lock();
   onCleanThread([&] {
     before = orv::platform::currentThreadId();
-    fiber->run(doWork, &work);
-    expectInLine();
-    EXPECT_TRUE(fiber->wake());
-    expectInLine();
+    fiber->run(doWork, &it.work);
+    for (const bool woken : {false, true}) {
+      EXPECT_TRUE(!woken || fiber->wake());
+      EXPECT_EQ(1u, it.mutex.waitersForTest());
+      EXPECT_EQ(ORVFiber::kWaiting, fiber->state());
+      EXPECT_EQ(2, fiber->getRefCount());
+    }
   });
-  EXPECT_FALSE(done);
-  mutex.unlock();
-  await([&] { return done.load(); });
-  awaitThreads();
+  EXPECT_FALSE(it.done);
+  it.mutex.unlock();
+  it.awaitEnd(*fiber);
   EXPECT_NE(before, after);
-  await([&] { return fiber->getRefCount() == 1; });
 }
 
 TEST(ORVFiber, fibersAndThreadsAreServedInOneLine) {
@@ -143,7 +121,7 @@ TEST(ORVFiber, fibersAndThreadsAreServedInOneLine) {
     });
     Work* const work = &works.back();
     if (name % 2) {
-      threads.push_back(cleanThread([=] { (*work)(); }));
+      threads.push_back(cleanThread(*work));
     } else {
       onCleanThread([=] { ORVFiberPtr(new ORVFiber)->run(doWork, work); });
     }
@@ -164,7 +142,7 @@ TEST(ORVFiber, fibersAndThreadsAreServedInOneLine) {
 #if defined(__SANITIZE_THREAD__)
 constexpr int kFibersEach = 50;  // The sanitizer takes milliseconds for each thread that it sees start.
 #else
-constexpr int kFibersEach = 1000;
+constexpr int kFibersEach = 250;
 #endif
 
 // Fibers by the thousand contend for two mutexes, throwing and catching as they go.
@@ -190,9 +168,9 @@ TEST(ORVFiber, standByTheThousandOnAFewThreads) {
   };
   first.lock();
   onThreads(kThreads, [&](int) {
-    for (int n = 0; n < kFibersEach; ++n) ORVFiberPtr(new ORVFiber)->run(doWork, &work);
-    ORVFiber::fiberToThread();
-    slotsTearDown();
+    onCleanThread([&] {
+      for (int n = 0; n < kFibersEach; ++n) ORVFiberPtr(new ORVFiber)->run(doWork, &work);
+    });
   });
   EXPECT_EQ(static_cast<u32>(kFibers), first.waitersForTest());
   EXPECT_EQ(static_cast<u32>(kFibers), ORVFiber::aliveCount());
@@ -205,24 +183,71 @@ TEST(ORVFiber, standByTheThousandOnAFewThreads) {
 
 TEST(ORVFiber, boundToItsThreadItBlocksIt) {
   ORVFiberPtr fiber(new ORVFiber);
-  KTFiberMutex mutex;
+  Locking it;
   std::latch bound(1);
-  bool resumed = false;
   Work work = [&] {
     fiber->bindToThread();
     bound.count_down();
-    resumed = fiber->suspend();
-    const KTMutexGuard guard(mutex);
+    EXPECT_TRUE(fiber->suspend());
+    it.work();
   };
   std::jthread thread = cleanThread([&] { fiber->run(doWork, &work); });
   bound.wait();
-  mutex.lock();
+  it.mutex.lock();
   EXPECT_TRUE(fiber->resume());
-  await([&] { return mutex.waitersForTest() == 1; });
-  mutex.unlock();
+  it.awaitWaiters(1);
+  it.mutex.unlock();
   thread.join();
-  EXPECT_TRUE(resumed);
+  EXPECT_TRUE(it.done);
   EXPECT_EQ(1, fiber->getRefCount());
+}
+
+// One that the system has no thread for, as long as `refuses` says so.
+class ThreadlessFiber : public ORVFiber {
+ public:
+  bool resume() override { return refuses ? false : ORVFiber::resume(); }
+  std::atomic<bool> refuses{true};
+};
+
+// It stays in line, and gets the mutex from whoever unlocks it next, or when somebody wakes it.
+TEST(ORVFiber, isNotLostWhenThereIsNoThreadToResumeItOn) {
+  for (const bool wokenByHand : {false, true}) {
+    Locking it;
+    const KTPtr<ThreadlessFiber> fiber(new ThreadlessFiber);
+    it.mutex.lock();
+    onCleanThread([&] { fiber->run(doWork, &it.work); });
+    std::jthread behind = cleanThread([&] { const KTMutexGuard guard(it.mutex); });
+    it.awaitWaiters(2);
+    it.mutex.unlock();
+    behind.join();
+    EXPECT_EQ(1u, it.mutex.waitersForTest());
+    EXPECT_FALSE(it.done);
+    if (wokenByHand) {
+      onCleanThread([&] { EXPECT_TRUE(fiber->wake()); });
+    } else {
+      fiber->refuses = false;
+      it.mutex.lock();
+      it.mutex.unlock();
+    }
+    it.awaitEnd(*fiber);
+  }
+}
+
+// New threads stand still until the gate opens.
+std::atomic<bool> gateClosed{false};
+// A hand-over starts a thread for the fiber, and doesn't wait until it runs.
+TEST(ORVFiber, isResumedWithoutWaitingForItsThread) {
+  Locking it;
+  const ORVFiberPtr fiber(new ORVFiber);
+  it.mutex.lock();
+  onCleanThread([&] { fiber->run(doWork, &it.work); });
+  gateClosed = true;
+  it.mutex.unlock();
+  EXPECT_FALSE(it.done);
+  EXPECT_EQ(0u, it.mutex.waitersForTest());
+  gateClosed = false;
+  gateClosed.notify_all();
+  it.awaitEnd(*fiber);
 }
 
 TEST(ORVFiberPool, handsOutTakesBackAndStopsAtItsLimit) {
@@ -300,17 +325,79 @@ TEST(ORVFiberPool, servesManyThreads) {
     ++count;
   };
   onThreads(kThreads, [&](int) {
-    for (int round = 0; round < kRounds; ++round) {
-      ORVFiberPtr fiber;
-      while (!(fiber = pool.acquire())) orv::util::yield();
-      EXPECT_TRUE(fiber->run(doWork, &work));
-    }
-    ORVFiber::fiberToThread();
-    slotsTearDown();
+    onCleanThread([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        ORVFiberPtr fiber;
+        while (!(fiber = pool.acquire())) orv::util::yield();
+        EXPECT_TRUE(fiber->run(doWork, &work));
+      }
+    });
   });
   EXPECT_FALSE(pool.stop());
   EXPECT_EQ(kThreads * kRounds, count);
   awaitThreads();
 }
 
+// A fiber goes home where there is no memory.
+TEST(ORVFiberPool, takesNoMemoryToTakeAFiberBack) {
+  onCleanThread([] {
+    ORVFiberPool pool(2);
+    int runs = 0;
+    Work work = [&] { ++runs; };
+    for (int round = 0; round < 2; ++round) {
+      const ORVFiberPtr first = pool.acquire(), second = pool.acquire();
+      orv::test::HeapWatch heap;
+      heap.failAt(1);
+      EXPECT_TRUE(first->run(doWork, &work));
+      pool.recycle(second);
+      EXPECT_TRUE(heap.failurePending());
+    }
+    EXPECT_EQ(2, runs);
+    EXPECT_EQ(2u, pool.idleCount());
+  });
+}
+
+// Each of the allocations on the road to a fiber at work fails in turn.
+TEST(ORVFiberPool, givesNullWhereThereIsNoMemory) {
+  bool pending = false;
+  for (std::size_t n = 1; !pending; ++n) {
+    onCleanThread([&] {
+      ORVFiberPool pool(2);
+      int runs = 0;
+      Work work = [&] { ++runs; };
+      {
+        orv::test::HeapWatch heap;
+        heap.failAt(n);
+        const ORVFiberPtr fiber = pool.acquire();
+        if (fiber) fiber->run(doWork, &work);
+        pending = heap.failurePending();
+        EXPECT_EQ(fiber ? 1 : 0, runs) << n;
+      }
+      const ORVFiberPtr again = pool.acquire();
+      ASSERT_TRUE(again);
+      pool.recycle(again);
+      EXPECT_EQ(0u, pool.activeCount());
+    });
+    EXPECT_EQ(0u, ORVFiber::aliveCount()) << n;
+  }
+}
+
 }  // namespace
+
+// In place of the system's: its threads wait at the gate.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
+                              void* argument) {
+  struct Start {
+    void* (*run)(void*);
+    void* argument;
+  };
+  static auto* const system = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+  if (!gateClosed) return system(thread, attributes, run, argument);
+  const auto waitAtGate = [](void* raw) {
+    const Start start = *static_cast<Start*>(raw);
+    delete static_cast<Start*>(raw);
+    gateClosed.wait(true);
+    return start.run(start.argument);
+  };
+  return system(thread, attributes, waitAtGate, new Start{run, argument});
+}

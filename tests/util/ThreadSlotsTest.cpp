@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "util/KTFiberMutex.h"
+#include "util/ORVFiber.h"
 
 namespace {
 
@@ -71,6 +72,28 @@ TEST(ThreadSlots, ofEndedHostThreadsAreFreedByLaterOnes) {
   for (int i = 0; i < 1000; ++i) std::thread(useAMutex).join();
   EXPECT_LE(slotOwnersForTest(), 70u);
   othersEnded.count_down();
+}
+
+TEST(ThreadSlots, ofEndedThreadsAreFreedByACollection) {
+  const struct {
+    void (*body)();
+    u32 left;  // Threads with slots until then.
+  } kCases[] = {{[] {
+                   const ThreadSlotsGuard guard;
+                   useAMutex();
+                 },
+                 0},
+                {[] { ORVFiber::ensureThreadIsFiber(); }, 1},  // With its own fiber.
+                // A cleanup that looks for ended threads itself, as the end of a pool does.
+                {[] { slotSet(kSlot, &cleaned, [](void*) { slotsCollect(); }); }, 1}};
+  for (const auto& c : kCases) {
+    slotsCollect();
+    const u32 before = slotOwnersForTest();
+    std::thread(c.body).join();
+    EXPECT_EQ(before + c.left, slotOwnersForTest());
+    slotsCollect();
+    EXPECT_EQ(before, slotOwnersForTest());
+  }
 }
 
 // What the unloading of the module does, threads of the host living on; more often than the system has

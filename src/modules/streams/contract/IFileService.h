@@ -17,11 +17,11 @@
 // time; that time must differ after every change of the file, since all refresh rests on it. Its unit is the
 // host's.
 struct FileStat {
-  u8 reserved1[24];
-  i64 size;
-  u8 reserved2[8];
-  i64 modificationTime;
-  u8 reserved3[8];
+  orv::u8 reserved1[24];
+  orv::i64 size;
+  orv::u8 reserved2[8];
+  orv::i64 modificationTime;
+  orv::u8 reserved3[8];
 };
 static_assert(sizeof(FileStat) == 56 && offsetof(FileStat, size) == 24 &&
               offsetof(FileStat, modificationTime) == 40);
@@ -41,9 +41,9 @@ class IFileService {
   virtual int close(int fd, int reserved) = 0;
   // Bytes read, perhaps fewer than asked; below 1, with `data` untouched, at the end of the file or on
   // failure.
-  virtual int read(int fd, i64 position, void* data, u32 size) = 0;
+  virtual int read(int fd, orv::i64 position, void* data, orv::u32 size) = 0;
   // Bytes written, perhaps fewer than asked; below 1 on failure.
-  virtual int write(int fd, i64 position, const void* data, u32 size) = 0;
+  virtual int write(int fd, orv::i64 position, const void* data, orv::u32 size) = 0;
   // 0 on success, for these three. The results of close and mkdir are not looked at.
   virtual int fstat(int fd, FileStat* record, int reserved) = 0;
   virtual int stat(const char* path, FileStat* record, int reserved) = 0;

@@ -17,7 +17,7 @@ class ORV_EXPORT IQVStreamContext {
   virtual void reserved() = 0;  // Not called by this module.
   // 0: the text stands NUL-terminated in *buffer, which has room for `size` bytes. Above 0: the room needed,
   // terminator included; more than 1 MiB counts as no setting. Below 0: no such setting.
-  virtual int getConfigValue(const char* key, char** buffer, u32 size) = 0;
+  virtual int getConfigValue(const char* key, char** buffer, orv::u32 size) = 0;
   // `text` is UTF-8 and valid during the call. `flag` is always 1.
   virtual void logMessage(const char* text, int level, int flag) = 0;
   // The same service on every call. It belongs to the host.

@@ -7,18 +7,18 @@
 struct ORV_EXPORT OrvVariant {
   struct Buffer {
     unsigned char* data;
-    u32 length;
+    orv::u32 length;
   };
 
-  u32 type;
+  orv::u32 type;
   union {
-    u8 asU8;
-    u16 asU16;
-    u32 asU32;
-    i8 asI8;
-    i16 asI16;
-    i32 asI32;
-    i64 asI64;
+    orv::u8 asU8;
+    orv::u16 asU16;
+    orv::u32 asU32;
+    orv::i8 asI8;
+    orv::i16 asI16;
+    orv::i32 asI32;
+    orv::i64 asI64;
     float asFloat;
     double asDouble;
     char* asString;
@@ -26,17 +26,17 @@ struct ORV_EXPORT OrvVariant {
   };
 
   // Each setter writes the tag and the value and nothing else.
-  ORV_MEMBER void setU8(u8 value) { type = 0, asU8 = value; }
-  ORV_MEMBER void setU16(u16 value) { type = 1, asU16 = value; }
-  ORV_MEMBER void setU32(u32 value) { type = 2, asU32 = value; }
-  ORV_MEMBER void setI8(i8 value) { type = 3, asI8 = value; }
-  ORV_MEMBER void setI16(i16 value) { type = 4, asI16 = value; }
-  ORV_MEMBER void setI32(i32 value) { type = 5, asI32 = value; }
-  ORV_MEMBER void setI64(i64 value) { type = 6, asI64 = value; }
+  ORV_MEMBER void setU8(orv::u8 value) { type = 0, asU8 = value; }
+  ORV_MEMBER void setU16(orv::u16 value) { type = 1, asU16 = value; }
+  ORV_MEMBER void setU32(orv::u32 value) { type = 2, asU32 = value; }
+  ORV_MEMBER void setI8(orv::i8 value) { type = 3, asI8 = value; }
+  ORV_MEMBER void setI16(orv::i16 value) { type = 4, asI16 = value; }
+  ORV_MEMBER void setI32(orv::i32 value) { type = 5, asI32 = value; }
+  ORV_MEMBER void setI64(orv::i64 value) { type = 6, asI64 = value; }
   ORV_MEMBER void setFloat(float value) { type = 7, asFloat = value; }
   ORV_MEMBER void setDouble(double value) { type = 8, asDouble = value; }
   ORV_MEMBER void setString(char* value) { type = 9, asString = value; }
-  ORV_MEMBER void setBuffer(unsigned char* data, u32 length) { type = 10, asBuffer = {data, length}; }
+  ORV_MEMBER void setBuffer(unsigned char* data, orv::u32 length) { type = 10, asBuffer = {data, length}; }
 
   OrvVariant() = default;
   OrvVariant(const OrvVariant&) = default;

@@ -21,7 +21,8 @@ struct FLVConfig {
   i32 retryCorruptedFLVs = -1;     // Reports of bad data a stream may make, less one; negative: no limit.
   std::set<u8> frameTypes{9, 8, 20, 17, 18, 15, 41, 40, 52, 49, 50, 47};  // Unmasked type bytes of frames.
   bool enableAggMsgs = true;
-  u32 maxAggMsgSize = 0x10000;  // An aggregate is closed by the tag that reaches this size.
+  u32 maxAggMsgSize = 0x10000;   // An aggregate is closed by the tag that reaches this size.
+  bool recordAllCodecs = false;  // Record H.264 and AAC too, and whatever else comes as audio or video.
 };
 
 }  // namespace orv::flv

@@ -50,6 +50,8 @@ void FLVAdaptor::config() {
   readConfigBool("EnableAggMsgs", c.enableAggMsgs);
   readConfigUnsigned("MaxAggMsgSize", c.maxAggMsgSize, 0, kNoLimit);
   readFrameTypes();
+  SettingText codecs;
+  if (codecs.read(*this, "RecordCodecs")) c.recordAllCodecs = codecs.is("all");
 }
 
 bool FLVAdaptor::readConfig(const char* key, char** value, u32& size) {

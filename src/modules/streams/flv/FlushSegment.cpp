@@ -3,138 +3,82 @@
 // flushes stay as they are.
 
 #include <algorithm>
+#include <cstring>
 
 #include "modules/streams/flv/KTFLVData.h"
+#include "modules/streams/flv/MetadataUpdate.h"
 #include "server/FLVTag.h"
-#include "server/KTCommand.h"
-#include "server/KTDataArray.h"
 
 namespace orv::flv {
-namespace {
-
-constexpr u8 kAmf3Double = 5;
-
-KTData numberValue(double number) {
-  KTData value;
-  value.setNumber(number);
-  return value;
-}
-
-}  // namespace
 
 bool KTFLVData::flushSegment(SegmentBounds* bounds) {
   const KTMutexGuard lock(mutex);
   const int file = fd();
   if (file == -1) return false;
-  const i64 fileEnd = seek(0, 2);
+  const i64 fileEnd = seek(0, fromEnd);
   if (fileEnd == -1) return false;
-  const FrameRecord start = appendStagedTags(fileEnd);
+  const FlushedTags flushed = recording->append(*this, fileEnd, dataEnd, duration, &headRecords);
+  takeIn(flushed);
   if (!writeTypeFlags()) return false;
-  duration = std::max(duration, recordBuffer.maxTime());
-  rewriteMetadata();
-
-  fileBuffer.reset(-1, 0);  // The scan is to see the file, not what an older block holds of it.
+  duration = std::max(duration, flushed.maxTime);
+  fileBuffer.reset(-1, 0);  // From here on the file is read as it is now.
+  rewriteMetadata(file);
   scan(file);
-  const SegmentRange range{start, lastFrame};
-  insertSegment(range, segmentIndex.end());
+
+  const SegmentRange range{flushed.start, lastFrame};
+  if (!flushed.isEmpty()) segmentIndex.append(range);
   ++segmentCount;
   toBounds(range, bounds);
 
-  recordBuffer.clearTags();
-  unfinishedFlush = {};
+  stagedBefore = recording->capacity();
+  recording.reset();
   close();
-  recordOpen = false;
   scanTime = getModifiedTime();  // Our own write is nobody else's change.
   return dataEnd > 0;
 }
 
-// Writes what is staged at the file's end, where the cursor stands, and answers the place of its first tag. A
-// flush that then failed at the flags byte has left the buffer as it was, so that nothing is lost; the next
-// one writes only what isn't in the file yet, so that nothing stands there twice.
-FrameRecord KTFLVData::appendStagedTags(i64 fileEnd) {
-  if (!unfinishedFlush.pending) unfinishedFlush = {true, dataEnd, duration, 0, 0};
-  const u32 before = unfinishedFlush.written;
-  const u32 wanted = recordBuffer.end - before;
-  const i64 written = std::clamp<i64>(write(recordBuffer.data + before, wanted), 0, wanted);
-  unfinishedFlush.written += static_cast<u32>(written);
-  unfinishedFlush.fileEnd = fileEnd + written;
-
-  const i64 oldEnd = unfinishedFlush.dataEnd;
-  const FrameRecord start{oldEnd, unfinishedFlush.duration, oldEnd + recordBuffer.firstTagSize()};
-  endIndexAt(start);
-  dataEnd = oldEnd + recordBuffer.end;
-  typeFlags |= recordBuffer.seenFlags();
-  return start;
+// What holds already before the flags are written.
+void KTFLVData::takeIn(const FlushedTags& flushed) {
+  if (!flushed.isEmpty()) segmentIndex.endAt(flushed.start);
+  dataEnd = flushed.end;
+  typeFlags |= flushed.flags;
 }
 
 bool KTFLVData::writeTypeFlags() {
-  return seek(kTypeFlagsPosition, 0) != -1 && write(&typeFlags, 1) == 1;
+  return seek(kTypeFlagsPosition, fromStart) != -1 && write(&typeFlags, 1) == 1;
 }
 
 // Puts the new metadata exactly over the old, or not at all: the tag's header and trailing size stay right,
-// and no other tag moves. A payload that isn't in the file, because the write of the tags fell short, is not
-// written behind a gap. False if the file was left alone.
-bool KTFLVData::rewriteMetadata() {
-  if (!metadata || metadataPosition < 0) return false;
-  if (metadataPosition + kTagHeaderSize + metadata->length() > unfinishedFlush.fileEnd) return false;
-  const KTMessagePtr updated = updatedMetadata();
-  if (!updated || updated->length() != metadata->length()) return false;
-  if (seek(metadataPosition + kTagHeaderSize, 0) == -1) return false;
-  const i64 written = write(updated->memory->data, updated->length());
-  fileBuffer.reset(-1, 0);
-  if (written != updated->length()) return false;
-  metadata = updated;
-  return true;
+// and no other tag moves.
+void KTFLVData::rewriteMetadata(int file) {
+  const KTMessagePtr& old = headRecords.metadata();
+  if (!old) return;
+  const KTMessagePtr updated = updatedMetadata(old, duration, codecs);
+  const u32 size = old->length();
+  if (!updated || updated->length() != size || !metadataIsInPlace(file)) return;
+  const i64 position = headRecords.metadataPosition();
+  if (seek(position + kTagHeaderSize, fromStart) == -1) return;
+  if (write(updated->memory->data, size) == size) headRecords.setMetadata(updated, position);
 }
 
-// The metadata with its values brought up to date; null if it holds none of the keys.
-KTMessagePtr KTFLVData::updatedMetadata() const {
-  KTMessagePtr none(nullptr);
-  const KTCommand old(SingleMessagePtr(metadata.get()), false);
-  const KTData& values = old.arg(0);
-  const KTDataArray* const entries = values.asArray();
-  if (!entries) return none;
+// Whether the metadata's tag stands in the file, whole, where it is thought to be: a write of the tags may
+// have fallen short, and others may have written too.
+bool KTFLVData::metadataIsInPlace(int file) {
+  constexpr u32 kNameSize = 3 + kMetaDataName.size();  // Behind its AMF0 marker and length.
+  const KTMessagePtr& metadata = headRecords.metadata();
+  const i64 position = headRecords.metadataPosition();
+  const u32 size = metadata->length();
+  if (position < 0 || position + kTagHeaderSize + size > recording->fileEnd()) return false;
 
-  const bool amf3 = metadata->type() == kTypeDataAmf3;
-  const bool asArray = values.type() == KTData::EcmaArray || values.type() == KTData::StrictArray;
-  KTCommand writer;
-  if (amf3) writer.setEncoding(3);
-  writer.setName("onMetaData");
-  writer.setTransactionId(numberValue(0));
-  bool changed = false;
-  for (u32 i = 0; i < entries->size(); ++i) {
-    const KTString& key = entries->keyAt(i);
-    KTData value = entries->valueAt(i);
-    changed |= updateValue(key, amf3, &value);
-    if (asArray) {
-      writer.addArrayProperty(key, value);
-    } else {
-      writer.addObjectProperty(key, value);
-    }
-  }
-  return changed && !writer.failed() ? writer.toDataMessage() : none;
-}
-
-bool KTFLVData::updateValue(const KTString& key, bool amf3, KTData* value) const {
-  if (key.equalsNoCase("duration")) {
-    constexpr double kMillisecondsPerSecond = 1000.0;
-    *value = numberValue(duration / kMillisecondsPerSecond);
-    if (amf3) value->setSubtype(kAmf3Double);
-    return true;
-  }
-  if (key.equalsNoCase("videocodecid") && value->toInt() == 0) {
-    *value = numberValue(videoCodec);
-    return true;
-  }
-  if (key.equalsNoCase("audiocodecid") && value->toInt() == 0) {
-    *value = numberValue(audioCodec);
-    return true;
-  }
-  if (key.equalsNoCase("canSeekToEnd")) {
-    value->setBool(lastVideoKey);
-    return true;
-  }
-  return false;
+  const u32 leading = std::min(size, kNameSize + (metadata->type() == kTypeDataAmf3 ? 1 : 0));
+  u8 bytes[kTagHeaderSize + kNameSize + 1];
+  const PassThroughScope small(fileBuffer);
+  const u32 got =
+      fileBuffer.readSome(file, position, bytes, kTagHeaderSize + leading, autofilebuffer::forward);
+  const TagHeader header{bytes};
+  return got == kTagHeaderSize + leading && (header.typeByte() & kTypeMask) == metadata->type() &&
+         header.dataSize() == size &&
+         std::memcmp(bytes + kTagHeaderSize, metadata->memory->data, leading) == 0;
 }
 
 }  // namespace orv::flv

@@ -14,6 +14,7 @@ struct FrameRecord {
   // A place at which no tag stands, such as the end of a file.
   static FrameRecord endMark(i64 position, u32 time) { return {position, time, position}; }
   bool isEndMark() const { return position == end; }
+  bool operator==(const FrameRecord&) const = default;
 };
 
 // The half-open byte run and time span from `first` to `last`, which is the tag behind the run.
@@ -21,6 +22,7 @@ struct SegmentRange {
   FrameRecord first;
   FrameRecord last;
 
+  bool operator==(const SegmentRange&) const = default;
   i64 span() const { return last.position - first.position; }
   bool holdsPosition(i64 position) const { return position >= first.position && position < last.position; }
   // A range in which all tags bear one time holds that time.

@@ -27,13 +27,14 @@ KTFLVData::KTFLVData(const KTWideString& path, const FLVConfig& config, const IB
       maxFrameScan(config.maxFrameScan),
       maxBackFrameScan(config.maxBackFrameScan),
       playIncompleteFLVs(config.playIncompleteFLVs),
-      retryCorruptedFLVs(config.retryCorruptedFLVs),
+      frameTypes(config.frameTypes),
       enableAggMsgs(config.enableAggMsgs),
       maxAggMsgSize(config.maxAggMsgSize),
       fileBuffer(config.autoBufferReadSize, service),
-      context(streamContext) {
+      context(streamContext),
+      badData(streamContext, streamPath, config.retryCorruptedFLVs),
+      codecs(config.recordAllCodecs) {
   moduleFileService.store(service, std::memory_order_relaxed);
-  for (const u8 type : config.frameTypes) frameTypes.set(type);
 }
 
 KTFLVData::~KTFLVData() {
@@ -43,6 +44,7 @@ KTFLVData::~KTFLVData() {
 bool KTFLVData::open(u32 mode) {
   constexpr u32 kForRecording = 1;
   if (mode & kForRecording) return openForRecord();
+  const BlockRelease idle(fileBuffer);  // Many streams are opened and never loaded.
   const ReadHandle file(fileService(), narrowPath().c_str());
   return file.isOpen() && checkHeader(file.fd()) && scan(file.fd());
 }
@@ -54,17 +56,18 @@ bool KTFLVData::checkHeader(int fd) {
   if (record.size == 0) return true;
   dropStaleBlock(static_cast<u32>(record.modificationTime));
   u8 bytes[4];
-  const u32 got =
-      fileBuffer.readAt(fd, 0, bytes, sizeof bytes, true, ORV_READ_HERE, true, autofilebuffer::forward);
+  const u32 got = fileBuffer.readSome(fd, 0, bytes, sizeof bytes, autofilebuffer::forward);
   return got == sizeof bytes && std::memcmp(bytes, "FLV\x01", sizeof bytes) == 0;
 }
 
 // What the read cache took before the file's last change may not answer for the file as it is now. A time of
 // 0 may mean that the host can't tell.
-void KTFLVData::dropStaleBlock(u32 modifiedTime) {
-  if (modifiedTime == bufferTime && modifiedTime != 0) return;
+// True if it was dropped.
+bool KTFLVData::dropStaleBlock(u32 modifiedTime) {
+  if (modifiedTime == bufferTime && modifiedTime != 0) return false;
   fileBuffer.reset(-1, 0);
   bufferTime = modifiedTime;
+  return true;
 }
 
 // `format` takes the stream's path.
@@ -85,9 +88,27 @@ void KTFLVData::setBackupConn(const IBackupConnPtr& conn) {
   KTFLVPersist::setBackupConn(conn);
 }
 
+bool KTFLVData::getMediaContexts(ContextType_t type, i64 position, IContextHolder* holder) {
+  if (type != ContextTypeBefore) return false;
+  return headRecords.contexts().forEach(type, position, [holder](const MediaContext& record) {
+    if (!KT_HOLDS(holder != nullptr)) return;
+    holder->onContext(record.messageType, record.buffer.data, record.buffer.size, record.time,
+                      record.position, record.trackID, record.contextType);
+  });
+}
+
+bool KTFLVData::getAllMediaContexts(IAllContextHolder* holder) {
+  KTBuffer buffer;
+  if (!KT_HOLDS(holder != nullptr) || !headRecords.contexts().serialize(buffer)) return false;
+  holder->onAllContexts(buffer.data, buffer.size);
+  return true;
+}
+
 u32 KTFLVData::getMemoryOverhead() const {
-  const u64 bytes = recordBuffer.size + u64{segmentCount} * sizeof(SegmentRange) + sizeof(KTFLVData) +
-                    mediaContexts.byteSize() + (metadata ? metadata->length() : 0);
+  const KTMessagePtr& metadata = headRecords.metadata();
+  const u64 bytes = (recording ? recording->capacity() : 0) + u64{segmentCount} * sizeof(SegmentRange) +
+                    sizeof(KTFLVData) + headRecords.contexts().byteSize() +
+                    (metadata ? metadata->length() : 0);
   return static_cast<u32>(bytes);
 }
 

@@ -2,23 +2,18 @@
 
 #pragma once
 
-#include <bitset>
-#include <list>
-#include <set>
+#include <optional>
 
 #include "modules/streams/contract/IQVStreamAdaptor.h"
 #include "modules/streams/flv/FLVConfig.h"
-#include "modules/streams/flv/FrameRecord.h"
+#include "modules/streams/flv/FrameFinder.h"
+#include "modules/streams/flv/HeadRecords.h"
 #include "modules/streams/flv/KTFLVPersist.h"
-#include "modules/streams/flv/MediaContextStore.h"
-#include "modules/streams/flv/RecordBuffer.h"
-#include "modules/streams/flv/SearchWindow.h"
-#include "server/KTMessage.h"
+#include "modules/streams/flv/RecordedCodecs.h"
+#include "modules/streams/flv/Recording.h"
+#include "modules/streams/flv/SegmentIndex.h"
 #include "util/KTFiberMutex.h"
 #include "util/autofilebuffer.h"
-
-class KTCommand;
-class KTData;
 
 namespace orv::flv {
 
@@ -80,82 +75,44 @@ class KTFLVData : public KTFLVPersist {
   bool findFrameAtOrBefore(i64 position, FrameRecord* frame, SegmentRange range, int fd);
 
  private:
-  friend class SegmentLoader;
-  using IndexIterator = std::list<SegmentRange>::iterator;
-
   // Opening (KTFLVData.cpp)
   bool checkHeader(int fd);
-  void dropStaleBlock(u32 modifiedTime);
+  bool dropStaleBlock(u32 modifiedTime);
   void logPath(const char16_t* format, int level);
   static IFileService* fileService();
 
   // Tag scan
+  void locateEndAside(int fd);
   void readFirstFrame(int fd);
+  bool indexFitsFile(int fd, const FrameRecord& oldFirst);
 
-  // Head records
-  static u32 classifyRecord(std::string_view name);
-  void scanHeadRecords(int fd);
-  bool readTagHeader(int fd, i64 position, u8* bytes);
-  KTMessagePtr readTagMessage(int fd, i64 position);
-  void considerHeadRecord(const KTMessagePtr& message, i64 position);
-  void storeHeadRecord(const KTCommand& command, const KTMessagePtr& message, i64 position);
-  void addMediaContext(u32 time, u8 type, const u8* data, u32 size, u32 trackID);
-
-  // Frame scan
-  bool readFrameHeader(FrameSource& source, i64 position, FrameRecord* frame);
-  bool checkForward(FrameSource& source, i64 position);
-  bool checkBackward(FrameSource& source, i64 position);
-  bool validateFrame(FrameSource& source, i64 position, FrameRecord* frame);
-  bool couldFollow(u32 previousSize, i64 position) const;
-  i64 likelyCandidate(const SearchWindow::View& view, i64 highest, i64 lowest) const;
-  bool searchBack(i64 position, FrameRecord* frame, const SegmentRange& range, int fd, u32 limit);
-  bool searchDown(SearchWindow& window, i64 highest, i64 lowest, const SegmentRange& range,
-                  FrameRecord* frame);
-  bool findInView(SearchWindow& window, const SearchWindow::View& view, i64 highest, i64 lowest,
-                  FrameRecord* frame);
-  bool findLastFrame(int fd, FrameRecord* frame);
-  void locateEnd(int fd);
-  bool badDataUsedUp() const;
-  void reportBadData(const char* file = __builtin_FILE(), int line = __builtin_LINE());
-
-  // Segment index
+  // Searches
   SegmentRange wholeFile() const { return {firstFrame, lastFrame}; }
-  bool searchIndexByTime(u32 time, SegmentRange* range, IndexIterator* hint);
-  bool searchIndexByPosition(i64 position, SegmentRange* range, IndexIterator* hint);
-  void anchorAtOldEnd(int fd, SegmentRange* range);
-  bool seekSegmentByTime(u32 time, SegmentRange* range, int fd, IndexIterator hint);
-  bool buildSegment(i64 position, SegmentRange* range, int fd, IndexIterator hint);
-  bool insertSegment(const SegmentRange& range, IndexIterator hint);
-  void endIndexAt(const FrameRecord& start);
+  FrameFinder frameFinder(int fd, autofilebuffer& buffer, u32 maxScan);
+  bool findLastFrame(int fd, autofilebuffer& buffer, FrameRecord* frame);
+  void locateEnd(int fd, autofilebuffer& buffer);
 
   // Record path and flush, all under `mutex`
-  struct RecordedMessage {
-    u8 type;  // The low 8 bits of the host's.
-    const u8* data;
-    u32 size;
-    u32 time;
-  };
+  bool openAndScan();
+  bool isNameless() const;
+  void forgetFile();
   bool writeFileHeader();
-  bool checkCodec(const RecordedMessage& message);
-  void warnOnce(bool* due, const char16_t* format);
-  void noteCodecs(const RecordedMessage& message);
-  bool noteMetadata(const RecordedMessage& message);
-  void forgetMetadata();
-  static KTMessagePtr parseMetadata(const RecordedMessage& message);
-  FrameRecord appendStagedTags(i64 fileEnd);
+  // While it does, the index ends where the flush is going to enter its tags.
+  bool awaitsFlush() const { return recording && recording->isFlushing(); }
+  void takeIn(const FlushedTags& flushed);
   bool writeTypeFlags();
-  bool rewriteMetadata();
-  KTMessagePtr updatedMetadata() const;
-  bool updateValue(const KTString& key, bool amf3, KTData* value) const;
+  void rewriteMetadata(int file);
+  bool metadataIsInPlace(int file);
 
   KTFiberMutex mutex;
-  bool recordOpen = false;
+
+  // Written under `mutex` by openForRecord and the flush, and read by the read side without it, which the
+  // host keeps apart from a flush of the same stream: what a scan finds, and the index.
   i64 dataEnd = 0;   // End of the last whole tag. During a scan, the size of the file.
   u32 duration = 0;  // Time of the last tag.
   u32 scanTime = 0;  // Modification time at the last scan.
   u8 typeFlags = 0;  // Byte 4 of the file.
   KTWideString streamPath;
-  u32 badDataCount = 0;
   FrameRecord firstFrame;
   FrameRecord lastFrame;  // Behind the last tag: its time is one more than that tag's.
   u32 segmentCount = 0;   // For the memory estimate only.
@@ -165,40 +122,22 @@ class KTFLVData : public KTFLVPersist {
   u32 maxFrameScan;
   u32 maxBackFrameScan;
   bool playIncompleteFLVs;
-  i32 retryCorruptedFLVs;
-  std::bitset<256> frameTypes;
+  FrameTypes frameTypes;
   bool enableAggMsgs;
   u32 maxAggMsgSize;
 
-  std::set<i64> sidePositions;  // Tags that are held as media contexts and left out of a load.
-  // Segments found so far, in file order, without overlap. Where two touch, the earlier one's `last` is the
-  // later one's `first`, or stays the mark of the old end if the file has grown behind it: what the host was
-  // told doesn't change. Between others lies what no search has visited yet.
-  std::list<SegmentRange> segmentIndex;
+  HeadRecords headRecords;
+  SegmentIndex segmentIndex;
   autofilebuffer fileBuffer;
-  u32 bufferTime =
-      0;  // All that fileBuffer holds was read when the file had this modification time, or later.
+  // All that fileBuffer holds was read when the file had this modification time, or later.
+  u32 bufferTime = 0;
   IQVStreamContext* context;
-  MediaContextStore mediaContexts;
+  BadDataReports badData;
 
-  // The recording.
-  bool warnH264 = true;  // Until it has been logged.
-  bool warnAAC = true;
-  RecordBuffer recordBuffer;
-  u32 videoCodec = 0;  // Of the first message seen; 0: none yet.
-  u32 audioCodec = 0;
-  bool lastVideoKey = false;
-  KTMessagePtr metadata{nullptr};
-  i64 metadataPosition = -1;  // Of its tag; -1: it has no place in the file.
-  // A flush under way, or one that wrote its tags and then failed: the file's state before it, how much of
-  // the buffer is written, and where the file ends with that.
-  struct UnfinishedFlush {
-    bool pending = false;
-    i64 dataEnd = 0;
-    u32 duration = 0;
-    u32 written = 0;
-    i64 fileEnd = 0;
-  } unfinishedFlush;
+  // Under `mutex` alone.
+  RecordedCodecs codecs;
+  std::optional<Recording> recording;  // From the moment that openForRecord has started until the flush.
+  u32 stagedBefore = 0;                // Room that the last interval took.
 };
 
 // The file of a stream, open for reading for as long as this lives.

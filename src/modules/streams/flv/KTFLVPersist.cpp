@@ -53,7 +53,7 @@ i64 KTFLVPersist::write(const void* data, u32 size) {
   const int written = fileService_->write(fd_, writePosition_, data, size);
   if (written <= 0) return written;
   if (backupConn_) {
-    backupConn_->seek(filePathNarrow_, writePosition_, 0);
+    backupConn_->seek(filePathNarrow_, writePosition_, fromStart);
     backupConn_->write(filePathNarrow_, data, size);
   }
   writePosition_ += written;
@@ -61,13 +61,11 @@ i64 KTFLVPersist::write(const void* data, u32 size) {
 }
 
 i64 KTFLVPersist::seek(i64 offset, int whence) {
-  constexpr int kFromStart = 0;
-  constexpr int kFromEnd = 2;
   if (fd_ == -1) return -1;
   i64 position = -1;
-  if (whence == kFromStart) {
+  if (whence == fromStart) {
     position = offset;
-  } else if (whence == kFromEnd) {
+  } else if (whence == fromEnd) {
     const i64 size = sizeOf(fd_);
     if (size >= 0) position = size + offset;
   }
@@ -109,14 +107,11 @@ void KTFLVPersist::setBackupConn(const IBackupConnPtr& conn) {
 // Sends the whole file in one piece, or nothing where it can't be had in one piece.
 void KTFLVPersist::sendCopy(const KTString& name, int fd) {
   const i64 size = sizeOf(fd);
-  KT_ASSERT(size >= 0);
-  if (size < 0 || size > 0xFFFFFFFF) return;
+  if (!KT_HOLDS(size >= 0) || size > 0xFFFFFFFF) return;
   const auto count = static_cast<u32>(size);
   const std::unique_ptr<u8[]> block(new (std::nothrow) u8[count]);
   if (!block) return;
-  const bool whole = platform::readDescriptor(fd, block.get(), count) == size;
-  KT_ASSERT(whole);
-  if (!whole) return;
+  if (!KT_HOLDS(platform::readDescriptor(fd, block.get(), count).bytes == size)) return;
   backupConn_->open(name, openflags::createTruncate, openflags::ownerReadWrite);
   backupConn_->write(name, block.get(), count);
   backupConn_->close(name);

@@ -8,28 +8,31 @@
 
 namespace orv::flv {
 
+// Where a position given to `seek` counts from.
+enum Whence : int { fromStart = 0, fromEnd = 2 };
+
 // Opens the file for writing, creating it and its directory when needed, writes at an explicit position,
 // closes and unlinks it, and repeats each of these steps on the backup connection, whose answers it ignores.
 // Borrows the file service. Throws nothing of its own, logs nothing and has no lock: callers hold the
 // stream's.
 class KTFLVPersist {
  public:
-  // `path` is the full one, suffix included. Opens nothing.
+  // `path` is the full path, suffix included. Opens nothing.
   KTFLVPersist(const KTWideString& path, const IBackupConnPtr& conn, IFileService* service);
   KTFLVPersist(const KTFLVPersist&) = delete;
   KTFLVPersist& operator=(const KTFLVPersist&) = delete;
   virtual ~KTFLVPersist();
 
-  // An existing file is opened as it is, a missing one created. True when the file is open.
+  // Opens an existing file as it is and creates a missing one. True when the file is open.
   virtual bool open();
-  virtual bool close();  // True, also when it is closed.
-  // The bytes written, as the host tells it, at the write position, which moves by that much; -1 when closed.
-  // The connection gets all of `data` unless nothing was written.
+  virtual bool close();  // Always true; closing twice is harmless.
+  // Writes at the write position, which moves by what was written. Returns that number, as the host gives it;
+  // -1 when closed. The connection gets all of `data` unless nothing was written.
   virtual i64 write(const void* data, u32 size);
-  // Sets the write position; `whence` is 0 from the start or 2 from the end. The new position or -1, which
-  // the write position then is too. The connection gets the arguments as they are.
+  // Sets the write position; `whence` is a Whence. Returns the new position, or -1, which the write position
+  // then is too. The connection gets the arguments as they are.
   virtual i64 seek(i64 offset, int whence);
-  virtual bool unlink();   // Open or not, which stays as it is.
+  virtual bool unlink();   // Deletes the file; an open descriptor stays open.
   virtual int fd() const;  // -1 when closed.
 
   // Attaches a connection, once and for good, and sends it a copy of what the file holds by now. An open file
@@ -39,7 +42,7 @@ class KTFLVPersist {
  protected:
   const KTString& narrowPath() const { return filePathNarrow_; }
   IFileService* service() const { return fileService_; }
-  // The size of an open file, -1 if the host can't tell.
+  // The size of an open file; -1 if the host doesn't know it.
   i64 sizeOf(int fd) const;
 
  private:

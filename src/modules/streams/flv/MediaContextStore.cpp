@@ -11,23 +11,17 @@ namespace {
 
 constexpr u32 kReserve = 10;
 
-KTData number(u32 value) {
-  KTData data;
-  data.setNumber(value);
-  return data;
-}
-
 KTData toObject(const MediaContext& record) {
   const KTDataArrayPtr array(new KTDataArray(kReserve));
-  array->append("messageType", number(record.messageType));
-  array->append("time", number(record.time));
+  array->append("messageType", KTData::ofNumber(record.messageType));
+  array->append("time", KTData::ofNumber(record.time));
   KTData value;
   value.setMemory(record.buffer);
   array->append("buffer", value);
   value.setInt64(record.position);
   array->append("position", value);
-  array->append("trackID", number(record.trackID));
-  array->append("contextType", number(record.contextType));
+  array->append("trackID", KTData::ofNumber(record.trackID));
+  array->append("contextType", KTData::ofNumber(record.contextType));
   value.setArray(array.get(), KTData::Object);
   return value;
 }

@@ -6,15 +6,10 @@
 #include <vector>
 
 #include "modules/streams/contract/IQVStreamAdaptor.h"
+#include "modules/streams/contract/Sinks.h"
 #include "util/KTBuffer.h"
 
 namespace orv::flv {
-
-// What kind of record a context is.
-inline constexpr u32 kTrackMetaData = 2;
-inline constexpr u32 kTrackAdditionalHeader = 3;
-inline constexpr u32 kTrackXmpData = 4;
-inline constexpr u32 kTrackControl = 5;  // Comes with each additional header.
 
 struct MediaContext {
   ContextType_t contextType = ContextTypeBefore;

@@ -12,7 +12,7 @@ namespace orv::flv {
 namespace {
 
 // The most memory that a new block asks for ahead of its need.
-constexpr u32 kMaxRoomAhead = 0x400000;
+constexpr u32 kMaxRoomAhead = 0x1000000;
 
 // A block in warm memory that may be larger than it shows.
 class StagingMemory : public KTMemory {
@@ -26,18 +26,9 @@ class StagingMemory : public KTMemory {
 
 }  // namespace
 
-void RecordBuffer::restart() {
-  room_ = std::clamp(size, kInitialCapacity, kMaxRoomAhead);  // As much as the last interval filled.
-  assign(KTMemoryPtr(), 0, 0);  // First, so that its memory serves the new block.
+void RecordBuffer::restart(u32 room) {
+  room_ = std::clamp(room, kInitialCapacity, kMaxRoomAhead);
   assign(KTMemoryPtr(new StagingMemory(kInitialCapacity, room_)), 0, 0);
-  clearTags();
-}
-
-void RecordBuffer::clearTags() {
-  assign(memory, 0, 0);
-  seenFlags_ = 0;
-  maxTime_ = 0;
-  firstTagSize_ = 0;
 }
 
 bool RecordBuffer::appendTag(u8 type, const void* payload, u32 payloadSize, u32 time) {

@@ -17,12 +17,10 @@ class RecordBuffer : public KTBuffer {
  public:
   static constexpr u32 kInitialCapacity = 32768;
 
-  // Gives up the block and takes one of the initial capacity, empty. The memory behind it has been touched
-  // before and reaches as far as the last block did, within bounds: then growing costs neither pages nor a
-  // copy. Throws std::bad_alloc; the buffer is without a block then.
-  void restart();
-  // Forgets the tags and keeps the block.
-  void clearTags();
+  // Takes a block of the initial capacity, empty. The memory behind it reaches as far as `room`, within
+  // bounds, and has been touched before: growing into it costs neither pages nor a copy. Throws
+  // std::bad_alloc; the buffer is without a block then.
+  void restart(u32 room);
   // Appends one whole tag; copies the payload. False, with nothing changed, if there is no room to be had or
   // the payload doesn't fit the 24 bits of a tag's size.
   bool appendTag(u8 type, const void* data, u32 size, u32 time);

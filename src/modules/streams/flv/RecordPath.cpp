@@ -1,58 +1,66 @@
 // Recording: each message becomes a whole tag in memory; the file itself is opened on first use and then left
 // alone until the flush.
 
-#include <cstring>
-
 #include "modules/streams/flv/KTFLVData.h"
 #include "server/FLVTag.h"
-#include "server/KTCommand.h"
 
 namespace orv::flv {
-namespace {
-
-constexpr u8 kVideoCodecH264 = 7;
-constexpr u8 kSoundFormatAac = 10;
-constexpr u8 kKeyFrame = 1;
-
-u8 highNibble(u8 byte) {
-  return byte >> 4;
-}
-u8 lowNibble(u8 byte) {
-  return byte & 0x0F;
-}
-
-bool mayBeMetadata(u8 type, u32 time) {
-  return time == 0 && (type == kTypeDataAmf0 || type == kTypeDataAmf3);
-}
-
-}  // namespace
 
 bool KTFLVData::record(u16 type, const void* data, u32 size, u32 time) {
   const KTMutexGuard lock(mutex);
   if (!openForRecord()) return false;
   const RecordedMessage message{static_cast<u8>(type), static_cast<const u8*>(data), size, time};
-  KT_ASSERT(data || size == 0);
-  if (!data && size > 0) return true;
-  if (!checkCodec(message)) return true;
-  noteCodecs(message);
-  const bool noted = noteMetadata(message);
-  const bool staged = recordBuffer.appendTag(message.type, data, size, time);
-  KT_ASSERT(staged);
-  if (noted && !staged) forgetMetadata();
+  if (!KT_HOLDS(data || size == 0)) return true;
+  if (!codecs.checkCodec(message, [this](const char16_t* format) { logPath(format, kLogWarning); }))
+    return true;
+  codecs.note(message);
+  const bool noted = !headRecords.metadata() && recording->noteMetadata(message, *this, &headRecords);
+  // Another tag will stand in the place of one that isn't staged.
+  if (!KT_HOLDS(recording->stage(message)) && noted) headRecords.forgetMetadata();
   return true;
 }
 
 bool KTFLVData::openForRecord() {
-  if (recordOpen) return true;
-  recordOpen = true;  // First, so that a failure below isn't tried again with each message.
-  unfinishedFlush = {};
-  recordBuffer.restart();
+  if (recording) return true;
+  recording.emplace();  // First, so that a failure below isn't tried again with each message.
+  recording->start(stagedBefore);
+  if (isNameless()) {
+    logPath(u"Can't record to a path that is empty or no valid text : %S", kLogWarning);
+    return false;
+  }
+  // A descriptor left open by a failure would let the next flush write into a file that may be none of ours.
+  try {
+    if (openAndScan()) return true;
+  } catch (...) {
+    close();
+    throw;
+  }
+  close();
+  return false;
+}
+
+bool KTFLVData::openAndScan() {
+  const BlockRelease idle(fileBuffer);  // The flush reads anew.
   if (!open() || !checkHeader(fd())) return false;
-  if (seek(0, 2) == 0) {
+  if (seek(0, fromEnd) == 0) {
+    forgetFile();
     if (!writeFileHeader()) return false;
     fileBuffer.reset(-1, 0);
   }
   return scan(fd());
+}
+
+// Paths that can't be converted all come out empty: their recordings would end up in one file.
+bool KTFLVData::isNameless() const {
+  return streamPath.view() == u".flv";
+}
+
+// For a new file: what is known of one that stood at the path before doesn't hold for it. The scan that
+// follows renews the rest.
+void KTFLVData::forgetFile() {
+  typeFlags = 0;
+  segmentIndex.clear();
+  headRecords.clear();
 }
 
 // In five pieces, each of which reaches the mirror by itself.
@@ -64,65 +72,6 @@ bool KTFLVData::writeFileHeader() {
     offset += size;
   }
   return true;
-}
-
-// H.264 and AAC need codec records that this kind of recording can't keep; each is told once a stream.
-bool KTFLVData::checkCodec(const RecordedMessage& message) {
-  if (message.size == 0) return true;
-  const u8 first = message.data[0];
-  if (message.type == kTypeVideo && lowNibble(first) == kVideoCodecH264) {
-    warnOnce(&warnH264, u"Recording H264 to FLV is unsupported, tried in FLV : %S");
-    return false;
-  }
-  if (message.type == kTypeAudio && highNibble(first) == kSoundFormatAac) {
-    warnOnce(&warnAAC, u"Recording AAC to FLV is unsupported, tried in FLV : %S");
-    return false;
-  }
-  return true;
-}
-
-void KTFLVData::warnOnce(bool* due, const char16_t* format) {
-  if (*due) logPath(format, kLogWarning);
-  *due = false;
-}
-
-void KTFLVData::noteCodecs(const RecordedMessage& message) {
-  if (message.size == 0) return;
-  const u8 first = message.data[0];
-  if (message.type == kTypeVideo) {
-    if (videoCodec == 0) videoCodec = lowNibble(first);
-    lastVideoKey = highNibble(first) == kKeyFrame;
-  } else if (message.type == kTypeAudio && audioCodec == 0) {
-    audioCodec = highNibble(first);
-  }
-}
-
-// True if the message has become the stream's metadata.
-bool KTFLVData::noteMetadata(const RecordedMessage& message) {
-  if (metadata || !mayBeMetadata(message.type, message.time)) return false;
-  metadata = parseMetadata(message);
-  if (!metadata) return false;
-  // Where the tag will stand after the next flush, which writes what isn't in the file yet; if that can't be
-  // told it has no place, and is never rewritten.
-  const i64 fileEnd = seek(0, 2);
-  metadataPosition = fileEnd == -1 ? -1 : fileEnd + recordBuffer.end - unfinishedFlush.written;
-  return true;
-}
-
-// For a message that couldn't be staged, too: another tag will stand in its place.
-void KTFLVData::forgetMetadata() {
-  metadata = KTMessagePtr(nullptr);
-  metadataPosition = -1;
-}
-
-KTMessagePtr KTFLVData::parseMetadata(const RecordedMessage& message) {
-  KTMessagePtr none(nullptr);
-  KTMessagePtr parsed;
-  parsed->setType(message.type & kTypeMask);
-  parsed->setTime(0);
-  if (!parsed->append(message.data, message.size)) return none;
-  const KTCommand command(SingleMessagePtr(parsed.get()), false);
-  return command.name().text() == "onMetaData" ? parsed : none;
 }
 
 }  // namespace orv::flv

@@ -15,6 +15,9 @@ constexpr u32 kMargin = 64;
 // A tag up to this long is taken to have neighbours of its length, and they are read along with its ends.
 constexpr i64 kNeighbourhood = 24576;
 
+// Looks at what the file can't serve, such as a size field that its end has cut.
+constexpr u32 kMaxPlainReads = 64;
+
 // The grid. The candidates of a search lie within 16 MiB, and the checks of each look at up to two tags of 16
 // MiB on either side. All of that has a slot of its own: no page is read twice, and a search never holds more
 // than 81 MiB, on the most hostile of files.
@@ -40,12 +43,12 @@ SearchWindow::SearchWindow(autofilebuffer& file, IFileService* service, int fd, 
 
 void SearchWindow::Run::load(autofilebuffer& file, int fd, i64 start, u32 size) {
   if (capacity_ < size) {
-    bytes_ = std::make_unique_for_overwrite<u8[]>(size);
+    orv::util::WarmBlocks::give(std::exchange(bytes_, nullptr));
+    bytes_ = orv::util::WarmBlocks::take(size);
     capacity_ = size;
   }
   const PassThroughScope stay(file);
-  view_ = {start, bytes_.get(),
-           file.readAt(fd, start, bytes_.get(), size, true, ORV_READ_HERE, true, autofilebuffer::centred)};
+  view_ = {start, bytes_, file.readSome(fd, start, bytes_, size, autofilebuffer::centred)};
 }
 
 SearchWindow::View SearchWindow::view(i64 position) {
@@ -57,23 +60,22 @@ SearchWindow::View SearchWindow::viewAround(i64 position) {
   if (const View* known = find(position, kTagHeaderSize)) return *known;
   if (runCount_ != 0 || !pages_.empty()) {
     const u32 more = readSize_ / 2;
-    return load(position + kMargin - more, more, position);
+    return load(position - (more - kMargin), more, position);
   }
   // The first read takes in some of what lies behind the origin, for the checks of the frame that holds it.
-  return load(position + readSize_ / 4 - readSize_, readSize_, position);
+  return load(position - (readSize_ - readSize_ / 4), readSize_, position);
 }
 
 i64 SearchWindow::skipUnreadable(i64 position) {
   if (!toldUnreadable_) {
     toldUnreadable_ = true;
     u8 bytes[kTagHeaderSize];
-    plainBuffer().readAt(fd_, position, bytes, sizeof bytes, false, ORV_READ_HERE, true,
-                         autofilebuffer::centred);
+    plainBuffer().readOrReport(fd_, position, bytes, sizeof bytes, ORV_READ_HERE, autofilebuffer::centred);
   }
   enterGrid();
   const View here = page(position);
   if (here.holds(position, kTagHeaderSize)) return position + 1;
-  return std::max(here.start, here.start + here.size + 1 - kTagHeaderSize);
+  return here.start + std::max<i64>(0, i64{here.size} + 1 - kTagHeaderSize);
 }
 
 void SearchWindow::prefetch(i64 position) const {
@@ -92,7 +94,7 @@ u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
     View loaded;
     if (!known) {
       const i64 reach = kMargin + (std::abs(jump) <= kNeighbourhood ? std::abs(jump) : 0);
-      const i64 start = jump > 0 ? position : position + kTagHeaderSize - reach;
+      const i64 start = jump > 0 ? position : position - (reach - kTagHeaderSize);
       loaded = load(start, static_cast<u32>(reach), position);
       known = &loaded;
     }
@@ -101,8 +103,7 @@ u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
       return size;
     }
   }
-  return plainBuffer().readAt(fd_, position, data, size, false, ORV_READ_HERE, !raise,
-                              autofilebuffer::centred);
+  return readPlainly(position, data, size, raise);
 }
 
 const SearchWindow::View* SearchWindow::find(i64 position, u32 size) const {
@@ -117,10 +118,9 @@ const SearchWindow::View* SearchWindow::find(i64 position, u32 size) const {
 SearchWindow::View SearchWindow::load(i64 start, u32 size, i64 position) {
   if (runCount_ == kMaxRuns) enterGrid();
   if (!pages_.empty()) return page(position);
-  const i64 end = start + size;
-  start = std::max<i64>(start, 0);
+  const i64 missing = std::max<i64>(-start, 0);  // A run can't begin in front of the file.
   Run& run = runs_[runCount_++];
-  run.load(file_, fd_, start, static_cast<u32>(end - start));
+  run.load(file_, fd_, start + missing, static_cast<u32>(size - missing));
   return run.view();
 }
 
@@ -137,6 +137,18 @@ SearchWindow::View SearchWindow::page(i64 position) {
     slot.index = index;
   }
   return slot.run.view();
+}
+
+// Damage can ask for any number of such places. Behind the first few of them the file has ended, or is not to
+// be had: what stands there from then on is the end of no tag.
+u32 SearchWindow::readPlainly(i64 position, u8* data, u32 size, bool raise) {
+  if (plainReads_ == kMaxPlainReads) {
+    std::memset(data, 0xFF, size);
+    return size;
+  }
+  ++plainReads_;
+  const PassThroughScope stay(file_);
+  return BufferSource(plainBuffer(), fd_).read(position, data, size, raise);
 }
 
 autofilebuffer& SearchWindow::plainBuffer() {

@@ -9,36 +9,14 @@
 #pragma once
 
 #include <array>
-#include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
-#include "util/autofilebuffer.h"
+#include "modules/streams/flv/FrameSource.h"
+#include "util/WarmBlocks.h"
 
 namespace orv::flv {
-
-// Where the frame checks take their bytes from.
-class FrameSource {
- public:
-  // Bytes that came. A shortfall throws orv::util::FileReadException if `raise` is set.
-  virtual u32 read(i64 position, u8* data, u32 size, bool raise) = 0;
-
- protected:
-  ~FrameSource() = default;
-};
-
-// Straight from a read cache, centred.
-class BufferSource : public FrameSource {
- public:
-  BufferSource(autofilebuffer& buffer, int fd) : buffer_(buffer), fd_(fd) {}
-  u32 read(i64 position, u8* data, u32 size, bool raise) override {
-    return buffer_.readAt(fd_, position, data, size, false, ORV_READ_HERE, !raise, autofilebuffer::centred);
-  }
-
- private:
-  autofilebuffer& buffer_;
-  int fd_;
-};
 
 class SearchWindow : public FrameSource {
  public:
@@ -49,7 +27,7 @@ class SearchWindow : public FrameSource {
     u32 size = 0;
 
     bool holds(i64 position, u32 count) const {
-      return position >= start && position + count <= start + size;
+      return position >= start && count <= size && position - start <= size - count;
     }
     const u8* at(i64 position) const { return bytes + (position - start); }
   };
@@ -75,12 +53,18 @@ class SearchWindow : public FrameSource {
  private:
   class Run {
    public:
+    Run() = default;
+    ~Run() { orv::util::WarmBlocks::give(bytes_); }
+    Run(Run&& other) noexcept
+        : bytes_(std::exchange(other.bytes_, nullptr)), capacity_(other.capacity_), view_(other.view_) {}
+    Run& operator=(Run&&) = delete;
+
     // Reads what the file has of [start, start + size).
     void load(autofilebuffer& file, int fd, i64 start, u32 size);
     const View& view() const { return view_; }
 
    private:
-    std::unique_ptr<u8[]> bytes_;
+    u8* bytes_ = nullptr;  // A warm block.
     u32 capacity_ = 0;
     View view_;
   };
@@ -95,6 +79,7 @@ class SearchWindow : public FrameSource {
   View load(i64 start, u32 size, i64 position);
   void enterGrid();
   View page(i64 position);
+  u32 readPlainly(i64 position, u8* data, u32 size, bool raise);
   autofilebuffer& plainBuffer();
 
   autofilebuffer& file_;
@@ -108,6 +93,7 @@ class SearchWindow : public FrameSource {
   u32 runCount_ = 0;
   std::vector<Page> pages_;  // By index, modulo the size; empty while runs serve.
   std::optional<autofilebuffer> plain_;
+  u32 plainReads_ = 0;
   bool toldUnreadable_ = false;
 };
 
