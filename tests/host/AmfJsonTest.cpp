@@ -1,7 +1,6 @@
-#include "AmfJson.h"
-
 #include <gmock/gmock.h>
 
+#include "PayloadJson.h"
 #include "support/AmfText.h"
 
 namespace orv::host {
@@ -13,7 +12,7 @@ using orv::test::bytesOf;
 
 json dataTag(u8 type, const Bytes& payload) {
   const auto size = static_cast<u32>(payload.size());
-  return json::parse(payloadJson(Tag{type, 0, 0, payload.data(), size}).dump());
+  return test::payloadJson(Tag{type, 0, 0, payload.data(), size});
 }
 
 // The argument of a message whose bytes behind the name are given.

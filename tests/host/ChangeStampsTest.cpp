@@ -1,10 +1,8 @@
-#include "ChangeStamps.h"
+#include "host/files/ChangeStamps.h"
 
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <functional>
-#include <thread>
 
 namespace orv::host {
 namespace {
@@ -52,12 +50,18 @@ TEST(ChangeStamps, eachKindOfChangeGivesAnotherStampAndRestGivesTheSame) {
 
 // What another process did in place within the tick of the last look shows once the tick is over.
 TEST(ChangeStamps, aFreshChangeIsLookedAtOnceMoreWhenItHasSettled) {
-  ChangeStamps stamps;
+  static i64 now;
+  ChangeStamps stamps([] { return now; });
   struct stat status = atRest();
-  clock_gettime(CLOCK_REALTIME, &status.st_ctim);
+  const i64 changed = status.st_ctim.tv_sec * 1'000'000'000 + status.st_ctim.tv_nsec;
+  now = changed;
   const u32 fresh = stamps.of(status);
-  while (stamps.of(status) == fresh) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  now = changed + 10'000'000;  // The longest tick.
+  EXPECT_EQ(stamps.of(status), fresh);
+  now = changed + 20'000'000;
   const u32 settled = stamps.of(status);
+  EXPECT_NE(settled, fresh);
+  now += 1'000'000'000;
   EXPECT_EQ(stamps.of(status), settled);
 }
 

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
-#include "Movie.h"
+#include "Damage.h"
 #include "Program.h"
 
 namespace orv::host {
@@ -21,6 +23,7 @@ class Flvhost : public testing::Test {
     const Bytes tags(bytes + film.tags()[begin].position, bytes + film.tags()[end - 1].end());
     return FlvBuilder(flv::kFileHeaderSize, flags).raw(tags).bytes();
   }
+  static Bytes bytes(const std::string& text) { return {text.begin(), text.end()}; }
   Bytes front(i64 size) const { return {film.bytes().begin(), film.bytes().begin() + size}; }
 
   TempDir dir;
@@ -70,10 +73,17 @@ TEST_F(Flvhost, callsThatCantBeServedEndWithTwo) {
       {{"info", dir.file("a\\b.flv", {1})}, "backslash"},
       {{"info"}, "FILE is required"},
       {{"fly", file}, "fly; see flvhost --help"},
-      {{}, "a command is wanted"},
-      {{"seek", file, "1:99"}, "1:99: isn't a time"},
+      {{}, "no command given"},
+      {{"seek", file, "1:99"}, "1:99: not a time"},
       {{"info", file, "--set", "Speed=1"}, "no such setting; there are FrameReserveCheck"},
-      {{"info", file, "--set", "ReadSize"}, "Key=Value is wanted"},
+      {{"info", file, "--set", "ReadSize"}, "give Key=Value"},
+      {{"info", file, "--set", "EnableAggMsgs=no"}, "EnableAggMsgs=no: the module takes true or false"},
+      {{"info", file, "--set", "ReadSize=4096"}, "takes a number from 16384 to"},
+      {{"info", file, "--set", "RetryCorruptedFLVs=x"}, "takes a number"},
+      {{"info", file, "--set", "FrameTypes=9,8"}, "takes numbers from 0 to 255 with blanks"},
+      {{"info", file, "--set", "MaxFrameScan=131072", "--set", "MinSegSize=262144"},
+       "from 262144 to 16777216"},
+      {{"record", "-"}, "record needs a file"},
       {{"info", file, "--module", dir.path("none.so")}, "can't be loaded"},
       {{"info", file, "--module", "/lib/x86_64-linux-gnu/libc.so.6"}, "isn't a storage module"},
       {{"play", file, "--from", "5", "--to", "5"}, "--from must lie before --to"},
@@ -86,7 +96,7 @@ TEST_F(Flvhost, callsThatCantBeServedEndWithTwo) {
       {{"record", "/dev/null"}, "isn't a regular file"},
       {{"record", taken + "/x.flv"}, "Not a directory"},
       {{"record", file, "--append", "--overwrite"}, "excludes"},
-      {{"record", made, "--flush-every", "soon"}, "isn't a time"},
+      {{"record", made, "--flush-every", "soon"}, "not a time"},
       {{"record", made, "--backup", made}, "is the recorded file itself"},
       {{"record", made, "--backup", dir.path("./x/../made.flv")}, "is the recorded file itself"},
       {{"record", made, "--backup", "/dev/null"}, "isn't a regular file"},
@@ -103,10 +113,49 @@ TEST_F(Flvhost, callsThatCantBeServedEndWithTwo) {
   EXPECT_FALSE(std::filesystem::exists(made));
 }
 
-TEST_F(Flvhost, helpsWithAnExample) {
-  const Outcome result = flvhost({"play", "--help"});
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_THAT(result.out, HasSubstr("Example:\n  flvhost play "));
+TEST_F(Flvhost, helpManualAndCompletionSayTheSame) {
+  const std::string folder = dir.path("manual");
+  std::filesystem::create_directory(folder);
+  ASSERT_EQ(flvhost({"manual", folder}).exitCode, 0);
+  const std::string bash = str(TempDir::read(folder + "/flvhost.bash"));
+  const std::string zsh = str(TempDir::read(folder + "/_flvhost"));
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string page = entry.path().stem();
+    if (entry.path().extension() != ".1" || page == "flvhost") continue;
+    const std::string command = page.substr(std::string("flvhost-").size());
+    const std::string help = flvhost({command, "--help"}).out, text = str(TempDir::read(entry.path()));
+    EXPECT_THAT(help, HasSubstr("Example:\n  ")) << command;
+    EXPECT_THAT(text, HasSubstr(".SH EXAMPLES")) << command;
+    EXPECT_THAT(text, HasSubstr(".SH EXIT STATUS")) << command;
+    const std::regex name("--[a-z-]+");
+    for (std::sregex_iterator it(help.begin(), help.end(), name), end; it != end; ++it) {
+      const std::string option = it->str();
+      EXPECT_THAT(text, HasSubstr(std::regex_replace(option, std::regex("-"), "\\-"))) << command;
+      EXPECT_THAT(bash, HasSubstr(option)) << command;
+      EXPECT_THAT(zsh, HasSubstr("'" + option + "[")) << command;
+    }
+  }
+  const std::string script = "source " + folder +
+                             "/flvhost.bash; COMP_WORDS=(flvhost record --sync ''); COMP_CWORD=3; "
+                             "_flvhost; [ \"${COMPREPLY[*]}\" = 'none flush interval' ]";
+  EXPECT_EQ(
+      std::system(("bash -c \"" + std::regex_replace(script, std::regex("([\"$])"), "\\$1") + "\"").c_str()),
+      0);
+  EXPECT_THAT(flvhost({"--version"}).out, testing::StartsWith("flvhost 1."));
+}
+
+TEST_F(Flvhost, errorsNameTheCommandsHelpAndComeAsJsonToo) {
+  EXPECT_THAT(flvhost({"seek"}).err, HasSubstr("see flvhost seek --help"));
+  for (const char* const command : {"segments", "seek", "info", "tags"}) {
+    std::vector<std::string> args{command, "--json", dir.path("none.flv")};
+    if (args[0] == "seek") args.emplace_back("1");
+    const Outcome missing = flvhost(args);
+    EXPECT_EQ(missing.exitCode, 2) << command;
+    EXPECT_TRUE(json::accept(missing.out)) << command << missing.out;
+    EXPECT_THAT(missing.out, HasSubstr("No such file")) << command;
+  }
+  EXPECT_EQ(flvhost({"play", file, "-o", dir.path("quiet.flv"), "--quiet"}).err, "");
+  EXPECT_EQ(flvhost({"repair", file, dir.path("mended.flv"), "--quiet"}).err, "");
 }
 
 TEST_F(Flvhost, infoGivesOneDocumentForManyFiles) {
@@ -144,6 +193,9 @@ TEST_F(Flvhost, segmentsTileTheFileAndSeekFindsThem) {
   EXPECT_EQ(found["segment"], segments[1]);
   EXPECT_EQ(found["tag"]["time"]["ms"], 7500);
   EXPECT_EQ(found["keyFrame"]["time"]["ms"], 7020);
+  const json earlier = json::parse(flvhost({"seek", "--json", file, "5.3"}).out);
+  EXPECT_EQ(earlier["segment"], segments[1]);
+  EXPECT_EQ(earlier["keyFrame"]["time"]["ms"], 5020);  // In the segment before.
   const Outcome behind = flvhost({"seek", file, "14"});
   EXPECT_EQ(behind.exitCode, 1);
   EXPECT_THAT(behind.err, HasSubstr("lies behind its end at 00:00:13.980"));
@@ -159,6 +211,14 @@ TEST_F(Flvhost, playsOutByteForByteWhatIsAskedFor) {
   coded.tag(9, 0, avc).tag(8, 0, aac);
   for (u32 i = 0; i < 100; ++i) coded.tag(9, i * 40, Bytes{u8(i % 25 ? 0x27 : 0x17), 1, 0, u8(i)});
   const Bytes setups = FlvBuilder().tag(9, 2000, avc).tag(8, 2000, aac).bytes();
+  // Extended headers, and a set-up record that changes in the middle.
+  const auto hevc = [](u8 first, u8 last) { return Bytes{first, 'h', 'v', 'c', '1', 0, 0, 0, last}; };
+  FlvBuilder extended;
+  extended.tag(9, 0, hevc(0x90, 1));
+  for (u32 i = 0; i < 100; ++i) {
+    extended.tag(9, i * 40, i == 30 ? hevc(0x90, 2) : hevc(i % 25 ? 0xA1 : 0x91, u8(i)));
+  }
+  const Bytes laterSetup = FlvBuilder(9, 1).tag(9, 2000, hevc(0x90, 2)).bytes();
   const struct {
     Bytes file;
     std::vector<std::string> args;
@@ -178,6 +238,7 @@ TEST_F(Flvhost, playsOutByteForByteWhatIsAskedFor) {
       {sound.bytes(), {"--from", "0", "--to", "1"}, part(sound, 0, 25, 4)},
       {sound.bytes(), {"--from", "3.99", "--to", "5"}, part(sound, 174, 225, 4)},
       {coded.bytes(), {"--from", "2"}, join(setups, part(coded, 52, 102), 13)},
+      {extended.bytes(), {"--from", "2.9"}, join(laterSetup, part(extended, 51, 101), 13)},
   };
   const std::string out = dir.path("out.flv");
   for (const auto& c : kCases) {
@@ -194,20 +255,93 @@ TEST_F(Flvhost, playsOutByteForByteWhatIsAskedFor) {
   EXPECT_FALSE(std::filesystem::exists(dir.path("none.flv")));
 }
 
-TEST_F(Flvhost, goesOnBehindDamageAndSaysSo) {
-  Bytes bad = film.bytes();
-  std::fill_n(bad.begin() + film.tags()[100].position, 11, u8{0});  // A header in the first segment.
-  std::fill(bad.begin() + 262'000, bad.begin() + 300'000, u8{0});   // Over the start of the second.
-  const Outcome result = flvhost({"play", dir.file("bad.flv", bad), "-o", "-", "--verify"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_THAT(result.err, HasSubstr("damaged between byte 0 and byte"));
-  EXPECT_THAT(result.err, HasSubstr("and byte 523752; what"));
-  EXPECT_THAT(result.err, HasSubstr("each one equal"));
-  EXPECT_THAT(result.err, HasSubstr("tags of no known type left out: 1"));
-  const TagList tags = tagsOf(result.out);
-  EXPECT_GT(tags.size(), 250u);
-  EXPECT_EQ(tags.back().time, film.lastTime());
-  EXPECT_TRUE(std::ranges::is_sorted(tags, {}, &orv::test::Message::time));
+TEST_F(Flvhost, playsEveryWholeTagOfADamagedFile) {
+  const auto& tags = film.tags();
+  Damage several(film);
+  several.overwrite(tags[100].position, Bytes(11)).overwrite(262'000, Bytes(38'000));
+  const struct {
+    const char* name;
+    Damage damage;
+  } kCases[] = {
+      {"a header, and the start of a segment", several},
+      {"junk between tags", Damage(film).insert(tags[50].position, noise(5000))},
+      {"junk inside a tag", Damage(film).insert(tags[50].position + 300, noise(5000))},
+      {"zeros", Damage(film).overwrite(100'000, Bytes(65'536))},
+      {"bytes missing", Damage(film).remove(100'000, 7777)},
+      {"two holes", Damage(film).remove(50'000, 3000).remove(400'000, 9000)},
+      {"a wrong size field", Damage(film).overwrite(tags[20].end() - 4, {0, 0, 0, 99})},
+  };
+  for (const auto& c : kCases) {
+    const Outcome result = flvhost({"play", dir.file("bad.flv", c.damage.bytes()), "-o", "-"});
+    EXPECT_EQ(result.exitCode, 1) << c.name;
+    EXPECT_THAT(result.err, HasSubstr("damaged between byte ")) << c.name;
+    EXPECT_THAT(result.err, HasSubstr("tags found behind damage: ")) << c.name;
+    TagList played = tagsOf(result.out);
+    std::size_t whole = 0;
+    for (const auto& tag : c.damage.whole())
+      whole += static_cast<std::size_t>(std::ranges::count(played, tag));
+    EXPECT_EQ(whole, c.damage.whole().size()) << c.name;  // Each one, once.
+    EXPECT_LE(played.size(), whole + 2) << c.name;
+  }
+}
+
+// Nor is anything else left, whatever ends the program.
+TEST_F(Flvhost, anOutputAppearsWholeOrNotAtAll) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  const Bytes old{1, 2, 3};
+  const std::string out = dir.file("out.flv", old);
+  const auto names = [&] { return std::distance(std::filesystem::directory_iterator(dir.path("")), {}); };
+  const auto before = names();
+  {
+    const FileSizeLimit limit(300'000);
+    EXPECT_EQ(flvhost({"play", file, "-o", out, "--force"}).exitCode, 2);
+    EXPECT_EQ(flvhost({"play", file, "-o", dir.path("new.flv")}).exitCode, 2);
+  }
+  EXPECT_EQ(TempDir::read(out), old);
+  EXPECT_EQ(names(), before);
+  ASSERT_EQ(::chmod(out.c_str(), 0604), 0);
+  ASSERT_EQ(::symlink(out.c_str(), dir.path("alias.flv").c_str()), 0);
+  EXPECT_EQ(flvhost({"play", file, "-o", dir.path("alias.flv"), "--force"}).exitCode, 0);
+  EXPECT_TRUE(TempDir::read(out) == film.bytes());
+  struct stat status {};
+  ::stat(out.c_str(), &status);
+  EXPECT_EQ(status.st_mode & 0777u, 0604u);
+}
+
+TEST_F(Flvhost, foreignTextReachesNoTerminalRaw) {
+  const Bytes metadata =
+      onMetaData("0008'duration' 02 0009 1B 5B 324A C29B 324A 7F 0008'filesize' 0C FFFFFFFF");
+  const Bytes claiming = onMetaData("0008'duration' 02 0008 1B 5B 324A C29B 324A");
+  const std::string name =
+      dir.file("a\x1b[2J\xc2\x9b\xff.flv", movie(9, FlvBuilder().tag(18, 0, claiming)).bytes());
+  dir.file("b\x1b.flv", metadata);
+  const std::vector<std::string> kCalls[] = {
+      {"info", name},      {"info", "--json", name}, {"meta", name}, {"contexts", name},
+      {"seek", name, "0"}, {"seek", name, "99"},     {"play", name}, {"info", dir.path("b\x1b.flv")},
+      {"\x1b[2J"},         {"seek", name, "\x1b[2J"}};
+  for (const auto& call : kCalls) {
+    const Outcome result = flvhost(call);
+    const std::string shown = result.out + result.err;
+    EXPECT_FALSE(shown.empty());
+    for (const char* const raw : {"\x1b", "\xc2\x9b", "\x7f", "\xff"}) {
+      EXPECT_THAT(shown, testing::Not(HasSubstr(raw))) << call[0];
+    }
+  }
+}
+
+// A killed recording of huge key frames.
+TEST_F(Flvhost, aTornEndLongerThanTheModuleSearchesIsSearchedOnceMore) {
+  Bytes torn = film.bytes();
+  const u8 header[flv::kTagHeaderSize] = {9, 0x60, 0, 0, 0, 0x40, 0};
+  torn.insert(torn.end(), header, header + sizeof header);
+  torn.resize(torn.size() + 5'500'000, 0x55);
+  const Outcome result = flvhost({"play", dir.file("torn.flv", torn), "-o", "-"});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("no sound tag in its last 4194304 bytes (MaxBackFrameScan)"));
+  EXPECT_GE(tagsOf(result.out).size(), film.tags().size() - 1);
+  const Outcome refused = flvhost({"record", dir.path("torn.flv"), "--append"}, film.bytes());
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_THAT(refused.err, HasSubstr("flvhost repair"));
 }
 
 // A failed read makes the module print to standard output.
@@ -225,6 +359,7 @@ TEST_F(Flvhost, theHeadIsShownAndHeldAgainstTheTags) {
       "0008'filesize' 00 4059000000000000"      // 100
       "000C'videocodecid' 00 4000000000000000"  // H.263
       "000C'audiocodecid' 02 0004'mp4a'"
+      "0009'keyframes' 03 000009"
       "0004'self' 07 0000");
   const Bytes additional = bytesOf("02 0011'|AdditionalHeader' 05");
   const FlvBuilder claiming = movie(700, FlvBuilder().tag(18, 0, metadata).tag(18, 0, additional));
@@ -235,6 +370,25 @@ TEST_F(Flvhost, theHeadIsShownAndHeldAgainstTheTags) {
                   {"videocodecid", {{"claimed", 2.0}, {"actual", 2.0}, {"agrees", true}}},
                   {"audiocodecid", {{"claimed", "\"mp4a\""}, {"actual", 2.0}, {"agrees", false}}}}));
   EXPECT_THAT(flvhost({"info", claims}).out, HasSubstr("filesize 100 bytes, DIFFERS: it is "));
+  // A piece tells the truth of itself, in a pipe as far as it can.
+  const std::string clip = dir.path("clip.flv");
+  EXPECT_EQ(flvhost({"play", claims, "--from", "5.3", "--to", "8", "-o", clip}).exitCode, 0);
+  const Bytes whole = TempDir::read(clip);
+  const std::string piped =
+      dir.file("piped.flv", bytes(flvhost({"play", claims, "--from", "5.3", "--to", "8", "-o", "-"}).out));
+  for (const std::string& name : {clip, piped}) {
+    const json shown = json::parse(flvhost({"info", "--json", name}).out)["files"][0],
+               &told = shown["claims"];
+    EXPECT_EQ(told["duration"]["claimed"], 2.96);
+    EXPECT_EQ(told["duration"]["agrees"], true);
+    EXPECT_EQ(shown["first"]["ms"], 5020);
+    EXPECT_EQ(told.contains("filesize"), name == clip);
+    if (name == clip) {
+      EXPECT_EQ(told["filesize"]["claimed"], whole.size());
+    }
+    const json entries = json::parse(flvhost({"meta", name}).out)["records"][0]["values"][0]["entries"];
+    EXPECT_FALSE(entries.contains("keyframes"));
+  }
 
   const json records = json::parse(flvhost({"meta", claims}).out)["records"];
   ASSERT_EQ(records.size(), 2u);
@@ -257,6 +411,25 @@ TEST_F(Flvhost, theHeadIsShownAndHeldAgainstTheTags) {
   EXPECT_EQ(json::parse(flvhost({"contexts", file}).out)["getAllMediaContexts"], nullptr);
 }
 
+#ifndef __SANITIZE_THREAD__  // Sanitizers take more address space than any limit leaves.
+#ifndef __SANITIZE_ADDRESS__
+// The largest tag, filled with the dearest arrays.
+TEST_F(Flvhost, metadataTakesMemoryInProportion) {
+  Bytes metadata = bytesOf("02 000A'onMetaData' 0A 003FFFF0");
+  for (u32 i = 0; i < 0x3FFFF0; ++i) metadata.insert(metadata.end(), {3, 0, 0, 9});
+  const std::string large = dir.file("large.flv", movie(700, FlvBuilder().tag(18, 0, metadata)).bytes());
+  for (const char* const command : {"meta", "contexts"}) {
+    std::optional<MemoryLimit> limit(500'000'000);
+    Running run({command, large});
+    limit.reset();
+    const Outcome result = run.wait();
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(result.out.ends_with("}\n"));
+  }
+}
+#endif
+#endif
+
 TEST_F(Flvhost, demoChecksEveryTagAndRecordsTheFile) {
   const Outcome result = flvhost({"demo", file});
   EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -264,11 +437,32 @@ TEST_F(Flvhost, demoChecksEveryTagAndRecordsTheFile) {
   EXPECT_THAT(result.out, HasSubstr("followed  700 tags in 28 looks: each one as it went in; 0 kept aside"));
   EXPECT_THAT(result.out, HasSubstr("mirror    710513 bytes, equal to the recording"));
 
-  FlvBuilder avc;
-  for (u32 i = 0; i < 50; ++i) avc.tag(9, i * 40, Bytes{u8(i ? 0x27 : 0x17), 1, 0, 0, 0, u8(i)});
-  const Outcome refused = flvhost({"demo", dir.file("avc.flv", avc.bytes())});
+  FlvBuilder odd;  // Of a type that no player knows.
+  for (u32 i = 0; i < 50; ++i) odd.tag(47, i * 40, Bytes{u8(i)});
+  const Outcome refused = flvhost({"demo", dir.file("odd.flv", odd.bytes())});
   EXPECT_EQ(refused.exitCode, 0) << refused.err;
-  EXPECT_THAT(refused.out, HasSubstr("recorded  nothing could be recorded"));
+  EXPECT_THAT(refused.out, HasSubstr("recorded  "));
+}
+
+// What isn't among the first tags isn't denied, and what a count finds is said.
+TEST_F(Flvhost, infoStatesNothingThatACountContradicts) {
+  const Bytes claim = onMetaData(
+      "000C'audiocodecid' 00 4000000000000000 0005'width' 00 4074000000000000"
+      "0006'height' 00 406E000000000000");
+  FlvBuilder late = FlvBuilder().tag(18, 0, claim);
+  for (u32 i = 0; i < 100; ++i) late.tag(9, 5000 + i * 40, 20'000);
+  const std::string name = dir.file("late.flv", late.tag(8, 9000, Bytes{0x2F, 1}).bytes());
+  const std::string front = flvhost({"info", name}).out, all = flvhost({"info", "--count", name}).out;
+  EXPECT_THAT(front, HasSubstr("duration  00:00:04.000, from 00:00:05.000 to 00:00:09.000"));
+  EXPECT_THAT(front, HasSubstr("picture   320x240, 25 frames/s"));
+  EXPECT_THAT(front, HasSubstr("audiocodecid MP3, of which the first tags say nothing"));
+  EXPECT_THAT(all, HasSubstr("audiocodecid MP3, as the tags say"));
+  EXPECT_THAT(all, HasSubstr("rate      4003 kbit/s, video 4000 kbit/s, audio 0 kbit/s"));
+  Bytes bad = film.bytes();
+  std::fill(bad.begin() + 262'000, bad.begin() + 300'000, u8{0});
+  EXPECT_THAT(flvhost({"info", "--count", dir.file("bad.flv", bad)}).out, HasSubstr("but damaged in "));
+  EXPECT_THAT(flvhost({"info", "--count", dir.file("quiet.flv", part(film, 1, 5))}).out,
+              HasSubstr("audio, video (flags 0x05); the tags: video"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "FlvReader.h"
+#include "host/flv/FlvReader.h"
 
 #include "Movie.h"
 

@@ -1,8 +1,7 @@
-#include "FlvWriter.h"
+#include "host/flv/FlvWriter.h"
 
 #include <gtest/gtest.h>
 
-#include "FlvNames.h"
 #include "Movie.h"
 
 namespace orv::host {
@@ -28,34 +27,6 @@ TEST(FlvWriter, anAggregateNeverOutgrowsATag) {
   const u32 entry = half + flv::kTagOverhead;
   EXPECT_EQ(kindsAndSizes, (std::vector<std::pair<u16, std::size_t>>{
                                {22, 2 * entry}, {22, entry}, {9, flv::kMaxTagDataSize}}));
-}
-
-TEST(FlvNames, tellKeyFramesAndCodecSetupsApart) {
-  const struct {
-    u8 type;
-    Bytes data;
-    bool key, setup;
-    const char* codec;
-  } kTags[] = {
-      {9, {0x12, 0}, true, false, "H.263 (Sorenson)"},
-      {9, {0x22, 0}, false, false, "H.263 (Sorenson)"},
-      {9, {0x17, 0}, false, true, "H.264"},
-      {9, {0x17, 1}, true, false, "H.264"},
-      {9, {0x1F}, true, false, "unknown codec 15"},
-      {9, {}, false, false, ""},
-      {8, {0xAF, 0}, false, true, "AAC"},
-      {8, {0xAF, 1}, false, false, "AAC"},
-      {8, {0x2F}, false, false, "MP3, 44.1 kHz, stereo, 16 bit"},
-      {8, {0x10}, false, false, "ADPCM, 5.5 kHz, mono, 8 bit"},
-      {9 | 0x20, {0x17, 0}, false, false, "encrypted"},
-      {18, {0x12}, false, false, ""},
-  };
-  for (const auto& t : kTags) {
-    const Tag tag{t.type, 0, 0, t.data.data(), static_cast<u32>(t.data.size())};
-    EXPECT_EQ(isKeyFrame(tag), t.key) << t.codec;
-    EXPECT_EQ(isCodecSetup(tag), t.setup) << t.codec;
-    EXPECT_EQ(codecText(tag), t.codec);
-  }
 }
 
 TEST(Tags, aTornAggregateGivesItsWholeEntries) {

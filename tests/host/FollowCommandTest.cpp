@@ -25,24 +25,23 @@ class FollowCommandTest : public testing::Test {
 };
 
 TEST_F(FollowCommandTest, playsEachTagOnceWhileTheFileGrows) {
-  Running recorder({"record", file, "--flush-every", "10ms"});
+  Running recorder({"record", file, "--keep-metadata", "--flush-every", "10ms"});
   recorder.feed(part(0, 1));
   ASSERT_TRUE(eventually([&] { return TempDir::read(file).size() >= 13; }));
   Running pipe({"follow", file, "-o", "-"});
-  Running silent({"follow", file, "--until-idle", "700ms"});
   const std::size_t steps[] = {1, 2, 10, 300, 301, 700, 1500, 2001};
   for (std::size_t i = 0; i + 1 < std::size(steps); ++i) {
     recorder.feed(part(steps[i], steps[i + 1]));
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    const std::size_t played = part(0, steps[i + 1]).size();
+    ASSERT_TRUE(eventually([&] { return pipe.out().size() == played; })) << steps[i];
   }
   EXPECT_EQ(recorder.wait().exitCode, 0);
-  EXPECT_TRUE(eventually([&] { return pipe.out().size() == stream.bytes().size(); }));
   pipe.signal(SIGINT);
   const Outcome followed = pipe.wait();
   EXPECT_EQ(followed.exitCode, 0) << followed.err;
   EXPECT_THAT(followed.err, HasSubstr("2000 tags, 2000000 bytes of data, 00:00:00.000 to 00:00:39.980"));
   EXPECT_TRUE(followed.out.substr(13) == str(stream.bytes()).substr(13));
-  const Outcome counted = silent.wait();
+  const Outcome counted = flvhost({"follow", file, "--until-idle", "0"});
   EXPECT_EQ(counted.exitCode, 0);
   EXPECT_EQ(counted.out, "");
   EXPECT_THAT(counted.err, HasSubstr("2000 tags"));
@@ -52,14 +51,18 @@ TEST_F(FollowCommandTest, playsEachTagOnceWhileTheFileGrows) {
 TEST_F(FollowCommandTest, neverPlaysATagThatIsStillBeingWritten) {
   const Bytes start = part(0, 300), rest = part(300, 330);
   dir.file("live.flv", start);
-  Running run({"follow", file, "-o", "-", "--until-idle", "1s"});
+  Running run({"follow", file, "-o", "-"});
   std::ofstream out(file, std::ios::binary | std::ios::app);
   for (std::size_t at = 0; at < rest.size(); at += 2500) {
+    const std::size_t held = run.out().size();
     out.write(reinterpret_cast<const char*>(rest.data()) + at,
               std::min<long>(2500, std::ssize(rest) - static_cast<long>(at)));
     out.flush();
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    // 2,500 bytes bring two whole tags, of which the torn one behind them hides the last at most.
+    ASSERT_TRUE(eventually([&] { return run.out().size() > held; })) << at;
   }
+  ASSERT_TRUE(eventually([&] { return run.out().size() == part(0, 330).size(); }));
+  run.signal(SIGINT);
   const Outcome result = run.wait();
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_TRUE(result.out.substr(13) == str(part(0, 330)).substr(13));
@@ -92,6 +95,21 @@ TEST_F(FollowCommandTest, endsWhenThereIsNothingMoreToFollow) {
     EXPECT_THAT(result.err, HasSubstr(c.line));
     EXPECT_TRUE(TempDir::read(out) == start) << c.line;
     std::filesystem::remove(out);
+  }
+}
+
+TEST_F(FollowCommandTest, waitsForTheFileAndStartsWhereAsked) {
+  Running waiting({"follow", file, "--wait", "-o", "-"});
+  const std::string whole = dir.file("whole.flv", part(0, 2001));
+  std::filesystem::rename(whole, file);
+  ASSERT_TRUE(eventually([&] { return waiting.out().size() == part(0, 2001).size(); }));
+  waiting.signal(SIGINT);
+  EXPECT_EQ(waiting.wait().exitCode, 0);
+  const std::size_t head = part(0, 1).size();
+  for (const char* const from : {"30.5", "-9.48"}) {  // Of 39.980.
+    const Outcome late = flvhost({"follow", file, "--from", from, "--until-idle", "0", "-o", "-"});
+    EXPECT_EQ(late.exitCode, 0) << late.err;
+    EXPECT_TRUE(late.out.substr(head) == str(part(1502, 2001))) << from;  // The key frame at 30.020.
   }
 }
 

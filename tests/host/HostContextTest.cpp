@@ -1,8 +1,8 @@
-#include "HostContext.h"
+#include "host/module/HostContext.h"
 
 #include <gtest/gtest.h>
 
-#include "PosixFileService.h"
+#include "host/files/PosixFileService.h"
 
 namespace orv::host {
 namespace {

@@ -1,4 +1,4 @@
-#include "MirrorFile.h"
+#include "host/files/MirrorFile.h"
 
 #include <gmock/gmock.h>
 

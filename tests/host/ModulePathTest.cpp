@@ -1,10 +1,10 @@
-#include "ModulePath.h"
+#include "host/files/ModulePath.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "Failure.h"
+#include "host/text/Failure.h"
 
 namespace orv::host {
 namespace {

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "FlvReader.h"
 #include "TempDir.h"
+#include "host/flv/FlvReader.h"
 #include "support/AmfText.h"
 #include "support/FlvBuilder.h"
 #include "support/Holders.h"

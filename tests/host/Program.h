@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -56,6 +57,11 @@ class Running {
       at += static_cast<std::size_t>(done);
     }
   }
+  // Whether the program has taken all that was fed.
+  bool hasTakenAll() const {
+    int waiting = 0;
+    return ::ioctl(input_, FIONREAD, &waiting) == 0 && waiting == 0;
+  }
   void signal(int number) const { ::kill(child_, number); }
   // Its input ends, and it is waited for.
   Outcome wait() {
@@ -87,14 +93,15 @@ inline Outcome flvhost(std::vector<std::string> args, const Bytes& input = {}) {
   return run.wait();
 }
 
-// Whether `condition` comes true within ten seconds.
+// Waits for `condition`. False if it doesn't come true within a minute.
 template <class Condition>
 bool eventually(Condition condition) {
-  for (int i = 0; i < 1000; ++i) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  return false;
+  return true;
 }
 
 }  // namespace orv::host::test

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+
 #include <nlohmann/json.hpp>
 
 #include "Movie.h"
@@ -25,7 +27,7 @@ class RecordCommandTest : public testing::Test {
   const std::string copy = dir.path("copy.flv");
 
   Outcome record(const Bytes& input, std::vector<std::string> more = {}) {
-    more.insert(more.begin(), {"record", file});
+    more.insert(more.begin(), {"record", file, "--keep-metadata", "--codecs", "classic"});
     return flvhost(more, input);
   }
   static void put(const std::string& name, const Bytes& bytes) {
@@ -40,11 +42,12 @@ class RecordCommandTest : public testing::Test {
 
 TEST_F(RecordCommandTest, recordsEachTagAsItCameAndKeepsACopy) {
   const FlvBuilder stream = liveStream(3000);
-  Running run({"record", file, "--backup", copy, "--flush-every", "20ms"});
+  Running run({"record", file, "--keep-metadata", "--backup", copy, "--flush-every", "20ms"});
   for (std::size_t at = 0; at < stream.bytes().size(); at += 40'009) {
     const auto begin = stream.bytes().begin() + static_cast<long>(at);
+    const std::size_t held = TempDir::read(file).size();
     run.feed({begin, begin + std::min<long>(40'009, stream.bytes().end() - begin)});
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(eventually([&] { return TempDir::read(file).size() > held; }));  // A flush for each.
   }
   const Outcome result = run.wait();
   EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -52,6 +55,16 @@ TEST_F(RecordCommandTest, recordsEachTagAsItCameAndKeepsACopy) {
   EXPECT_THAT(result.err, HasSubstr("3001 tags, 3000037 bytes of data, 00:00:00.000 to 00:00:59.980, in "));
   EXPECT_TRUE(TempDir::read(file) == stream.bytes());
   EXPECT_TRUE(TempDir::read(copy) == stream.bytes());
+}
+
+TEST_F(RecordCommandTest, syncsAsAskedFor) {
+  const FlvBuilder stream = liveStream();
+  for (const char* const policy : {"none", "interval", "flush"}) {
+    put(file, {});
+    EXPECT_EQ(record(stream.bytes(), {"--sync", policy}).exitCode, 0) << policy;
+    EXPECT_TRUE(TempDir::read(file) == stream.bytes()) << policy;
+  }
+  EXPECT_EQ(record(stream.bytes(), {"--sync", "always", "--overwrite"}).exitCode, 2);
 }
 
 TEST_F(RecordCommandTest, saysWhatItCantRecordAndGoesOn) {
@@ -83,7 +96,8 @@ TEST_F(RecordCommandTest, saysWhatItCantRecordAndGoesOn) {
       {stream().tag(9, 0, avc).tag(8, 0, aac).tag(9, 40, avc).bytes(), 1,
        "nothing could be recorded, and no file is left; refused: 1 AAC, 2 H.264", none},
       {stream().tag(18, 0, onMetaData()).tag(9, 0, avc).bytes(), 1, "refused: 1 H.264", none},
-      {stream().tag(9, 5, avc).tag(8, 5, mp3).bytes(), 0, "-c:v flv1 -c:a libmp3lame", soundAlone},
+      {stream().tag(9, 5, avc).tag(8, 5, mp3).bytes(), 1, "H.264 is left out, as --codecs classic asks",
+       soundAlone},
       {stream().tag(3, 0, mp3).tag(8, 5, mp3).bytes(), 0, "refused: 1 of type 3", soundAlone},
       {stream().tag(18, 0, unreadable).tag(8, 5, mp3).bytes(), 0, "refused: 1 unreadable metadata",
        soundAlone},
@@ -104,47 +118,100 @@ TEST_F(RecordCommandTest, saysWhatItCantRecordAndGoesOn) {
 
 TEST_F(RecordCommandTest, whatExistsIsTouchedOnlyAsAskedFor) {
   const Bytes old = liveStream(50).bytes(), more = liveStream(50, 5000).bytes();
-  const Bytes both = join(old, more, 13), alien{'R', 'I', 'F', 'F'}, none;
-  const Bytes torn(old.begin(), old.end() - 100), mended = join(torn, more, 13);
+  const Bytes behind = liveStream(50, 1000).bytes();  // Where `old` ends, and a frame later.
+  const Bytes both = join(old, behind, 13), asTheyCame = join(old, more, 13), alien{'R', 'I', 'F', 'F'}, none;
+  const Bytes torn(old.begin(), old.end() - 100), mended = join(torn, liveStream(50, 960).bytes(), 13);
+  const Bytes noTags = FlvBuilder().bytes();
+  const Bytes refused = FlvBuilder().tag(18, 0, onMetaData()).tag(9, 0, Bytes{0x17, 1, 0, 0, 0, 9}).bytes();
+  const Bytes restarted = join(FlvBuilder().tag(18, 0, onMetaData()).bytes(), more, 13);
   const struct {
-    const char* option;
+    std::vector<std::string> options;
     Bytes file, copy;  // Before. Empty: not there.
     int exitCode;
     const char* line;
     Bytes fileAfter, copyAfter;
     std::optional<Bytes> input = {};  // In place of `more`.
   } kCases[] = {
-      {"", old, none, 2, "exists; --append goes on behind it", old, none},
-      {"", none, old, 2, "holds bytes; --overwrite replaces it", none, old},
-      {"--overwrite", old, old, 0, "51 tags", more, more},
-      {"--overwrite", none, none, 0, "51 tags", more, more},
-      {"--overwrite", alien, none, 1, "isn't an FLV file", alien, none},
-      {"--overwrite", old, alien, 2, "isn't an FLV file; it isn't", old, alien},
-      {"--overwrite", old, none, 1, "is empty", old, none, none},  // An encoder that fails to start.
-      {"--append", old, none, 0, "51 tags", both, both},
-      {"--append", old, old, 0, "51 tags", both, both},
-      {"--append", old, torn, 2, "isn't equal to", old, torn},
-      {"--append", none, none, 0, "51 tags", more, more},
-      {"--append", alien, none, 1, "isn't an FLV file", alien, none},
-      {"--append", torn, none, 0, "hold no whole tag that could be told", mended, mended},
+      {{}, old, none, 2, "exists; --append adds to it", old, none},
+      {{}, none, old, 2, "holds bytes; --overwrite replaces it", none, old},
+      {{"--overwrite"}, old, old, 0, "51 tags", more, more},
+      {{"--overwrite"}, none, none, 0, "51 tags", more, more},
+      {{"--overwrite"}, alien, none, 1, "isn't an FLV file", alien, none},
+      {{"--overwrite"}, old, alien, 2, "isn't an FLV file; it isn't", old, alien},
+      {{"--overwrite"}, old, none, 1, "is empty", old, none, none},  // An encoder that fails to start.
+      {{"--overwrite"}, old, none, 1, "the file stays as it was", old, none, noTags},
+      {{"--overwrite"}, old, old, 1, "the file stays as it was", old, old, refused},
+      {{"--append"}, old, none, 1, "the file stays as it was", old, none, noTags},
+      {{"--append"}, old, old, 1, "the file stays as it was", old, old, refused},
+      {{"--append"}, old, none, 0, "51 tags", both, both},
+      {{"--append"}, old, none, 0, "51 tags", both, both, restarted},  // Its second head is dropped.
+      {{"--append"}, old, old, 0, "51 tags", both, both},
+      {{"--append=as-is"}, old, old, 0, "51 tags", asTheyCame, asTheyCame},
+      {{"--append"}, old, torn, 2, "isn't equal to", old, torn},
+      {{"--append"}, none, none, 0, "51 tags", more, more},
+      {{"--append"}, alien, none, 1, "isn't an FLV file", alien, none},
+      {{"--append"}, torn, none, 1, "flvhost repair makes a sound file of it", torn, none},
+      {{"--append", "--force"}, torn, none, 0, "hold no whole tag that can be found", mended, mended},
   };
   for (const auto& c : kCases) {
     put(file, c.file);
     put(copy, c.copy);
     std::vector<std::string> args{"--backup", copy};
-    if (*c.option) args.emplace_back(c.option);
+    args.insert(args.end(), c.options.begin(), c.options.end());
     const Outcome result = record(c.input.value_or(more), args);
-    EXPECT_EQ(result.exitCode, c.exitCode) << c.option << c.line << result.err;
-    EXPECT_THAT(result.err, HasSubstr(c.line)) << c.option;
-    EXPECT_TRUE(TempDir::read(file) == c.fileAfter) << c.option << c.line;
-    EXPECT_TRUE(TempDir::read(copy) == c.copyAfter) << c.option << c.line;
+    const std::string label = testing::PrintToString(c.options) + c.line;
+    EXPECT_EQ(result.exitCode, c.exitCode) << label << result.err;
+    EXPECT_THAT(result.err, HasSubstr(c.line)) << label;
+    EXPECT_TRUE(TempDir::read(file) == c.fileAfter) << label;
+    EXPECT_TRUE(TempDir::read(copy) == c.copyAfter) << label;
+  }
+}
+
+// As log rotation does it.
+TEST_F(RecordCommandTest, aFileThatIsMovedAwayIsFollowedByAWholeOne) {
+  FlvBuilder stream(flv::kFileHeaderSize, 13);
+  const Bytes videoSetup{0x17, 0, 1, 2, 3}, audioSetup{0xAF, 0, 9};
+  stream.tag(18, 0, onMetaData()).tag(9, 0, videoSetup).tag(8, 0, audioSetup);
+  for (u8 i = 0; i < 100; ++i) {
+    const Bytes frame{static_cast<u8>(i % 50 == 1 ? 0x17 : 0x27), 1, 0, 0, 0, i}, sound{0xAF, 1, i};
+    stream.tag(i % 5 ? 9 : 8, i * 20u, i % 5 ? frame : sound);
+  }
+  const auto part = [&](std::size_t begin, std::size_t end) {
+    const auto bytes = stream.bytes().begin();
+    return Bytes(bytes + (begin ? stream.tags()[begin].position : 0), bytes + stream.tags()[end - 1].end());
+  };
+  constexpr std::size_t kSplit = 32, kNextKey = 3 + 51;
+  const u32 time = stream.tags()[kSplit + 1].time;  // The first sound: pictures wait for a key frame.
+  const Bytes first = part(0, kSplit);
+  Bytes second = join(join(part(0, 1), tagBytes(9, time, videoSetup)), tagBytes(8, time, audioSetup));
+  for (std::size_t i = kSplit; i < stream.tags().size(); ++i) {
+    if (i >= kNextKey || stream.tags()[i].type == flv::kTypeAudio) second = join(second, part(i, i + 1));
+  }
+  Running run({"record", file, "--keep-metadata", "--backup", copy, "--flush-every", "10ms"});
+  run.feed(first);
+  ASSERT_TRUE(comesToHold(first));
+  std::filesystem::rename(file, dir.path("live.1.flv"));
+  run.feed(part(kSplit, 40));
+  ASSERT_TRUE(eventually([&] { return TempDir::read(file).size() > 13; }));
+  run.feed(part(40, stream.tags().size()));
+  const Outcome result = run.wait();
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("was moved away; recording goes on in a new file"));
+  EXPECT_THAT(result.err, HasSubstr("17 without a key frame left out"));
+  for (const std::string& name : {dir.path("live.1.flv"), dir.path("copy.flv.1")}) {
+    EXPECT_TRUE(TempDir::read(name) == first) << name;
+  }
+  for (const std::string& name : {file, copy}) {
+    EXPECT_EQ(testing::PrintToString(TempDir::read(name)), testing::PrintToString(second)) << name;
   }
 }
 
 // A second one would tear the tags of the first.
 TEST_F(RecordCommandTest, oneFileIsRecordedByOneAtATime) {
   const FlvBuilder stream = liveStream();
-  Running first({"record", file, "--flush-every", "10ms"});
+  const mode_t mask = ::umask(027);
+  ::umask(mask);
+  Running first({"record", file, "--keep-metadata", "--backup", copy, "--flush-every", "10ms"});
   first.feed(stream.bytes());
   ASSERT_TRUE(comesToHold(stream.bytes()));
   for (const char* onto : {"--append", "--overwrite"}) {
@@ -152,15 +219,31 @@ TEST_F(RecordCommandTest, oneFileIsRecordedByOneAtATime) {
     EXPECT_EQ(second.exitCode, 2);
     EXPECT_THAT(second.err, HasSubstr("is being recorded by another flvhost"));
   }
+  const std::vector<std::string> kOthers[] = {
+      {"record", dir.path("other.flv"), "--backup", file},
+      {"record", dir.path("other.flv"), "--overwrite", "--backup", copy},
+      {"play", dir.file("in.flv", stream.bytes()), "-o", file, "--force"},
+      {"follow", dir.path("in.flv"), "-o", file, "--force"},
+  };
+  for (const auto& call : kOthers) {
+    const Outcome other = flvhost(call, stream.bytes());
+    EXPECT_EQ(other.exitCode, 2) << call[0] << other.err;
+    EXPECT_FALSE(std::filesystem::exists(dir.path("other.flv")));
+  }
   EXPECT_EQ(first.wait().exitCode, 0);
-  EXPECT_TRUE(TempDir::read(file) == stream.bytes());
+  for (const std::string& name : {file, copy}) {
+    EXPECT_TRUE(TempDir::read(name) == stream.bytes());
+    struct stat status {};
+    ASSERT_EQ(::stat(name.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777u, 0666u & ~mask) << name;
+  }
 }
 
 TEST_F(RecordCommandTest, flushesThoughNoMoreComesAndEndsWholeOnASignal) {
   const FlvBuilder stream = liveStream();
   const Bytes last = tagBytes(8, 5000, {0x2F, 1, 2, 3}), whole = join(stream.bytes(), last);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-    Running run({"record", file, "--overwrite", "--flush-every", "50ms"});
+    Running run({"record", file, "--keep-metadata", "--overwrite", "--flush-every", "50ms"});
     run.feed(stream.bytes());
     ASSERT_TRUE(comesToHold(stream.bytes())) << number;
     run.feed(join(last, {9, 0, 0}));  // And a part of a tag.
@@ -175,11 +258,9 @@ TEST_F(RecordCommandTest, flushesThoughNoMoreComesAndEndsWholeOnASignal) {
 
 TEST_F(RecordCommandTest, aSignalFlushesWhatIsStaged) {
   const FlvBuilder stream = liveStream();
-  Running run({"record", file, "--flush-every", "1:00:00"});
+  Running run({"record", file, "--keep-metadata", "--flush-every", "1:00:00"});
   run.feed(stream.bytes());
-  ASSERT_TRUE(eventually([&] { return TempDir::read(file).size() == 13; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_EQ(TempDir::read(file).size(), 13u);
+  ASSERT_TRUE(eventually([&] { return run.hasTakenAll() && TempDir::read(file).size() == 13; }));
   run.signal(SIGTERM);
   EXPECT_EQ(run.wait().exitCode, 0);
   EXPECT_TRUE(TempDir::read(file) == stream.bytes());
@@ -189,7 +270,7 @@ TEST_F(RecordCommandTest, aFullDiskIsToldAtOnceAndEndsTheRecording) {
   const FlvBuilder stream = liveStream(1000);
   const i64 flushed = stream.tags()[100].position;
   std::optional<FileSizeLimit> limit(200'000);
-  Running run({"record", file, "--flush-every", "10ms"});
+  Running run({"record", file, "--keep-metadata", "--flush-every", "10ms"});
   limit.reset();
   const Bytes first(stream.bytes().begin(), stream.bytes().begin() + flushed);
   run.feed(first);
@@ -214,7 +295,10 @@ TEST_F(RecordCommandTest, reservedMetadataIsBroughtUpToDate) {
     const char* entries;
   } kStreams[] = {
       {18, {}, R"({"duration": 4.0, "videocodecid": 2.0, "audiocodecid": 2.0, "canSeekToEnd": true})"},
-      {18, onMetaData("0005'width' 00 4074000000000000 0008'Duration' 02 0003'5.0'"),
+      {18,
+       onMetaData(
+           "0005'width' 00 4074000000000000 0008'Duration' 02 0003'5.0' 0008'filesize' 00 4059000000000000"
+           "0009'keyframes' 03 000009"),
        R"({"width": 320.0, "Duration": 4.0, "videocodecid": 2.0, "audiocodecid": 2.0,
            "canSeekToEnd": true})"},
       {15, bytesOf("00 02 000A'onMetaData' 11 09 01 0B'width' 05 4074000000000000 01"),
@@ -225,7 +309,7 @@ TEST_F(RecordCommandTest, reservedMetadataIsBroughtUpToDate) {
     stream.tag(8, 0, mp3);
     if (!s.metadata.empty()) stream.tag(s.type, 0, s.metadata);
     stream.tag(9, 0, h263).tag(9, 4000, h263);
-    const Outcome result = record(stream.bytes(), {"--reserve-metadata", "--overwrite"});
+    const Outcome result = flvhost({"record", file, "--overwrite"}, stream.bytes());
     EXPECT_EQ(result.exitCode, 0) << s.entries << result.err;
     const json records = json::parse(flvhost({"meta", file}).out)["records"];
     ASSERT_EQ(records.size(), 1u) << s.entries;
@@ -239,7 +323,7 @@ TEST_F(RecordCommandTest, metadataThatCantBeBroughtUpToDateStaysAsItCame) {
   const Bytes torn = onMetaData("0001'a' 0C FFFFFFFF");
   for (const Bytes& payload : {bytesOf("02 000A'onMetaData' 05"), torn, join(onMetaData(), {5})}) {
     const Bytes stream = FlvBuilder(9, 12).tag(18, 0, payload).tag(8, 10, Bytes{0x2F}).bytes();
-    const Outcome result = record(stream, {"--reserve-metadata", "--overwrite"});
+    const Outcome result = flvhost({"record", file, "--overwrite"}, stream);
     EXPECT_THAT(result.err, HasSubstr("can't be brought up to date"));
     EXPECT_TRUE(TempDir::read(file) == stream);
   }

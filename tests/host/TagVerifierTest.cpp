@@ -1,4 +1,4 @@
-#include "TagVerifier.h"
+#include "host/module/TagVerifier.h"
 
 #include <gtest/gtest.h>
 

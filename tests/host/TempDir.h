@@ -3,14 +3,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/Types.h"
+#include "support/ResourceLimit.h"
 
 namespace orv::host::test {
 
@@ -38,31 +39,21 @@ class TempDir {
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return path(name);
   }
-  // Nothing if there is no such file.
+  // Nothing if there is no such file. Opens it once: another process may remove, replace or fill it
+  // meanwhile.
   static Bytes read(const std::string& file) {
-    if (!std::filesystem::exists(file)) return {};
     std::ifstream in(file, std::ios::binary);
-    Bytes bytes(std::filesystem::file_size(file));
-    in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
+    std::ostringstream bytes;
+    if (in && in.peek() != std::ifstream::traits_type::eof()) bytes << in.rdbuf();
+    const std::string text = bytes.str();
+    return {text.begin(), text.end()};
   }
 
  private:
   std::string path_;
 };
 
-// While it stands, no file that this process, or one that it starts, writes to grows beyond `size` bytes.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t size) {
-    getrlimit(RLIMIT_FSIZE, &old_);
-    const rlimit tight{size, old_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &tight);
-  }
-  ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &old_); }
-
- private:
-  rlimit old_{};
-};
+using FileSizeLimit = orv::test::ResourceLimit<RLIMIT_FSIZE>;  // Of any file that is written to.
+using MemoryLimit = orv::test::ResourceLimit<RLIMIT_AS>;
 
 }  // namespace orv::host::test

@@ -1,6 +1,8 @@
-#include "TimeText.h"
+#include "host/text/TimeText.h"
 
 #include <gtest/gtest.h>
+
+#include "host/text/Console.h"
 
 namespace orv::host {
 namespace {
@@ -36,6 +38,15 @@ TEST(TimeText, writesHoursToMilliseconds) {
   EXPECT_EQ(timeText(0), "00:00:00.000");
   EXPECT_EQ(timeText(3723250), "01:02:03.250");
   EXPECT_EQ(timeText(4294967295), "1193:02:47.295");
+}
+
+TEST(Progress, showsShareRateAndTimeLeft) {
+  using std::chrono::milliseconds;
+  constexpr i64 kMiB = 1 << 20;
+  EXPECT_EQ(shareText(42 * kMiB, 100 * kMiB, milliseconds(2000)), "42%  21 MiB/s  0:03 left");
+  EXPECT_EQ(shareText(kMiB, 1000 * kMiB, milliseconds(1000)), "0%  1 MiB/s  16:39 left");
+  EXPECT_EQ(shareText(kMiB, 0, milliseconds(1000)), "1 MiB/s");
+  EXPECT_EQ(shareText(0, kMiB, milliseconds(0)), "0 MiB/s");
 }
 
 }  // namespace

@@ -1,0 +1,21 @@
+// The size of the pictures, from the first bytes of a key frame or from a codec's set-up record.
+
+#pragma once
+
+#include <optional>
+
+#include "host/flv/MediaHead.h"
+
+namespace orv::host {
+
+struct PictureSize {
+  u32 width;
+  u32 height;
+  bool operator==(const PictureSize&) const = default;
+};
+
+// None where this tag doesn't tell it: of H.263, Screen video and VP6, key frames do; of H.264 and H.265,
+// set-up records. Of other codecs nothing is known.
+std::optional<PictureSize> pictureSize(const Tag& tag, const MediaHead& head);
+
+}  // namespace orv::host

@@ -1,0 +1,64 @@
+// What a file holds, as the module tells it and its first tags show.
+
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/flv/MetadataClaims.h"
+#include "host/module/PlayOut.h"
+#include "host/module/Session.h"
+
+namespace orv::host {
+
+struct FileSummary {
+  struct FirstTag {
+    u32 time;
+    std::string codec;
+    std::optional<u32> codecId;  // None where the tag does not tell it.
+    bool isKeyFrame;
+  };
+  struct Head {
+    u32 trackId;
+    u32 size;
+  };
+
+  std::string name;
+  i64 fileSize;
+  i64 playableEnd;  // Where the last whole tag ends; what lies behind is torn or foreign.
+  i64 endPosition;  // 0 if nothing is playable.
+  u32 firstTime;    // Of the first medium that was seen.
+  u32 duration;     // The time of the last tag.
+  u32 typeFlags;
+  u32 memoryOverhead;
+  std::optional<FirstTag> video;  // Among the tags that were seen: all, or those of the first segments.
+  std::optional<FirstTag> audio;
+  std::optional<u32> width;  // As the metadata say.
+  std::optional<u32> height;
+  std::optional<double> frameRate;  // Of the video tags that were seen, a second.
+  std::vector<Head> headRecords;
+  std::vector<Claim> claims;       // Of the metadata.
+  std::optional<PlayTally> tally;  // If the whole file was counted.
+
+  i64 bytesBehind() const { return fileSize - playableEnd; }
+  // Bits a second of `bytes` spread over the file's time; none if it has no length.
+  std::optional<double> bitRate(u64 bytes) const;
+};
+
+enum class Depth { front, wholeFile };
+
+// The front costs a few host calls whatever the file's length; counting tags reads all of it.
+FileSummary summarize(Stream& stream, Depth depth);
+
+std::string summaryText(const FileSummary& summary);
+nlohmann::ordered_json summaryJson(const FileSummary& summary);
+
+// A time as JSON: {"ms": 5040, "text": "00:00:05.040"}.
+nlohmann::ordered_json timeJson(u32 time);
+nlohmann::ordered_json boundsJson(const SegmentBounds& bounds);
+// The document's text, with a line end. Bytes that aren't UTF-8, as file names may hold, are replaced.
+std::string jsonText(const nlohmann::ordered_json& document);
+
+}  // namespace orv::host

@@ -1,0 +1,60 @@
+#include "host/module/Follower.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "host/module/SegmentWalk.h"
+#include "host/text/Console.h"
+
+namespace orv::host {
+
+bool Follower::hasGrown() {
+  return !isGone() && stream_.endPosition() > position_;
+}
+
+void Follower::load(const Handler& handler) {
+  SegmentWalk walk(stream_, position_);
+  while (std::optional<SegmentBounds> bounds = walk.next()) {
+    // What ended at the file's old end is looked up as one segment with what was played of it.
+    bounds->startPosition = std::max(bounds->startPosition, position_);
+    const bool whole = stream_.load(*bounds, [&](const Message& message) {
+      forEachTag(message, [&](const Tag& tag) { deliver(tag, handler); });
+    });
+    if (!whole) {
+      ++tally_.damaged;
+      tell(fmt::format("{}: damaged between byte {} and byte {}; what can't be read there is left out",
+                       stream_.name(), bounds->startPosition, bounds->endPosition));
+    }
+    position_ = walk.position();
+  }
+  position_ = std::max(position_, walk.position());
+  tally_.damaged += walk.gaps().size();
+  walk.tellGaps();
+}
+
+void Follower::deliver(const Tag& tag, const Handler& handler) {
+  if (skip_ > 0) {
+    --skip_;
+    return;
+  }
+  if (tally_.tags++ == 0) tally_.firstTime = tag.time;
+  tally_.bytes += tag.size;
+  tally_.lastTime = tag.time;
+  handler(tag);
+}
+
+bool Follower::isReplaced() const {
+  const std::optional<FileIdentity> now = lookUp(stream_.name());
+  return !now || now->size < position_ || !stream_.identity().isSame(*now);
+}
+
+bool Follower::isGone() {
+  if (!gone_ && isReplaced()) {
+    gone_ = true;
+    tell(stream_.name() + ": was removed, replaced or cut; following ends");
+  }
+  return gone_;
+}
+
+}  // namespace orv::host

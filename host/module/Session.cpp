@@ -1,0 +1,208 @@
+#include "host/module/Session.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "host/files/ModulePath.h"
+#include "host/flv/FileFault.h"
+#include "host/text/Console.h"
+#include "host/text/Failure.h"
+
+namespace orv::host {
+
+namespace {
+
+constexpr u32 kOpenForPlaying = 0;
+constexpr u32 kOpenForRecording = 1;
+// A request takes as long as many bytes do, but not as many as the module reads of a disk at a time.
+constexpr char kRemoteReadSize[] = "65536";
+
+void tellWriteFault(const WriteFault& fault) {
+  tell(fmt::format("{}: only {} of {} bytes written at position {}: {}", fault.path, fault.written,
+                   fault.wanted, fault.position,
+                   fault.error ? std::strerror(fault.error) : "the write fell short"));
+}
+
+}  // namespace
+
+Stream::Stream(IQVStreamAdaptor& adaptor, void* handle, std::string name, FileIdentity identity)
+    : adaptor_(adaptor),
+      handle_(handle),
+      name_(std::move(name)),
+      identity_(identity),
+      remote_(isRemote(name_) ? RemoteFiles::shared().find(name_) : nullptr) {}
+
+// An object may become another one while the module reads it, whose answer is then worth nothing. So the
+// module looks at the object anew, and is asked again, until all of an answer comes from one state.
+template <class Query>
+auto Stream::untilSettled(Query query) {
+  constexpr int kMostTries = 8;
+  for (int tries = 1;; ++tries) {
+    u32 stamp = 0;
+    if (remote_) {
+      stamp = remote_->stamp();
+      endPosition();
+    }
+    auto answer = query();
+    if (!remote_ || remote_->stamp() == stamp || tries == kMostTries) {
+      if (!answer && remote_) remote_->requireReached();
+      return answer;
+    }
+  }
+}
+
+std::optional<SegmentBounds> Stream::segmentAtTime(u32 time) {
+  return untilSettled([&]() -> std::optional<SegmentBounds> {
+    SegmentBounds bounds{};
+    if (!adaptor_.findSegmentByTime(handle_, time, &bounds)) return std::nullopt;
+    return bounds;
+  });
+}
+
+std::optional<SegmentBounds> Stream::segmentAtPosition(i64 position) {
+  return untilSettled([&]() -> std::optional<SegmentBounds> {
+    SegmentBounds bounds{};
+    if (!adaptor_.findSegmentByIndex(handle_, position, &bounds)) return std::nullopt;
+    return bounds;
+  });
+}
+
+bool Stream::load(const SegmentBounds& bounds, const MessageHolder::Handler& handler) {
+  if (!remote_) return loadOnce(bounds, handler);
+  std::vector<KeptMessage> kept;
+  const bool whole = untilSettled([&] {
+    kept.clear();
+    remote_->fetch(bounds.startPosition, bounds.endPosition + 1);
+    return loadOnce(bounds, [&](const Message& message) { kept.emplace_back(message); });
+  });
+  for (const KeptMessage& message : kept) handler(message.view());
+  return whole;
+}
+
+bool Stream::loadOnce(const SegmentBounds& bounds, const MessageHolder::Handler& handler) {
+  MessageHolder holder(handler);
+  SegmentBounds copy = bounds;
+  return adaptor_.loadSegment(handle_, &copy, &holder);
+}
+
+bool Stream::headRecords(const HeadRecordHolder::Handler& handler) const {
+  HeadRecordHolder holder(handler);
+  return adaptor_.getMediaContexts(handle_, ContextTypeBefore, 0, &holder);
+}
+
+std::vector<u8> Stream::allContexts() const {
+  AllContextsHolder holder;
+  adaptor_.getAllMediaContexts(handle_, &holder);
+  return std::move(holder.bytes);
+}
+
+void Stream::requirePlayable() {
+  if (untilSettled([this] { return endPosition(); }) == 0)
+    throw fileFault(name_ + ": " + explainNothingPlayable(name_, size()));
+}
+
+Session::Session(const CommonOptions& options)
+    : stats_(options.stats),
+      settings_(options.settings.checked()),
+      files_([this](const WriteFault& fault) {
+        ++writeFaults_;
+        tellWriteFault(fault);
+      }),
+      synced_(files_, options.sync, systemSyncer(),
+              [this](const std::string& path) {
+                ++writeFaults_;
+                tell(toNativePath(path.c_str()) + ": can't be synced to the disk: " + std::strerror(errno));
+              }),
+      context_(settings_, synced_, tell),
+      module_(findModule(options.module), context_) {}
+
+Session::Variant::Variant(Settings settings, IFileService& files, ModuleLoader& module)
+    : context(std::move(settings), files, tell), adaptor(module.make(context)) {}
+
+// Null if the module refuses.
+void* Session::open(IQVStreamAdaptor& adaptor, const std::string& file, u32 mode, IBackupConn* mirror) {
+  const std::string path = toModulePath(file);
+  context_.nameFile(moduleFileName(path), file);
+  for (Variant* const variant : {farSeeing_.get(), remote_.get()}) {
+    if (variant) variant->context.nameFile(moduleFileName(path), file);
+  }
+  const FileCalls before = calls();
+  void* handle = nullptr;
+  adaptor.open(path.c_str(), mode, mirror, handle);
+  openingCalls_ += calls().total() - before.total();
+  openingBytes_ += calls().bytesRead - before.bytesRead;
+  return handle;
+}
+
+// Whether the search for the last tag found nothing, and ended at its limit rather than at the file's front.
+bool Session::mayHideTags(void* handle, const FileIdentity& identity) const {
+  IQVStreamAdaptor& adaptor = module_.adaptor();
+  const u32 limit = settings_.searchLimit();
+  return limit < Settings::kMostSearchLimit && adaptor.getEndPosition(handle) == 0 &&
+         identity.size - adaptor.getSize(handle) > limit;
+}
+
+IQVStreamAdaptor& Session::adaptorFor(const std::string& file) {
+  if (!isRemote(file)) return module_.adaptor();
+  if (!remote_) {
+    Settings settings = settings_;
+    settings.setDefault("AutoBufferReadSize", kRemoteReadSize);
+    remote_ = std::make_unique<Variant>(std::move(settings), synced_, module_);
+  }
+  return *remote_->adaptor;
+}
+
+IQVStreamAdaptor& Session::farSeeing() {
+  if (!farSeeing_) {
+    Settings settings = settings_;
+    settings.setSearchLimit(Settings::kMostSearchLimit);
+    farSeeing_ = std::make_unique<Variant>(std::move(settings), synced_, module_);
+  }
+  return *farSeeing_->adaptor;
+}
+
+Stream Session::open(const std::string& file) {
+  const FileIdentity identity = checkReadable(file);
+  IQVStreamAdaptor& adaptor = adaptorFor(file);
+  void* handle = open(adaptor, file, kOpenForPlaying, nullptr);
+  if (!handle) throw fileFault(file + ": " + explainRefusal(file));
+  if (!mayHideTags(handle, identity)) return Stream(adaptor, handle, file, identity);
+
+  tell(fmt::format("{}: no sound tag in its last {} bytes (MaxBackFrameScan); searching the last {}", file,
+                   settings_.searchLimit(), Settings::kMostSearchLimit));
+  adaptor.close(handle);
+  handle = open(farSeeing(), file, kOpenForPlaying, nullptr);
+  if (!handle) throw fileFault(file + ": " + explainRefusal(file));
+  return Stream(farSeeing(), handle, file, identity);
+}
+
+RecordStream Session::openForRecording(const std::string& file, IBackupConn* mirror) {
+  errno = 0;
+  void* const handle = open(module_.adaptor(), file, kOpenForRecording, mirror);
+  if (handle) return RecordStream(module_.adaptor(), handle);
+  if (const int error = errno) throw hostFault(file + ": " + std::strerror(error));
+  throw fileFault(file + ": " + explainRefusal(file));
+}
+
+bool Session::recordsAllCodecs() const {
+  const std::string* const codecs = settings_.find(Settings::kRecordCodecs);
+  return codecs && *codecs != Settings::kClassic;
+}
+
+void Session::reportStats() const {
+  if (!stats_) return;
+  const FileCalls c = calls();
+  tell(fmt::format("opening: {} host calls, {} bytes read", openingCalls_, openingBytes_));
+  tell(fmt::format(
+      "in all: {} host calls (open {}, close {}, read {}, write {}, fstat {}, stat {}), {} bytes read",
+      c.total(), c.open, c.close, c.read, c.write, c.fstat, c.stat, c.bytesRead));
+  const HttpRanges& http = RemoteFiles::shared().http();
+  if (http.requests() > 0) {
+    tell(fmt::format("requests: {}, {} bytes received", http.requests(), http.bytesReceived()));
+  }
+  if (c.write > 0) tell(fmt::format("written: {} bytes", c.bytesWritten));
+}
+
+}  // namespace orv::host

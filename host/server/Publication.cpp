@@ -1,0 +1,99 @@
+#include "host/server/Publication.h"
+
+#include <filesystem>
+
+#include "host/flv/FlvNames.h"
+#include "host/text/Console.h"
+#include "host/text/Failure.h"
+
+namespace orv::host {
+
+namespace {
+
+// What everybody sends is taken; the last sound tag is found behind a torn one of any size; flushes read
+// little.
+CommonOptions recordingOptions(CommonOptions common) {
+  common.settings.setDefault("RecordCodecs", "all");
+  common.settings.setDefault("MaxBackFrameScan", std::to_string(Settings::kMostSearchLimit));
+  common.settings.setDefault("AutoBufferReadSize", "16384");
+  return common;
+}
+
+std::optional<FileTail> tailOf(Session& session, const RecordTarget& target) {
+  if (!target.appends()) return std::nullopt;
+  FileTail tail = readTail(session, target.file());
+  if (tail.torn() > 0) throw fileFault("the file has a torn end; flvhost repair makes a sound one of it");
+  if (!tail.hasTags) return std::nullopt;
+  return tail;
+}
+
+}  // namespace
+
+Publication::Claim::Claim(Library& of, const std::string& wanted) : library(of), name(wanted) {
+  if (!library.claim(name)) throw AlreadyPublished();
+}
+
+Publication::Publication(Library& library, std::string name)
+    : library_(library),
+      name_(std::move(name)),
+      claim_(library, name_),
+      target_(library.pathOf(name_, false), mirrorOf(name_), Onto::append),
+      session_(recordingOptions(library.options().common)),
+      reserve_([this](const Tag& tag) { record(tag); }),
+      reader_([this](const Tag& tag) {
+        // What is appended to has its metadata, or has none, and what came now would not be its head.
+        if (target_.appends()) return record(tag);
+        reserve_.take(tag);
+      }) {
+  recording_.emplace(session_, target_,
+                     RecordingOptions{library.options().flushInterval, tailOf(session_, target_)});
+}
+
+Publication::~Publication() {
+  if (isFinished_) return;
+  try {
+    finish();
+  } catch (const std::exception& fault) {
+    tell(fault.what());
+  }
+}
+
+std::string Publication::mirrorOf(const std::string& name) const {
+  if (library_.options().mirrorFolder.empty()) return {};
+  const std::filesystem::path path = std::filesystem::path(library_.options().mirrorFolder) / name;
+  std::error_code ignored;  // A folder that can't be made shows when the copy is.
+  std::filesystem::create_directories(path.parent_path(), ignored);
+  return path.native();
+}
+
+void Publication::record(const Tag& tag) {
+  recording_->take(tag);
+  if (isCodecSetup(tag)) library_.noteSetup(name_, recording_->tally().lastTime, tag);
+}
+
+void Publication::take(const u8* data, std::size_t size) {
+  const bool goesOn = reader_.feed(data, size);
+  flushIfDue();
+  if (!goesOn) throw fileFault("the stream " + reader_.fault());
+}
+
+void Publication::flushIfDue() {
+  recording_->flushIfDue();
+  wakeViewers();
+}
+
+void Publication::wakeViewers() {
+  if (recording_->tally().flushes == flushesSeen_) return;
+  flushesSeen_ = recording_->tally().flushes;
+  library_.wake(name_);
+}
+
+std::string Publication::finish() {
+  isFinished_ = true;
+  reserve_.finish();
+  recording_->finish();
+  wakeViewers();
+  return recording_->summaryText();
+}
+
+}  // namespace orv::host

@@ -1,0 +1,89 @@
+// A file that any number of viewers play, through one read handle of the module.
+
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "host/module/PlayOut.h"
+#include "host/server/Piece.h"
+#include "host/server/Request.h"
+
+namespace orv::host {
+
+// Runs work on a thread that may block.
+using Pool = std::function<void(std::function<void()>)>;
+
+// Each piece is loaded once for all who want it, those that ask while it is being loaded included. Safe from
+// any thread.
+class SharedFile : public std::enable_shared_from_this<SharedFile> {
+ public:
+  // Gets the next piece, or null where the file ends for good. Called on any thread, with no lock held;
+  // not once `owner` has gone, which it may do meanwhile.
+  struct Ready {
+    std::weak_ptr<void> owner;
+    std::function<void(PiecePtr)> call;
+  };
+  // What a viewer is sent first, and where the pieces for it start.
+  struct Start {
+    std::vector<u8> head;
+    PlayStart place;
+    std::optional<u32> end;
+  };
+  struct Setup {
+    u32 time;
+    OwnedTag tag;
+  };
+  struct Surroundings {
+    Pool pool;
+    std::function<bool()> isLive;  // Whether more may come.
+    std::function<std::vector<Setup>()>
+        setups;  // Codec set-ups that are known to stand behind the file's front.
+  };
+
+  SharedFile(Session& session, const std::string& file, u64 number, PieceCache& cache, Surroundings around);
+  ~SharedFile();
+
+  // These block: for the pool's threads. Throw Failure.
+  Start start(std::optional<ViewTime> from, std::optional<ViewTime> to);
+  template <class Work>
+  auto with(Work work) {
+    const std::lock_guard lock(streamMutex_);
+    return work(stream_);
+  }
+  // Whether another file has taken its name, or it was cut.
+  bool isReplaced();
+
+  // Asks for what follows `position`. At the end of a live file it waits for more.
+  void next(i64 position, Ready ready);
+  // The file has grown, or is live no longer.
+  void wake();
+  // Another file has taken the name: viewers that go on get no more.
+  void endHere();
+  bool hasWaiting() const;
+
+ private:
+  void fetch(i64 position);
+  PiecePtr load(i64 position);
+  std::vector<OwnedTag> setupsBefore(u32 time, const PlayStart& place);
+
+  const u64 number_;
+  std::atomic<bool> isOver_{false};
+  PieceCache& cache_;
+  const Surroundings around_;
+  std::mutex streamMutex_;
+  Stream stream_;  // Under streamMutex_.
+  i64 end_ = 0;    // Under streamMutex_: up to here the file is known to reach.
+  mutable std::mutex mutex_;
+  // Under mutex_.
+  std::map<i64, std::vector<Ready>> wanted_;   // Being loaded.
+  std::map<i64, std::vector<Ready>> waiting_;  // For the file to grow.
+  u64 wakes_ = 0;
+};
+
+}  // namespace orv::host

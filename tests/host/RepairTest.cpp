@@ -1,0 +1,216 @@
+#include "host/repair/Repair.h"
+
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include "Damage.h"
+#include "PayloadJson.h"
+#include "Program.h"
+#include "host/check/Checker.h"
+#include "host/files/FileSource.h"
+#include "support/HeapWatch.h"
+
+namespace orv::host {
+namespace {
+
+using namespace test;
+using nlohmann::json;
+using testing::HasSubstr;
+
+Bytes bytesIn(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+Bytes repaired(const Bytes& bytes, const RepairJob& job = {}) {
+  const TempDir dir;
+  MemorySource source(bytes);
+  OutputFile out(dir.path("out.flv"), Existing::refuse, FileIdentity{});
+  repair(source, out, job, [](i64) {});
+  return TempDir::read(dir.path("out.flv"));
+}
+
+// All that a check says against it.
+std::string faults(const Bytes& bytes) {
+  MemorySource source(bytes);
+  Checker checker(source);
+  checker.run([](i64) {});
+  std::string text;
+  for (const Finding& finding : checker.findings().kept())
+    text += std::string(infoOf(finding.code).text) + ": " + finding.text + "\n";
+  return text;
+}
+
+// Behind the metadata, which always come first.
+TagList mediaOf(const Bytes& bytes) {
+  TagList tags = tagsOf(str(bytes));
+  if (!tags.empty()) tags.erase(tags.begin());
+  return tags;
+}
+
+json metadataOf(const Bytes& bytes) {
+  const auto tag = tagsOf(str(bytes)).at(0);
+  const Tag view{18, 0, 0, tag.data.data(), static_cast<u32>(tag.data.size())};
+  return test::payloadJson(view)["values"][0]["entries"];
+}
+
+std::vector<u32> timesOf(const Bytes& bytes) {
+  std::vector<u32> times;
+  for (const auto& tag : mediaOf(bytes)) times.push_back(tag.time);
+  return times;
+}
+
+TEST(Repair, keepsEveryWholeTagAndTellsTheTruth) {
+  const FlvBuilder film = Film().frames(300);
+  const i64 at = film.tags()[300].position, size = film.size();
+  const auto damaged = [&] { return Damage(film); };
+  const Damage kDamages[] = {
+      damaged(),
+      damaged().insert(at, noise(1000)),
+      damaged().insert(at + 12, noise(1000)),
+      damaged().overwrite(at + 12, Bytes(3000)),
+      damaged().remove(at + 12, 2000),
+      damaged().remove(at + 12, 2000).remove(film.tags()[50].position - 2, 300),
+      damaged().fields([](u32 n) { return n; }),
+      damaged().fields([](u32) { return 0u; }),
+      damaged().insert(size, noise(1 << 20)),
+      damaged().remove(size - 5, 5),
+      damaged().remove(0, 13),
+      damaged().overwrite(4, {0}),
+  };
+  for (const Damage& damage : kDamages) {
+    for (const bool index : {false, true}) {
+      const Bytes out = repaired(damage.bytes(), {{}, index});
+      TagList wanted = damage.whole();
+      wanted.erase(wanted.begin());  // The old metadata.
+      EXPECT_TRUE(mediaOf(out) == wanted);
+      EXPECT_EQ(faults(out), "");
+      EXPECT_EQ(out[4], 5);
+    }
+  }
+}
+
+TEST(Repair, rebuildsTheMetadata) {
+  const Bytes old = bytesOf(
+      "02 000A'onMetaData' 08 00000000 0005'title' 02 0001'x' 0008'Duration' 00 4059000000000000"
+      "0005'width' 02 0001'y' 0008'hasVideo' 01 00 0009'framerate' 00 4039000000000000 0009'videosize' 00 "
+      "4039000000000000");
+  const Bytes kFilms[] = {Film(old).frames().bytes(),
+                          Film(old).with(8, 0, {0x2F}).with(8, 980, {0x2F}).bytes()};
+  for (const Bytes& film : kFilms) {
+    const Bytes out = repaired(film);
+    const bool hasVideo = &film == &kFilms[0];
+    json values = metadataOf(out);
+    EXPECT_THAT(values.value("metadatacreator", ""), testing::StartsWith("flvhost"));
+    values.erase("metadatacreator");
+    json wanted = {{"hasMetadata", true},
+                   {"hasVideo", hasVideo},
+                   {"hasAudio", true},
+                   {"hasKeyframes", hasVideo},
+                   {"canSeekToEnd", hasVideo},
+                   {"duration", hasVideo ? 1.0 : 1.96},
+                   {"lasttimestamp", 0.98},
+                   {"audiocodecid", 2.0},
+                   {"audiosamplerate", 44100.0},
+                   {"audiosamplesize", 16.0},
+                   {"stereo", true},
+                   {"filesize", out.size()},
+                   {"title", "x"},
+                   {"framerate", 25.0}};
+    if (hasVideo) wanted["videocodecid"] = 2.0, wanted["lastkeyframetimestamp"] = 0.98;
+    EXPECT_EQ(values, wanted);
+  }
+}
+
+TEST(Repair, addsAnIndexThatHits) {
+  const Bytes out = repaired(Film(Bytes{}).frames(3).frames(2, 60, 0x22).frames(1, 100).bytes(), {{}, true});
+  const json index = metadataOf(out)["keyframes"]["entries"];
+  EXPECT_EQ(index["times"]["values"], json({0.0, 0.02, 0.04, 0.1}));
+  EXPECT_EQ(index["filepositions"]["values"].size(), 4);
+  EXPECT_EQ(faults(out), "");
+}
+
+TEST(Repair, mendsTimesIfAsked) {
+  const auto fixedTimes = [](const Bytes& bytes) { return timesOf(repaired(bytes, {{true, false}, false})); };
+  const auto film = [](std::initializer_list<std::pair<u8, u32>> tags) {
+    Film made;
+    for (const auto& [type, time] : tags) made.tag(type, time, Bytes{u8(type == 9 ? 0x12 : 0x2F), 1, 2});
+    return made.bytes();
+  };
+  const struct {
+    Bytes bytes;
+    std::vector<u32> times;
+  } kFilms[] = {
+      {film({{9, 0}, {8, 7}, {9, 40}, {8, 33}}), {0, 7, 40, 33}},              // Well interleaved.
+      {film({{9, 9000}, {9, 9040}}), {0, 40}},                                 // Starts late.
+      {film({{9, 0}, {9, 40}, {9, 20}, {9, 80}}), {0, 40, 40, 80}},            // A small step back.
+      {film({{9, 0}, {9, 40}, {9, 90000}, {9, 90040}}), {0, 40, 80, 120}},     // A jump.
+      {film({{9, 5000}, {9, 5040}, {9, 1000}, {9, 1040}}), {0, 40, 80, 120}},  // Back by much.
+      {film({{9, 0}, {18, 0}, {9, 4000}, {18, 4000}, {18, 0}}), {0, 0, 4000, 4000, 4000}},  // Data.
+      {film({{9, 0xFFFFFFF0}, {9, 4}}), {0, 20}},                                           // Wraps around.
+      {join(film({{9, 0}, {9, 40}}), film({{9, 0}, {9, 40}})), {0, 40, 40, 80, 120}},       // Joined.
+  };
+  for (const auto& f : kFilms) EXPECT_EQ(fixedTimes(f.bytes), f.times);
+}
+
+TEST(Repair, keepsTagsOfUnknownTypesUnlessToldOtherwise) {
+  const Bytes film = Film().frames(2).with(99, 20, {1}).bytes();
+  EXPECT_EQ(faults(repaired(film)), "unknown-type: type 99\n");
+  EXPECT_EQ(faults(repaired(film, {{false, true}, false})), "");
+}
+
+// A film of 3 GiB would take no more.
+TEST(Repair, needsLittleMemoryWhateverTheBytes) {
+  const Bytes kFilms[] = {
+      movie(20'000).bytes(), join(Film().frames().bytes(), noise(40 << 20)),
+      join(FlvBuilder().tag(9, 0, 0xFFFFFF).tag(9, 40, 0xFFFFFF).bytes(), Bytes(40 << 20, 9))};
+  for (const Bytes& film : kFilms) {
+    const TempDir dir;
+    const std::string file = dir.file("in.flv", film);
+    FileSource source(file);
+    OutputFile out(dir.path("out.flv"), Existing::refuse, FileIdentity{});
+    const orv::test::HeapWatch watch;
+    repair(source, out, {{true, false}, true}, [](i64) {});
+    EXPECT_LT(watch->peak, std::size_t{60} << 20);
+  }
+}
+
+TEST(RepairCommand, worksOnFilesAndPipes) {
+  const TempDir dir;
+  const Bytes bad = Damage(Film().frames()).remove(1889, 5).bytes();
+  const std::string in = dir.file("in.flv", bad), out = dir.path("out.flv");
+  EXPECT_THAT(flvhost({"repair", in, out}).err, HasSubstr("99 tags, 00:00:01.000 long; 1 damaged places"));
+  const std::string whole = str(TempDir::read(out));
+  EXPECT_EQ(faults(TempDir::read(out)), "");
+  EXPECT_EQ(flvhost({"repair", in, out}).exitCode, 2);
+  EXPECT_TRUE(mediaOf(TempDir::read(out)) == mediaOf(repaired(bad)));
+
+  EXPECT_EQ(flvhost({"repair", "-", dir.path("piped.flv")}, bad).exitCode, 0);
+  EXPECT_TRUE(str(TempDir::read(dir.path("piped.flv"))) == whole);
+  const std::string sent = flvhost({"repair", in, "-"}).out, passed = flvhost({"repair", "-", "-"}, bad).out;
+  EXPECT_EQ(faults(bytesIn(sent)), "");
+  EXPECT_EQ(faults(bytesIn(passed)), "");
+  EXPECT_EQ(metadataOf(bytesIn(sent))["filesize"], sent.size());
+  EXPECT_EQ(metadataOf(bytesIn(passed)).count("duration"), 0u);
+  EXPECT_TRUE(tagsOf(passed).size() == tagsOf(sent).size());
+
+  EXPECT_EQ(flvhost({"repair", "--keyframes", "-", dir.path("no.flv")}, bad).exitCode, 2);
+  EXPECT_EQ(flvhost({"repair", dir.file("junk", noise(999)), dir.path("no.flv")}).exitCode, 1);
+  EXPECT_EQ(flvhost({"repair", in, in, "--force"}).exitCode, 2);
+  EXPECT_FALSE(std::filesystem::exists(dir.path("no.flv")));
+  EXPECT_TRUE(TempDir::read(in) == bad);
+}
+
+TEST(IndexCommand, showsKeyFramesOrAddsThem) {
+  const TempDir dir;
+  const Film film = Film().frames(2).frames(2, 40, 0x22);
+  const std::string in = dir.file("in.flv", film.bytes()), out = dir.path("out.flv");
+  EXPECT_EQ(flvhost({"index", in}).out, "            49  00:00:00.000\n            88  00:00:00.020\n");
+  EXPECT_EQ(json::parse(flvhost({"index", "--json", in}).out)["keyFrames"][1]["time"]["ms"], 20);
+  EXPECT_EQ(flvhost({"index", in, "-o", out}).exitCode, 0);
+  EXPECT_EQ(metadataOf(TempDir::read(out))["keyframes"]["entries"]["times"]["values"], json({0.0, 0.02}));
+  EXPECT_EQ(flvhost({"index", dir.file("deaf.flv", Film().with(8, 0, {0x2F}).bytes())}).exitCode, 1);
+}
+
+}  // namespace
+}  // namespace orv::host

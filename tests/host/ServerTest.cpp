@@ -1,0 +1,377 @@
+#include "host/server/HttpServer.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <nlohmann/json.hpp>
+
+#include "Movie.h"
+#include "Program.h"
+
+namespace orv::host::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+TEST(ServerRequest, meansWhatItSaysOrNothing) {
+  using Kind = ServerRequest::Kind;
+  const std::optional<ViewTime> none;
+  const struct {
+    std::string target;
+    Kind kind;
+    const char* name;
+    std::optional<ViewTime> from, to;
+    bool isBad;
+  } kCases[] = {
+      {"/", Kind::page, "", none, none, false},
+      {"/list.json", Kind::list, "", none, none, false},
+      {"/metrics?x", Kind::metrics, "", none, none, false},
+      {"/a/b%20c.flv?from=1:30&to=-5s&token=t", Kind::media, "a/b c.flv", ViewTime{90'000},
+       ViewTime{5'000, true}, false},
+      {"/a.json", Kind::summary, "a.flv", none, none, false},
+      {"/a/segments.json", Kind::segments, "a.flv", none, none, false},
+      {"/a.flv?from=x", Kind::media, "a.flv", none, none, true},
+      {"/a.flv?from=-", Kind::media, "a.flv", none, none, true},
+      {"/a%2.flv", Kind::unknown, "", none, none, true},
+      {"/..%2fa.flv", Kind::unknown, "", none, none, false},
+      {"/a/../b.flv", Kind::unknown, "", none, none, false},
+      {"/a//b.flv", Kind::unknown, "", none, none, false},
+      {"//etc/a.flv", Kind::unknown, "", none, none, false},
+      {"/.hidden.flv", Kind::unknown, "", none, none, false},
+      {"/a\\b.flv", Kind::unknown, "", none, none, false},
+      {"/a%00b.flv", Kind::unknown, "", none, none, false},
+      {"/a%0ab.flv", Kind::unknown, "", none, none, false},
+      {"/.flv", Kind::unknown, "", none, none, false},
+      {"/a.mp4", Kind::unknown, "", none, none, false},
+      {"a.flv", Kind::unknown, "", none, none, false},
+      {"", Kind::unknown, "", none, none, false},
+      {"/1/2/3/4/5/6/7/8/9.flv", Kind::unknown, "", none, none, false},
+      {"/" + std::string(300, 'a') + ".flv", Kind::unknown, "", none, none, false},
+  };
+  for (const auto& c : kCases) {
+    const ServerRequest request = readRequest(c.target);
+    EXPECT_EQ(request.kind, c.kind) << c.target;
+    EXPECT_EQ(request.name, c.name) << c.target;
+    EXPECT_EQ(request.from, c.from) << c.target;
+    EXPECT_EQ(request.to, c.to) << c.target;
+    EXPECT_EQ(request.isBad, c.isBad) << c.target;
+  }
+  EXPECT_TRUE(isSameSecret("abc", "abc"));
+  for (const char* wrong : {"", "ab", "abcd", "abcabc", "xbc"})
+    EXPECT_FALSE(isSameSecret(wrong, "abc")) << wrong;
+}
+
+TEST(PieceCache, keepsWhatWasUsedLastWithinItsBudget) {
+  const auto piece = [] {
+    auto made = std::make_shared<Piece>();
+    made->bytes.resize(1000);
+    return made;
+  };
+  PieceCache cache(2 * piece()->memory() + 10);
+  cache.keep({1, 0}, piece());
+  cache.keep({1, 5}, piece());
+  EXPECT_TRUE(cache.find({1, 0}));
+  cache.keep({2, 0}, piece());
+  EXPECT_TRUE(cache.find({1, 0}) && cache.find({2, 0}));
+  EXPECT_FALSE(cache.find({1, 5})) << "the one used least recently";
+  cache.forget(1);
+  EXPECT_FALSE(cache.find({1, 0}));
+  EXPECT_EQ(cache.memory(), piece()->memory());
+}
+
+// A connection that sends what the test says, and reads as slowly.
+class Wire {
+ public:
+  explicit Wire(u16 port, const std::string& request = "")
+      : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval patience{30, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    send(request);
+  }
+  Wire(const Wire&) = delete;
+  Wire& operator=(const Wire&) = delete;
+  ~Wire() { ::close(fd_); }
+
+  void send(const std::string& bytes) const { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  void finish() const { ::shutdown(fd_, SHUT_WR); }
+  // The next bytes; empty at the end.
+  std::string some() const {
+    std::string bytes(65'536, '\0');
+    const ssize_t size = ::recv(fd_, bytes.data(), bytes.size(), 0);
+    return bytes.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0);
+  }
+  std::string rest() const {
+    std::string all;
+    for (std::string next = some(); !next.empty(); next = some()) all += next;
+    return all;
+  }
+  // Reads until `text` has come.
+  std::string until(const std::string& text) const {
+    std::string all;
+    for (std::string next = some(); !next.empty(); next = some()) {
+      all += next;
+      if (all.find(text) != std::string::npos) break;
+    }
+    return all;
+  }
+
+ private:
+  const int fd_;
+};
+
+std::string bodyOf(const std::string& answer) {
+  return answer.substr(answer.find("\r\n\r\n") + 4);
+}
+
+class Server : public testing::Test {
+ protected:
+  void start(std::function<void(ServerOptions&)> change = [](ServerOptions&) {}) {
+    ServerOptions options;
+    options.library.folder = dir.path("");
+    options.library.common.module = FLV_MODULE_PATH;
+    options.library.flushInterval = std::chrono::milliseconds(1);
+    options.port = 0;
+    options.allowPublish = true;
+    change(options);
+    server_.emplace(options);
+    const std::string address = server_->address();
+    port = static_cast<u16>(std::stoi(address.substr(address.rfind(':') + 1)));
+    thread_ = std::thread([this] { server_->run(); });
+  }
+  // A file that nobody has written to for a while: it has an end.
+  void film(const std::string& name, const Bytes& bytes) const {
+    std::filesystem::last_write_time(dir.file(name, bytes),
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+  }
+  void stop() {
+    if (!thread_.joinable()) return;
+    server_->stop();
+    thread_.join();
+    server_.reset();
+  }
+  ~Server() override { stop(); }
+
+  std::string ask(const std::string& line, const std::string& fields = "",
+                  const std::string& body = "") const {
+    const Wire wire(port, line + " HTTP/1.0\r\n" + fields + "\r\n" + body);
+    return wire.rest();
+  }
+  std::string put(const std::string& name, const Bytes& bytes, const std::string& fields = "") const {
+    return ask("PUT /" + name, "Content-Length: " + std::to_string(bytes.size()) + "\r\n" + fields,
+               str(bytes));
+  }
+  // 0 while there is no such file.
+  std::uintmax_t sizeOf(const std::string& name) const {
+    std::error_code none;
+    const auto size = std::filesystem::file_size(dir.path(name), none);
+    return none ? 0 : size;
+  }
+  std::string metric(const std::string& name) const {
+    const std::string text = "\n" + ask("GET /metrics"), key = "\nflvhost_" + name + " ";
+    const std::size_t at = text.find(key) + key.size();
+    return text.substr(at, text.find('\n', at) - at);
+  }
+
+  const TempDir dir;
+  u16 port = 0;
+
+ private:
+  std::optional<HttpServer> server_;
+  std::thread thread_;
+};
+
+TEST_F(Server, playsWhatTheCommandPlays) {
+  const FlvBuilder source = movie(1500);
+  film("film.flv", source.bytes());
+  film("torn.flv", Bytes(source.bytes().begin(), source.bytes().begin() + 600'007));
+  start();
+  EXPECT_EQ(bodyOf(ask("GET /film.flv")), str(source.bytes()));
+  const auto played = [&](std::vector<std::string> more) {
+    std::vector<std::string> args{"play", dir.path("film.flv"), "-o", "-"};
+    args.insert(args.end(), more.begin(), more.end());
+    return flvhost(args).out;
+  };
+  EXPECT_EQ(bodyOf(ask("GET /film.flv?from=12.5&to=20")), played({"--from", "12.5", "--to", "20"}));
+  EXPECT_EQ(bodyOf(ask("GET /film.flv?from=-3s")), played({"--from", "26.98"}));
+  EXPECT_EQ(tagsOf(bodyOf(ask("GET /torn.flv"))).size(), 590u);
+  const std::string head = ask("HEAD /film.flv");
+  EXPECT_THAT(head, StartsWith("HTTP/1.0 200"));
+  EXPECT_EQ(bodyOf(head), "");
+  EXPECT_THAT(ask("GET /film.json"), HasSubstr("\"file\": \"film.flv\""));
+  EXPECT_THAT(ask("GET /film/segments.json"), HasSubstr("\"segments\""));
+  EXPECT_THAT(ask("GET /list.json"), HasSubstr("\"name\": \"torn.flv\""));
+  EXPECT_THAT(ask("GET /"), HasSubstr("<video"));
+
+  // One connection, one request behind the other; each loaded segment serves both.
+  const Wire wire(port, "GET /film.flv?from=29 HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  const std::string first = wire.until("\r\n0\r\n\r\n");
+  EXPECT_THAT(first, HasSubstr("chunked"));
+  wire.send("GET /film.flv?from=29 HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  EXPECT_EQ(wire.until("\r\n0\r\n\r\n"), first);
+  EXPECT_NE(metric("cache_hits_total"), "0");
+}
+
+TEST_F(Server, refusesWhatItShouldNotDo) {
+  const TempDir outside;
+  outside.file("secret.flv", movie(10).bytes());
+  film("film.flv", movie(10).bytes());
+  dir.file("text.flv", {'n', 'o'});
+  std::filesystem::create_symlink(outside.path("secret.flv"), dir.path("link.flv"));
+  std::filesystem::create_directory_symlink(outside.path(""), dir.path("door"));
+  start([](ServerOptions& options) { options.token = "sesame"; });
+  const std::string length = "Content-Length: 0\r\n";
+  const struct {
+    const char* line;
+    std::string fields;
+    const char* status;
+  } kCases[] = {
+      {"GET /film.flv", "", "200"},
+      {"GET /nix.flv", "", "404"},
+      {"GET /link.flv", "", "404"},
+      {"GET /door/secret.flv", "", "404"},
+      {"PUT /door/new.flv", length + "Authorization: Bearer sesame\r\n", "404"},
+      {"GET /../x.flv", "", "404"},
+      {"GET /text.flv", "", "422"},
+      {"GET /film.flv?from=1:00:00", "", "422"},
+      {"GET /film.flv?from=soon", "", "400"},
+      {"DELETE /film.flv", "", "405"},
+      {"GET /film.flv", "Host: evil.example\r\n", "403"},
+      {"GET /film.flv", "X: " + std::string(20'000, 'x') + "\r\n", "400"},
+      {"PUT /new.flv", length, "401"},
+      {"PUT /new.flv", length + "Authorization: Bearer sesam\r\n", "401"},
+      {"PUT /new.flv",
+       length + "Authorization: Bearer sesame\r\nHost: localhost\r\nOrigin: http://evil.example\r\n", "403"},
+      {"PUT /new.txt?token=sesame", length, "404"},
+      {"PUT /text.flv?token=sesame", length, "422"},
+      {"nonsense", "", "400"},
+  };
+  for (const auto& c : kCases) {
+    const std::string answer = ask(c.line, c.fields);
+    EXPECT_THAT(answer, HasSubstr(std::string(" ") + c.status + " "))
+        << c.line << " " << c.fields.substr(0, 80);
+    EXPECT_EQ(answer.find(dir.path("")), std::string::npos) << answer;
+  }
+  EXPECT_FALSE(std::filesystem::exists(outside.path("new.flv")));
+  EXPECT_THAT(put("junk.flv?token=sesame", Bytes(100'000, 'x')), HasSubstr(" 422 "));
+}
+
+// A publisher, viewers that came before, during and after, a second publisher, one that vanishes and returns.
+TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
+  const FlvBuilder film = movie(1200, FlvBuilder().tag(18, 0, onMetaData()));
+  const std::string bytes = str(film.bytes());
+  start([&](ServerOptions& options) { options.library.mirrorFolder = dir.path("mirror"); });
+  const auto chunk = [](const std::string& text) {
+    char size[20];
+    std::snprintf(size, sizeof size, "%zx\r\n", text.size());
+    return size + text + "\r\n";
+  };
+  auto publisher = std::make_unique<Wire>(
+      port, "POST /live.flv HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk(bytes.substr(0, 13)));
+  ASSERT_TRUE(eventually([&] { return sizeOf("live.flv") == 13; }));
+  const Wire early(port, "GET /live.flv HTTP/1.0\r\n\r\n");
+  ASSERT_TRUE(eventually([&] { return metric("viewers") == "1"; }));
+  EXPECT_THAT(put("live.flv", film.bytes()), HasSubstr(" 409 "));
+  publisher->send(chunk(bytes.substr(13, 500'000)));
+  std::string seen = early.until("\r\n\r\n");
+  ASSERT_TRUE(eventually([&] {
+    const auto json = nlohmann::json::parse(bodyOf(ask("GET /live.json")), nullptr, false);
+    return json.is_object() && json["duration"]["ms"] > 9'000;
+  }));
+  const Wire late(port, "GET /live.flv?from=-2s HTTP/1.0\r\n\r\n");
+  ASSERT_TRUE(eventually([&] { return metric("viewers") == "2"; }));
+  publisher->send(chunk(bytes.substr(500'013)) + "0\r\n\r\n");
+  EXPECT_THAT(publisher->until("flushes"), HasSubstr("200 OK"));
+
+  seen += early.rest();
+  const TagList tags = tagsOf(bodyOf(seen)), behind = tagsOf(bodyOf(late.rest()));
+  ASSERT_EQ(tags.size(), film.tags().size());
+  for (std::size_t i = 1; i < tags.size(); ++i) ASSERT_EQ(tags[i], tagOf(film, i)) << i;
+  ASSERT_LT(behind.size(), tags.size());
+  for (std::size_t i = 1; i <= behind.size() - 1; ++i)
+    ASSERT_EQ(behind[behind.size() - i], tags[tags.size() - i]) << i;
+  EXPECT_EQ(TempDir::read(dir.path("mirror/live.flv")), TempDir::read(dir.path("live.flv")));
+
+  {
+    // In the middle of a tag.
+    const Wire vanishing(
+        port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + bytes.substr(0, 300'500));
+    ASSERT_TRUE(
+        eventually([&] { return std::stoul(metric("published_bytes_total")) >= 300'500 + bytes.size(); }));
+  }
+  ASSERT_TRUE(eventually([&] { return metric("publishers") == "0"; }));
+  EXPECT_THAT(put("live.flv", film.bytes()), HasSubstr("200 OK"));
+  const Outcome checked = flvhost({"play", dir.path("live.flv"), "--verify"});
+  EXPECT_EQ(checked.exitCode, 0) << checked.err;
+  EXPECT_THAT(checked.out, HasSubstr("checked   2696 tags"));
+}
+
+TEST_F(Server, viewersOfAFileThatIsReplacedGetToItsEnd) {
+  const FlvBuilder source = movie(100);
+  const std::string bytes = str(source.bytes());
+  start();
+  const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + bytes);
+  ASSERT_TRUE(eventually([&] { return sizeOf("live.flv") > 13; }));
+  const Wire viewer(port, "GET /live.flv HTTP/1.0\r\n\r\n");
+  ASSERT_TRUE(eventually([&] { return metric("viewers") == "1"; }));
+  std::filesystem::rename(dir.file("other.flv", source.bytes()), dir.path("live.flv"));
+  EXPECT_THAT(ask("GET /live.json"), HasSubstr("200 OK"));
+  EXPECT_TRUE(eventually([&] { return metric("viewers") == "0"; }));
+}
+
+// Killed under load; FLV_KILLS tells how often (default 3). What a viewer was sent had been flushed before.
+TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
+  const char* const wish = std::getenv("FLV_KILLS");
+  const FlvBuilder film = movie(6000, FlvBuilder().tag(18, 0, onMetaData()));
+  for (int kill = 0; kill < (wish ? std::atoi(wish) : 3); ++kill) {
+    const TempDir dir;
+    Running server(
+        {"serve", dir.path(""), "--listen", "127.0.0.1:0", "--allow-publish", "--flush-every", "1ms"});
+    ASSERT_TRUE(eventually([&] { return server.out().find("/\n") != std::string::npos; })) << server.out();
+    const std::string out = server.out();
+    const u16 port = static_cast<u16>(std::stoi(out.substr(out.rfind(':') + 1)));
+    const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n");
+    std::thread sender([&] { publisher.send(str(film.bytes())); });
+    const std::string name = dir.path("live.flv");
+    std::error_code none;
+    ASSERT_TRUE(eventually([&] { return std::filesystem::file_size(name, none) > 13 && !none; }));
+    const Wire viewer(port, "GET /live.flv HTTP/1.0\r\n\r\n");
+    std::string seen = viewer.until("\r\n\r\n");
+    while (bodyOf(seen).size() < 100'000u * static_cast<unsigned>(kill % 10 + 1)) seen += viewer.some();
+    server.signal(SIGKILL);
+    seen += viewer.rest();
+    server.wait();
+    sender.join();
+
+    TagList shown;
+    FlvReader reader([&](const Tag& tag) {
+      shown.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}});
+    });
+    const std::string body = bodyOf(seen);
+    EXPECT_TRUE(reader.feed(reinterpret_cast<const u8*>(body.data()), body.size())) << reader.fault();
+    const Outcome played = flvhost({"play", name, "-o", "-"});
+    const TagList kept = tagsOf(played.out);
+    ASSERT_GE(kept.size(), shown.size()) << played.err;
+    for (std::size_t i = 1; i < kept.size(); ++i) ASSERT_EQ(kept[i], tagOf(film, i)) << i;
+  }
+}
+
+TEST_F(Server, clientsThatTakeNothingAreDroppedAndThoseThatLeaveForgotten) {
+  film("film.flv", movie(20'000).bytes());
+  start([](ServerOptions& options) { options.patience = std::chrono::seconds(1); });
+  const Wire stuck(port, "GET /film.flv HTTP/1.0\r\n\r\n");
+  EXPECT_TRUE(eventually([&] { return metric("dropped_total") == "1"; }));
+  EXPECT_TRUE(eventually([&] { return metric("viewers") == "0"; }));
+  { const Wire leaves(port, "GET /film.flv HTTP/1.0\r\n\r\n"); }
+  EXPECT_TRUE(eventually([&] { return metric("connections") == "1"; })) << "the question's own";
+}
+
+}  // namespace
+}  // namespace orv::host::test

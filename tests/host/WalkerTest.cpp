@@ -1,0 +1,150 @@
+#include "host/flv/Walker.h"
+
+#include <gmock/gmock.h>
+
+#include "Damage.h"
+
+namespace orv::host {
+namespace {
+
+using namespace test;
+
+constexpr u32 kTags = 634;
+
+struct Walked {
+  TagList tags;
+  std::string breaks;  // "junk 100+20; tornTail 500+7"
+};
+
+Walked walk(const Bytes& bytes) {
+  constexpr const char* kKinds[] = {"junk", "zeros", "damagedTag", "secondHeader", "tornTail"};
+  MemorySource source(bytes);
+  Walker walker(source);
+  Walked walked;
+  i64 end = walker.position();
+  while (const auto step = walker.next()) {
+    if (const auto* tag = std::get_if<WalkedTag>(&*step)) {
+      EXPECT_EQ(tag->position, end);
+      const Tag& t = tag->tag;
+      EXPECT_TRUE(std::equal(t.data, t.data + t.size, &bytes[static_cast<std::size_t>(tag->position) + 11]));
+      walked.tags.push_back({t.type, t.time, {t.data, t.data + t.size}});
+    } else {
+      const Break& gap = std::get<Break>(*step);
+      EXPECT_EQ(gap.from, end);
+      EXPECT_GT(gap.to, gap.from);
+      walked.breaks += walked.breaks.empty() ? "" : "; ";
+      walked.breaks += std::string(kKinds[static_cast<int>(gap.kind)]) + " " + std::to_string(gap.from) +
+                       "+" + std::to_string(gap.to - gap.from) + (gap.isTail ? " tail" : "");
+    }
+    end = walker.position();
+  }
+  EXPECT_GE(end, static_cast<i64>(bytes.size()));
+  return walked;
+}
+
+// Tags of some 1000 bytes; metadata first.
+FlvBuilder film() {
+  return movie(kTags - 1, FlvBuilder().tag(18, 0, onMetaData()));
+}
+
+Bytes zeros(std::size_t size) {
+  return Bytes(size);
+}
+
+TEST(Walker, findsEachWholeTagInEveryClassOfDamage) {
+  const FlvBuilder sound = film();
+  const auto& tags = sound.tags();
+  const auto damaged = [&] { return Damage(sound); };
+  const i64 at = tags[300].position, half = tags[300].position + 500, size = sound.size();
+  const Bytes strange = tagBytes(99, 4000, noise(300));
+  const struct {
+    const char* name;
+    Damage damage;
+    std::size_t whole;
+    std::string breaks;
+    std::size_t more = 0;  // Whole tags that were put in.
+  } kDamages[] = {
+      {"none", damaged(), 634, ""},
+      {"junk between tags", damaged().insert(at, noise(1000)).insert(tags[9].position, noise(7)), 634,
+       "junk 8169+7; junk " + std::to_string(at + 7) + "+1000"},
+      {"junk inside a tag", damaged().insert(half, noise(1000)), 633,
+       "damagedTag " + std::to_string(at) + "+2015"},
+      {"64 KiB of zeros", damaged().overwrite(half, zeros(65536)), 568,
+       "damagedTag " + std::to_string(at) + "+66990"},
+      {"zeros between tags", damaged().insert(at, zeros(65536)), 634,
+       "zeros " + std::to_string(at) + "+65536"},
+      {"as many zeros as a tag's overhead", damaged().insert(at, zeros(15)), 634,
+       "zeros " + std::to_string(at) + "+15"},
+      {"bytes missing", damaged().remove(half, 5000), 628, "damagedTag " + std::to_string(at) + "+1090"},
+      {"a header missing", damaged().remove(at, 11), 633, "junk " + std::to_string(at) + "+1004"},
+      {"two holes", damaged().remove(half, 5000).remove(tags[100].position - 3, 500), 626, "damagedTag"},
+      {"unknown types put in", damaged().insert(at, strange).insert(tags[50].position, strange), 634, "", 2},
+      {"a lying size", damaged().overwrite(at + 1, {0xFF}), 633,
+       "damagedTag " + std::to_string(at) + "+1015"},
+      {"short trailing sizes", damaged().fields([](u32 n) { return n; }), 634, ""},
+      {"zero trailing sizes", damaged().fields([](u32) { return 0u; }), 634, ""},
+      {"any trailing sizes", damaged().fields([](u32 n) { return n * 77777 + 5; }), 634, ""},
+      {"zero trailing sizes and junk", damaged().fields([](u32) { return 0u; }).insert(at, noise(1000)), 634,
+       "junk"},
+      {"20 MiB of junk behind", damaged().insert(size, noise(20 << 20)), 634,
+       "junk " + std::to_string(size) + "+20971520 tail"},
+      {"20 MiB of zeros behind", damaged().insert(size, zeros(20 << 20)), 634,
+       "zeros " + std::to_string(size) + "+20971520 tail"},
+      {"a torn tail", damaged().remove(size - 30, 30), 633,
+       "tornTail " + std::to_string(size - 1015) + "+985 tail"},
+      {"a last size field cut short", damaged().remove(size - 2, 2), 633, "", 1},
+      {"no file header", damaged().remove(0, 13), 634, ""},
+      {"half a file header", damaged().remove(0, 6), 634, "junk 0+7"},
+  };
+  for (const auto& d : kDamages) {
+    SCOPED_TRACE(d.name);
+    const Walked walked = walk(d.damage.bytes());
+    const TagList whole = d.damage.whole();
+    EXPECT_EQ(walked.tags.size(), d.whole + d.more);
+    EXPECT_THAT(walked.breaks, testing::StartsWith(d.breaks));
+    EXPECT_EQ(walked.breaks.empty(), d.breaks.empty());
+    EXPECT_TRUE(d.more || walked.tags == whole);
+    EXPECT_EQ(whole.size(), d.whole);
+  }
+}
+
+TEST(Walker, goesOnInAFileThatWasPutBehind) {
+  const FlvBuilder sound = film();
+  const Walked walked = walk(join(sound.bytes(), sound.bytes()));
+  EXPECT_EQ(walked.tags.size(), 2 * kTags);
+  EXPECT_EQ(walked.breaks, "secondHeader " + std::to_string(sound.size()) + "+13");
+}
+
+// Cuts and junk anywhere: what is untouched is found, and no more. Where bytes were overwritten inside one
+// tag's data, nothing tells.
+TEST(Walker, findsWhatRandomDamageLeaves) {
+  const FlvBuilder sound = FlvBuilder().interleaved(60);
+  const TagList all = Damage(sound).whole();
+  orv::test::Random random(11);
+  for (u32 round = 0; round < 300; ++round) {
+    Damage damage(sound);
+    const bool overwrites = round % 3 == 0;
+    for (i64 at = 13; (at += 1 + random.below(9000)) < sound.size() - 2000;) {
+      const u32 kind = random.below(overwrites ? 3 : 2), size = 1 + random.below(kind == 1 ? 900 : 2000);
+      if (kind == 0) damage.insert(at, noise(size, round));
+      if (kind == 1) damage.remove(at, size);
+      if (kind == 2) damage.overwrite(at, round % 2 ? zeros(size) : noise(size, round));
+      at += size;
+    }
+    const TagList found = walk(damage.bytes()).tags, whole = damage.whole();
+    auto next = found.begin();
+    for (const auto& tag : whole) {
+      next = std::find(next, found.end(), tag);
+      ASSERT_NE(next, found.end()) << round;
+    }
+    for (const auto& tag : found) {
+      const auto isSame = [&](const auto& old) {
+        return old.time == tag.time && old.data.size() == tag.data.size();
+      };
+      ASSERT_TRUE(overwrites || std::ranges::any_of(all, isSame)) << round;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orv::host
