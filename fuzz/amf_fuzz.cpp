@@ -79,7 +79,7 @@ void check(u8 type, bool strict, const u8* data, u32 size) {
   const HeapWatch heap;
   try {
     const KTCommand command(type, data, size, strict);
-    HOLDS(heap->peak <= (u64{4} << 20) + u64{size} * 24);
+    HOLDS(heap->peak <= amf::grantFor(size) + u64{size} * 8);
     HOLDS(!strict || !command.failed());
     for (const i32 encoding : {0, 3}) checkWriting(command, encoding);
   } catch (const KTBreakConnection& broken) {

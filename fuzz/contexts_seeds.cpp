@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     MediaContext record;
     record.messageType = kTypeDataAmf0;
     record.time = records;
-    record.trackID = kTrackMetaData + records % 3;
+    record.trackID = orv::kTrackMetaData + records % 3;
     record.buffer = KTBuffer(10 * records, nullptr);
     record.buffer.append(data.data(), 10 * records);
     store.add(record);
