@@ -1,5 +1,6 @@
 // Fibers beside Boost.Context and Boost.Fiber, and the hand-over of a lock beside the standard library's.
 //
+// made_and_ended: a fiber comes, does nothing and goes, its stack kept for the next one in all rows.
 // switch: from one stack to another and back, two switches an iteration.
 // wait: a fiber waits for a lock and gets it. Ours is resumed as the design states, on a thread that is
 // started for it; "thread_start" is that share alone, and "wait/KTFiberMutex_bare" the wait without it.
@@ -9,6 +10,7 @@
 
 #include <atomic>
 #include <boost/context/fiber.hpp>
+#include <boost/context/pooled_fixedsize_stack.hpp>
 #include <boost/fiber/all.hpp>
 #include <condition_variable>
 #include <mutex>
@@ -18,7 +20,7 @@
 #include "platform/Futex.h"
 #include "util/KTFiberMutex.h"
 #include "util/KTThreads.h"
-#include "util/ORVFiber.h"
+#include "util/ORVFiberPool.h"
 #include "util/ThreadSlots.h"
 
 namespace {
@@ -49,6 +51,37 @@ void switch_platform(benchmark::State& state) {
   for (auto _ : state) platform::switchToFiber(fiber);
   platform::deleteFiber(fiber);
   platform::convertFiberToThread();
+}
+
+void made_boost_context(benchmark::State& state) {
+  context::pooled_fixedsize_stack stacks(262144);
+  for (auto _ : state) {
+    context::fiber fiber(std::allocator_arg, stacks, [](context::fiber&& main) { return std::move(main); });
+    fiber = std::move(fiber).resume();
+  }
+}
+
+void made_boost_fiber(benchmark::State& state) {
+  fibers::pooled_fixedsize_stack stacks(262144);
+  for (auto _ : state) fibers::fiber(std::allocator_arg, stacks, [] {}).join();
+}
+
+u32 doNothing(void*) {
+  return 0;
+}
+
+void made_ORVFiber(benchmark::State& state) {
+  for (auto _ : state) ORVFiberPtr(new ORVFiber)->run(doNothing, nullptr);
+  slotsTearDown();
+}
+
+void made_ORVFiberPool(benchmark::State& state) {
+  {
+    ORVFiberPool pool(4);
+    for (auto _ : state) pool.acquire()->run(doNothing, nullptr);
+    pool.stop();
+  }
+  slotsTearDown();
 }
 
 void switch_boost_fiber_yield(benchmark::State& state) {
@@ -207,6 +240,10 @@ void handover_KTFiberMutex(benchmark::State& state) {
   other.join();
 }
 
+BENCHMARK(made_boost_context)->Name("made_and_ended/boost_context");
+BENCHMARK(made_boost_fiber)->Name("made_and_ended/boost_fiber");
+BENCHMARK(made_ORVFiber)->Name("made_and_ended/ORVFiber");
+BENCHMARK(made_ORVFiberPool)->Name("made_and_ended/ORVFiberPool");
 BENCHMARK(switch_boost_context)->Name("switch/boost_context");
 BENCHMARK(switch_platform)->Name("switch/platform");
 BENCHMARK(switch_boost_fiber_yield)->Name("switch/boost_fiber_yield");

@@ -1,10 +1,13 @@
 // Acquire and release of a block of a pool, beside new and delete of the same object.
 //
-// Figures are processor time for one block taken and released. The rows named heap show the system's
-// allocator, or any other that is preloaded:
+// Figures are processor time for one block taken and released. The rows named heap show the same object from
+// the system's allocator, or from any other that is preloaded:
 //     LD_PRELOAD=libmimalloc.so.2 build/release/bench/pool_bench
+// The rows named tcmalloc show the same object and its bytes from that allocator, counted once and never
+// released; those named tcmalloc_bare its bytes alone, with no object and no count around them.
 
 #include <benchmark/benchmark.h>
+#include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
@@ -77,6 +80,54 @@ void oneBlock(benchmark::State& state) {
   showPerBlock(state, 1);
 }
 
+struct TcMalloc {
+  void* library = dlopen("libtcmalloc_minimal.so.4", RTLD_NOW | RTLD_LOCAL);
+  void* (*take)(size_t) = reinterpret_cast<void* (*)(size_t)>(library ? dlsym(library, "tc_malloc")
+                                                                      : nullptr);
+  void (*give)(void*) = reinterpret_cast<void (*)(void*)>(library ? dlsym(library, "tc_free") : nullptr);
+};
+
+// Null, with the row marked, where it isn't installed.
+const TcMalloc* tcMalloc(benchmark::State& state) {
+  static const TcMalloc loaded;
+  if (loaded.take && loaded.give) return &loaded;
+  state.SkipWithError("libtcmalloc_minimal.so.4 is not installed");
+  return nullptr;
+}
+
+void* takeBare(const TcMalloc& heap, size_t size) {
+  return heap.take(size);
+}
+void giveBare(const TcMalloc& heap, void* bytes) {
+  heap.give(bytes);
+}
+
+void* takeCounted(const TcMalloc& heap, size_t size) {
+  auto* const block = new (heap.take(sizeof(KTMemory))) KTMemory;
+  block->data = static_cast<u8*>(heap.take(size));
+  block->capacity = static_cast<u32>(size);
+  block->addRef();
+  return block;
+}
+void giveCounted(const TcMalloc& heap, void* counted) {
+  auto* const block = static_cast<KTMemory*>(counted);
+  heap.give(block->data);
+  block->~KTMemory();
+  heap.give(block);
+}
+
+template <auto take, auto give>
+void oneBlockOfTcMalloc(benchmark::State& state) {
+  const TcMalloc* const heap = tcMalloc(state);
+  if (!heap) return;
+  for (auto _ : state) {
+    void* const block = take(*heap, static_cast<size_t>(state.range(0)));
+    benchmark::DoNotOptimize(block);
+    give(*heap, block);
+  }
+  showPerBlock(state, 1);
+}
+
 // Two threads at once, each with its own blocks of one pool.
 template <bool pooled>
 void oneBlockOnTwoThreads(benchmark::State& state) {
@@ -113,21 +164,37 @@ void oneBlockOnTwoThreads(benchmark::State& state) {
 }
 
 // 1,024 blocks are taken, and then released in a random order.
-template <bool pooled>
-void manyLive(benchmark::State& state) {
-  const auto pool = poolOrHeap(pooled);
-  const auto size = static_cast<u32>(state.range(0));
-  Blocks live(1024);
-  std::vector<u32> order(live.size());
+template <class Take, class Release>
+void manyLive(benchmark::State& state, Take take, Release release) {
+  std::vector<u32> order(1024);
   for (u32 i = 0; i < order.size(); ++i) order[i] = i;
   std::shuffle(order.begin(), order.end(), std::minstd_rand(1));
   for (auto _ : state) {
     state.SetIterationTime(timed([&] {
-      for (auto& block : live) block.emplace(size, pool.get());
-      for (const u32 place : order) live[place].reset();
+      for (u32 i = 0; i < order.size(); ++i) take(i);
+      for (const u32 place : order) release(place);
     }));
   }
-  showPerBlock(state, static_cast<double>(live.size()));
+  showPerBlock(state, static_cast<double>(order.size()));
+}
+
+template <bool pooled>
+void manyLiveBlocks(benchmark::State& state) {
+  const auto pool = poolOrHeap(pooled);
+  const auto size = static_cast<u32>(state.range(0));
+  Blocks live(1024);
+  manyLive(
+      state, [&](u32 i) { live[i].emplace(size, pool.get()); }, [&](u32 i) { live[i].reset(); });
+}
+
+template <auto take, auto give>
+void manyLiveOfTcMalloc(benchmark::State& state) {
+  const TcMalloc* const heap = tcMalloc(state);
+  if (!heap) return;
+  const auto size = static_cast<size_t>(state.range(0));
+  std::vector<void*> live(1024);
+  manyLive(
+      state, [&](u32 i) { live[i] = take(*heap, size); }, [&](u32 i) { give(*heap, live[i]); });
 }
 
 // One thread takes 256 blocks, then another one releases them.
@@ -179,12 +246,16 @@ void secondThread(benchmark::State& state) {
 
 // The C library spares atomic instructions until the process starts its second thread; a server has many.
 BENCHMARK(secondThread)->Iterations(1);
+BENCHMARK(oneBlockOfTcMalloc<takeBare, giveBare>)->Name("tcmalloc_bare/one_block")->Apply(sizes);
+BENCHMARK(oneBlockOfTcMalloc<takeCounted, giveCounted>)->Name("tcmalloc/one_block")->Apply(sizes);
 BENCHMARK(oneBlock<false>)->Name("heap/one_block")->Apply(sizes);
 BENCHMARK(oneBlock<true>)->Name("pool/one_block")->Apply(sizes);
 BENCHMARK(oneBlockOnTwoThreads<false>)->Name("heap/two_threads")->Apply(sizesByHand);
 BENCHMARK(oneBlockOnTwoThreads<true>)->Name("pool/two_threads")->Apply(sizesByHand);
-BENCHMARK(manyLive<false>)->Name("heap/1024_live")->Apply(sizesByHand);
-BENCHMARK(manyLive<true>)->Name("pool/1024_live")->Apply(sizesByHand);
+BENCHMARK(manyLiveOfTcMalloc<takeBare, giveBare>)->Name("tcmalloc_bare/1024_live")->Apply(sizesByHand);
+BENCHMARK(manyLiveOfTcMalloc<takeCounted, giveCounted>)->Name("tcmalloc/1024_live")->Apply(sizesByHand);
+BENCHMARK(manyLiveBlocks<false>)->Name("heap/1024_live")->Apply(sizesByHand);
+BENCHMARK(manyLiveBlocks<true>)->Name("pool/1024_live")->Apply(sizesByHand);
 BENCHMARK(releasedByOther<false>)->Name("heap/released_by_other")->Apply(sizesByHand);
 BENCHMARK(releasedByOther<true>)->Name("pool/released_by_other")->Apply(sizesByHand);
 

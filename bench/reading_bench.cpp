@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <list>
 
 #include "modules/streams/flv/FLVAdaptor.h"
 #include "support/DiskHost.h"
@@ -205,6 +206,85 @@ void seek_known(benchmark::State& state) {
   report(state, host, calls, bytes);
 }
 BENCHMARK(seek_known);
+
+// Every look of a long film is known: 10 GiB, 40,000 segments. The peer is the plain walk through such a
+// list.
+void seek_known_40000(benchmark::State& state) {
+  constexpr u32 kSegments = 40'000;
+  MemoryHost host;
+  host.put("f.flv", uniformFlv(kSegments * kBlock / 2015, 2000, kStepMs));
+  flv::FLVAdaptor adaptor(&host);
+  Stream stream(adaptor, "f");
+  const std::vector<SegmentBounds> row = stream.walk();
+  const std::list<SegmentBounds> plain(row.begin(), row.end());
+  const u32 duration = stream.duration();
+  host.clearCalls();
+  Random random(5);
+  double walked = 0;
+  constexpr int kWalks = 200;
+  const auto from = std::chrono::steady_clock::now();
+  for (int i = 0; i < kWalks; ++i) {
+    const u32 time = random.below(duration);
+    benchmark::DoNotOptimize(
+        std::find_if(plain.begin(), plain.end(), [time](auto& segment) { return time < segment.endTime; }));
+  }
+  walked = std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count() / kWalks;
+  const auto begin = std::chrono::steady_clock::now();
+  for (auto _ : state) benchmark::DoNotOptimize(stream.atTime(random.below(duration)));
+  const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  state.counters["walk/look"] = walked * static_cast<double>(state.iterations()) / took;
+  state.counters["calls"] = static_cast<double>(host.calls.size());
+}
+BENCHMARK(seek_known_40000);
+
+// A follower looks each time that a recorder has flushed 100 KiB, up to 1 GiB: the first and the last looks.
+void follow_10000_looks(benchmark::State& state) {
+  constexpr i64 kTags = 50, kTag = 2015;
+  constexpr u32 kLooks = 10'000;
+  double early = 0, late = 0;
+  for (auto _ : state) {
+    MemoryHost host;
+    host.put("f.flv", uniformFlv(kTags, kTag - 15, kStepMs));
+    flv::FLVAdaptor adaptor(&host);
+    Stream stream(adaptor, "f");
+    for (u32 look = 1; look <= kLooks; ++look) {
+      host.put("f.flv", uniformFlv(kTags * (look + 1), kTag - 15, kStepMs));
+      host.clearCalls();
+      const auto from = std::chrono::steady_clock::now();
+      const i64 size = stream.endPosition();
+      if (!stream.atPosition(size - 1) || !stream.atTime(stream.duration())) state.SkipWithError("not found");
+      const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - from).count();
+      if (look <= 500) early += took;
+      if (look > kLooks - 500) late += took;
+    }
+  }
+  state.counters["late/early"] = late / early;
+}
+BENCHMARK(follow_10000_looks)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// Key frames of 3 MB: each search for the frame that holds a block start walks back through one.
+void segments_under_long_tags(benchmark::State& state) {
+  constexpr u32 kTag = 3'000'000;
+  MemoryHost host;
+  const Bytes noise = payload(flv::kTypeVideo, kTag, 3);
+  FlvBuilder film;
+  for (u32 i = 0; i < 30; ++i) film.tag(flv::kTypeVideo, i * 40, noise);
+  host.put("f.flv", film.bytes());
+  flv::FLVAdaptor adaptor(&host);
+  Random random(9);
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto stream = std::make_unique<Stream>(adaptor, "f");
+    const u32 time = random.below(film.lastTime());
+    state.ResumeTiming();
+    if (!stream->atTime(time)) state.SkipWithError("not found");
+    state.PauseTiming();
+    stream.reset();
+    host.clearCalls();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(segments_under_long_tags)->Unit(benchmark::kMicrosecond);
 
 // --- Load --------------------------------------------------------------------------------------------------
 

@@ -1,19 +1,18 @@
 // Recording: staging beside a bare copy of the same bytes, and a flush beside the least code that appends
 // them to a file of the same file system.
 //
-// Both sides of a pair take turns in one loop; "ratio" is their quotient. The time shown is that of one
-// flush, or of staging what one flush takes. Files are made in FLV_BENCH_DIR, or else in the temporary
-// directory, and removed.
+// Both sides of a pair take turns in one loop; "ratio" is their quotient. The time shown is that of a whole
+// interval between two flushes, or of staging what one flush takes. Files are made in FLV_BENCH_DIR, or else
+// in the temporary directory, and removed.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <optional>
 
+#include "BenchTools.h"
 #include "modules/streams/flv/FLVAdaptor.h"
 #include "support/DiskHost.h"
 #include "support/FlvBuilder.h"
@@ -24,58 +23,19 @@ namespace {
 
 using namespace orv;
 using namespace orv::test;
+using bench::Folder;
+using bench::Stopwatch;
 namespace fs = std::filesystem;
 
 constexpr i64 kMiB = 1 << 20;
 constexpr u32 kMetadataSize = 400;
 
-class Stopwatch {
- public:
-  template <class Work>
-  void time(Work work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    last_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    total_ += last_;
-  }
-  double last() const { return last_; }
-  double total() const { return total_; }
-
- private:
-  double last_ = 0;
-  double total_ = 0;
-};
-
-// A folder of files that goes with it.
-class Folder {
- public:
-  Folder() {
-    const char* const base = std::getenv("FLV_BENCH_DIR");
-    std::string name = (base ? fs::path(base) : fs::temp_directory_path()) / "record_bench_XXXXXX";
-    if (!mkdtemp(name.data())) std::abort();
-    path_ = name;
-  }
-  ~Folder() { fs::remove_all(path_); }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  std::string operator/(const char* name) const { return path_ + '/' + name; }
-  // As the module is told it.
-  std::string film() const {
-    std::string name = *this / "film";
-    std::replace(name.begin(), name.end(), '/', '\\');
-    return name;
-  }
-
- private:
-  std::string path_;
-};
-
 // "onMetaData" with a duration, and a text that brings it to its size.
 Bytes metadata() {
-  const std::string head(
+  constexpr char kHead[] =
       "\2\0\xAonMetaData\x3\0\x8"
-      "duration\0\0\0\0\0\0\0\0\0\0\x3pad\2",
-      43);
+      "duration\0\0\0\0\0\0\0\0\0\0\x3pad\2";
+  const std::string head(kHead, sizeof kHead - 1);
   const std::string end("\0\0\x9", 3);
   const std::size_t text = kMetadataSize - head.size() - 2 - end.size();
   const std::string all =
@@ -143,7 +103,6 @@ void stage(benchmark::State& state) {
 // --- Flushing ----------------------------------------------------------------------------------------------
 
 constexpr u32 kTags = 250;
-constexpr u32 kTagData = 2100;
 
 // A file that begins and ends with sound tags and is `size` bytes long, with a hole in between if it is
 // large.
@@ -186,13 +145,14 @@ class BareAppend {
 
 void flush(benchmark::State& state) {
   const i64 fileSize = state.range(0) * kMiB;
-  const auto tags = static_cast<u32>(state.range(1));
-  const Bytes message = payload(flv::kTypeVideo, kTagData, 1), inPlace = metadata();
-  const Bytes staged(tags * (kTagData + flv::kTagOverhead), 0x55);
+  const auto tags = static_cast<u32>(state.range(1)), tagData = static_cast<u32>(state.range(2));
+  const Bytes message = payload(flv::kTypeVideo, tagData, 1), inPlace = metadata();
+  const Bytes staged(tags * (tagData + flv::kTagOverhead), 0x55);
   const Folder folder;
   DiskHost host;
+  host.settings["AutoBufferReadSize"] = std::to_string(state.range(3));
   flv::FLVAdaptor adaptor(&host);
-  Stopwatch opening, flushing, appending;
+  Stopwatch opening, staging, flushing, appending;
   i64 writes = 0, calls = 0;
   std::optional<Stream> stream;
   std::optional<BareAppend> bare;
@@ -208,7 +168,9 @@ void flush(benchmark::State& state) {
     const i64 callsBefore = host.callCount;
     // H.263 is taken; H.264 is refused, but opens the file all the same.
     opening.time([&] { stream->stage(flv::kTypeVideo, 1, {0x17}); });
-    for (u32 i = 0; i < tags; ++i) stream->stage(flv::kTypeVideo, 40 * i, message);
+    staging.time([&] {
+      for (u32 i = 0; i < tags; ++i) stream->stage(flv::kTypeVideo, 40 * i, message);
+    });
     const i64 writesBefore = host.writeCount;
     flushing.time([&] {
       if (!stream->flush()) state.SkipWithError("can't be flushed");
@@ -216,24 +178,25 @@ void flush(benchmark::State& state) {
     writes += host.writeCount - writesBefore;
     calls += host.callCount - callsBefore;
     appending.time([&] { bare->append(staged, inPlace); });
-    state.SetIterationTime(flushing.last());
+    state.SetIterationTime(opening.last() + staging.last() + flushing.last());
   }
   const auto flushes = static_cast<double>(state.iterations());
   state.counters["ratio"] = flushing.total() / appending.total();
   state.counters["bare_us"] = appending.total() / flushes * 1e6;
   state.counters["open_us"] = opening.total() / flushes * 1e6;
+  state.counters["stage_us"] = staging.total() / flushes * 1e6;
+  state.counters["flush_us"] = flushing.total() / flushes * 1e6;
   state.counters["writes"] = static_cast<double>(writes) / flushes;
   state.counters["calls"] = static_cast<double>(calls) / flushes;
 }
 
 BENCHMARK(stage)->ArgNames({"bytes", "payloads"})->ArgsProduct({{400, 2048}, {0, 1}})->UseManualTime();
-// With no tag: the fixed cost, that of the scan and of the metadata.
+// The whole interval. With no tag: the fixed cost, that of the scans and of the metadata. `block` is
+// "AutoBufferReadSize"; the last one is its default.
 BENCHMARK(flush)
-    ->ArgNames({"MiB", "tags"})
-    ->Args({1, kTags})
-    ->Args({10240, kTags})
-    ->Args({1, 0})
-    ->Args({10240, 0})
+    ->ArgNames({"MiB", "tags", "bytes", "block"})
+    ->ArgsProduct({{1, 10240}, {0}, {2100}, {4096, 16384, 65536, 294912}})
+    ->ArgsProduct({{1, 10240}, {kTags}, {400, 2100, 4096}, {16384, 294912}})
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
