@@ -1,18 +1,22 @@
 #!/bin/sh
 # Installs what is missing of the Debian packages that a task needs; asks for nothing and says little.
 #
-# usage: scripts/setup.sh TASK...     TASK: build, test, bench, lint, clang, interop
+# usage: scripts/setup.sh TASK...     TASK: build, test, bench, lint, clang, coverage, mutants, package, player, interop
 set -eu
 
 packages_of() {
   case $1 in
     build) echo g++ cmake ninja-build ccache libboost-dev libboost-context-dev libboost-filesystem-dev \
-      libboost-thread-dev libcli11-dev nlohmann-json3-dev libfmt-dev ;;
+      libboost-thread-dev libcli11-dev nlohmann-json3-dev libfmt-dev libcurl4-openssl-dev ;;
     test) echo libgtest-dev libgmock-dev binutils pkg-config ;;
-    bench) echo libbenchmark-dev librtmp-dev libboost-fiber-dev libmimalloc2.0 ;;
+    bench) echo libbenchmark-dev libboost-fiber-dev libmimalloc2.0 libtcmalloc-minimal4 ;;
     lint) echo clang-format clang-tidy ;;
     clang) echo clang libclang-rt-dev ;;
-    interop) echo ffmpeg flvmeta mediainfo ;;
+    coverage) echo clang libclang-rt-dev llvm ;;
+    mutants) echo python3 ;;
+    package) echo dpkg-dev lintian ;;
+    player) echo npm ;;
+    interop) echo ffmpeg flvmeta mediainfo curl chromium time ;;
     *) echo "setup.sh: no such task: $1" >&2; exit 2 ;;
   esac
 }
