@@ -105,7 +105,8 @@ TEST(Fork, leavesTheRegistryTheThreadsThatTheChildHas) {
 
 TEST(Fork, findsNoLockOfTheLibraryHeldByWhoIsNotThere) {
 #ifdef ORV_ASAN
-  GTEST_SKIP() << "the address sanitizer's allocator holds locks across a fork, and the child hangs in malloc";
+  GTEST_SKIP()
+      << "the address sanitizer's allocator holds locks across a fork, and the child hangs in malloc";
 #endif
   constexpr KTPoolSettings kSettings{.threadSlot = 2,
                                      .maxEntrySize = 4096,
