@@ -2,14 +2,21 @@
 // and what the disk kept of all that wasn't synced.
 //
 // With a sync at each flush: all tags of completed flushes stand in the file, in order and unbroken from its
-// first byte, and a player finds all of them but the last, which a torn successor may hide. Without: whatever
-// is there, no reader is led astray, and what it delivers stands in the file.
+// first byte; a player finds all of them but the last, which a torn successor may hide; and flvhost finds
+// that too. Without: whatever is there, no reader is led astray, and what it delivers stands in the file.
 
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <optional>
+#include <string>
 
 #include "CutDisk.h"
 #include "RandomFilm.h"
 #include "host/files/SyncedFiles.h"
+#include "host/module/FileSummary.h"
+#include "host/module/FileTail.h"
 #include "modules/streams/flv/FLVAdaptor.h"
 #include "support/MemoryHost.h"
 #include "support/Module.h"
@@ -59,7 +66,10 @@ class CutRecording {
     flv::FLVAdaptor adaptor(&context_);
     record(adaptor);
     if (!remains_) cut();
-    if (synced_ == host::Sync::flush) expectPromised();
+    if (synced_ == host::Sync::flush) {
+      expectPromised();
+      expectSight();
+    }
     expectPlayable();
   }
 
@@ -117,6 +127,22 @@ class CutRecording {
       at += wanted.size();
     }
     return true;
+  }
+
+  // What `record --append` and `info` see of the file.
+  void expectSight() const {
+    if (remains_->promisedTags == 0) return;
+    static const std::string name =
+        (std::filesystem::temp_directory_path() / ("powercut" + std::to_string(getpid()) + ".flv")).string();
+    static host::Session session({.module = FLV_MODULE_PATH, .settings = {}});
+    const Bytes& file = remains_->file;
+    std::ofstream(name, std::ios::binary)
+        .write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+    const auto promised = static_cast<i64>(remains_->promised.size());
+    HOLDS(host::readTail(session, name).playableEnd >= promised);
+    host::Stream stream = session.open(name);
+    HOLDS(host::summarize(stream, host::Depth::front).hidden.end >= promised);
+    std::filesystem::remove(name);
   }
 
   void expectPlayable() const {

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/files/ModulePath.h"
 #include "host/flv/FlvNames.h"
 #include "host/module/SegmentWalk.h"
 #include "host/text/Printable.h"
@@ -117,6 +118,12 @@ void readMetadata(const Stream& stream, FileSummary& summary) {
   });
 }
 
+// A look behind the end at a web server's object isn't worth its requests.
+WholeTags hiddenTags(const FileSummary& summary) {
+  if (summary.bytesBehind() <= 0 || isRemote(summary.name)) return {0, summary.playableEnd};
+  return followTags(ReadOnlyFile(summary.name), summary.playableEnd, summary.fileSize);
+}
+
 std::string rateText(double bitsPerSecond) {
   return fmt::format("{:.0f} kbit/s", bitsPerSecond / 1000.0);
 }
@@ -192,7 +199,11 @@ std::string playableText(const FileSummary& s) {
                        s.tally->damagedSegments + s.tally->gaps, s.bytesBehind());
   }
   if (s.bytesBehind() == 0) return "all of it";
-  return fmt::format("to byte {}; {} bytes behind are torn or foreign", s.playableEnd, s.bytesBehind());
+  if (s.hidden.count == 0) {
+    return fmt::format("to byte {}; {} bytes behind are torn or foreign", s.playableEnd, s.bytesBehind());
+  }
+  return fmt::format("to byte {}; whole to byte {}, {} bytes behind are torn or foreign", s.playableEnd,
+                     s.hidden.end, s.fileSize - s.hidden.end);
 }
 
 std::string firstTagText(const FileSummary::FirstTag& tag) {
@@ -241,6 +252,7 @@ FileSummary summarize(Stream& stream, Depth depth) {
   summary.name = stream.name();
   summary.fileSize = stream.identity().size;
   summary.playableEnd = stream.size();
+  summary.hidden = hiddenTags(summary);
   summary.endPosition = stream.endPosition();
   summary.duration = stream.duration();
   summary.typeFlags = stream.typeFlags();
@@ -306,6 +318,7 @@ Json summaryJson(const FileSummary& s) {
                {"playableEnd", s.playableEnd},
                {"endPosition", s.endPosition},
                {"bytesBehind", s.bytesBehind()},
+               {"wholeEnd", s.hidden.end},
                {"first", timeJson(s.firstTime)},
                {"duration", timeJson(s.duration)},
                {"typeFlags", s.typeFlags},

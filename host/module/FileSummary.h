@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/flv/MetadataClaims.h"
+#include "host/flv/WholeTags.h"
 #include "host/module/PlayOut.h"
 #include "host/module/Session.h"
 
@@ -27,10 +28,11 @@ struct FileSummary {
 
   std::string name;
   i64 fileSize;
-  i64 playableEnd;  // Where the last whole tag ends; what lies behind is torn or foreign.
-  i64 endPosition;  // 0 if nothing is playable.
-  u32 firstTime;    // Of the first medium that was seen.
-  u32 duration;     // The time of the last tag.
+  i64 playableEnd;   // Where the last tag ends that a player finds.
+  WholeTags hidden;  // Behind it; no player finds them for the torn end that follows.
+  i64 endPosition;   // 0 if nothing is playable.
+  u32 firstTime;     // Of the first medium that was seen.
+  u32 duration;      // The time of the last tag.
   u32 typeFlags;
   u32 memoryOverhead;
   std::optional<FirstTag> video;  // Among the tags that were seen: all, or those of the first segments.

@@ -32,7 +32,7 @@ class FrameClock {
 }  // namespace
 
 FileTail readTail(Session& session, const std::string& file) {
-  Stream stream = session.open(file);
+  Stream stream = session.open(file, Look::allWhole);
   FileTail tail;
   tail.size = stream.identity().size;
   tail.playableEnd = stream.size();

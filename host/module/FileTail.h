@@ -11,7 +11,7 @@ namespace orv::host {
 
 struct FileTail {
   i64 size = 0;
-  i64 playableEnd = 0;  // What lies behind is torn or foreign.
+  i64 playableEnd = 0;  // Of the last whole tag; what lies behind is torn or foreign.
   bool hasTags = false;
   u32 lastTime = 0;              // The highest of the last segment.
   u32 frameTime = 0;             // How long the last frame is shown, as far as the frames before it say.

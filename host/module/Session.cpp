@@ -7,6 +7,7 @@
 
 #include "host/files/ModulePath.h"
 #include "host/flv/FileFault.h"
+#include "host/flv/WholeTags.h"
 #include "host/text/Console.h"
 #include "host/text/Failure.h"
 
@@ -115,6 +116,7 @@ Session::Session(const CommonOptions& options)
                 ++writeFaults_;
                 tell(toNativePath(path.c_str()) + ": can't be synced to the disk: " + std::strerror(errno));
               }),
+      shortened_(files_),
       context_(settings_, synced_, tell),
       module_(findModule(options.module), context_) {}
 
@@ -125,7 +127,7 @@ Session::Variant::Variant(Settings settings, IFileService& files, ModuleLoader& 
 void* Session::open(IQVStreamAdaptor& adaptor, const std::string& file, u32 mode, IBackupConn* mirror) {
   const std::string path = toModulePath(file);
   context_.nameFile(moduleFileName(path), file);
-  for (Variant* const variant : {farSeeing_.get(), remote_.get()}) {
+  for (Variant* const variant : {farSeeing_.get(), shortSighted_.get(), remote_.get()}) {
     if (variant) variant->context.nameFile(moduleFileName(path), file);
   }
   const FileCalls before = calls();
@@ -163,19 +165,51 @@ IQVStreamAdaptor& Session::farSeeing() {
   return *farSeeing_->adaptor;
 }
 
-Stream Session::open(const std::string& file) {
-  const FileIdentity identity = checkReadable(file);
-  IQVStreamAdaptor& adaptor = adaptorFor(file);
-  void* handle = open(adaptor, file, kOpenForPlaying, nullptr);
-  if (!handle) throw fileFault(file + ": " + explainRefusal(file));
-  if (!mayHideTags(handle, identity)) return Stream(adaptor, handle, file, identity);
+IQVStreamAdaptor& Session::shortSighted() {
+  if (!shortSighted_) shortSighted_ = std::make_unique<Variant>(settings_, shortened_, module_);
+  return *shortSighted_->adaptor;
+}
 
+Stream Session::open(const std::string& file, Look look) {
+  const FileIdentity identity = checkReadable(file);
+  Opened opened = openAsModuleDoes(file, identity);
+  if (const auto more = openShortened(opened, file, identity.size, look)) {
+    opened.adaptor->close(opened.handle);
+    opened = *more;
+  }
+  return Stream(*opened.adaptor, opened.handle, file, identity);
+}
+
+Session::Opened Session::openPlaying(IQVStreamAdaptor& adaptor, const std::string& file) {
+  void* const handle = open(adaptor, file, kOpenForPlaying, nullptr);
+  if (!handle) throw fileFault(file + ": " + explainRefusal(file));
+  return {&adaptor, handle};
+}
+
+Session::Opened Session::openAsModuleDoes(const std::string& file, const FileIdentity& identity) {
+  const Opened opened = openPlaying(adaptorFor(file), file);
+  if (!mayHideTags(opened.handle, identity)) return opened;
   tell(fmt::format("{}: no sound tag in its last {} bytes (MaxBackFrameScan); searching the last {}", file,
                    settings_.searchLimit(), Settings::kMostSearchLimit));
-  adaptor.close(handle);
-  handle = open(farSeeing(), file, kOpenForPlaying, nullptr);
-  if (!handle) throw fileFault(file + ": " + explainRefusal(file));
-  return Stream(farSeeing(), handle, file, identity);
+  opened.adaptor->close(opened.handle);
+  return openPlaying(farSeeing(), file);
+}
+
+// None where that shows no more of the file.
+std::optional<Session::Opened> Session::openShortened(const Opened& found, const std::string& file, i64 size,
+                                                      Look look) {
+  const bool foundNone = found.adaptor->getEndPosition(found.handle) == 0;
+  const i64 end = found.adaptor->getSize(found.handle);
+  if (isRemote(file) || end >= size || !settings_.playsTorn()) return std::nullopt;
+  if (look == Look::asModuleDoes && !foundNone) return std::nullopt;
+  const WholeTags more = followTags(ReadOnlyFile(file), end, size);
+  if (more.count == 0) return std::nullopt;
+  if (foundNone) {
+    tell(fmt::format("{}: no sound tag in front of its torn end; of its first {} bytes all tags are whole",
+                     file, more.end));
+  }
+  shortened_.shorten(moduleFileName(toModulePath(file)), size, more.end);
+  return openPlaying(shortSighted(), file);
 }
 
 RecordStream Session::openForRecording(const std::string& file, IBackupConn* mirror) {

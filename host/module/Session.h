@@ -11,6 +11,7 @@
 
 #include "host/files/FileCheck.h"
 #include "host/files/HostFiles.h"
+#include "host/files/ShortenedFiles.h"
 #include "host/files/SyncedFiles.h"
 #include "host/flv/Tags.h"
 #include "host/module/HostContext.h"
@@ -92,15 +93,22 @@ class RecordStream {
   void* handle_;  // Null once moved from; closing that does nothing.
 };
 
+// Which tags of a file with a torn end are looked for.
+enum class Look {
+  asModuleDoes,  // Those that the module finds: a torn end hides the last whole tag in front of it.
+  allWhole,      // That one too.
+};
+
 class Session {
  public:
   // Throws Failure if the module can't be had.
   explicit Session(const CommonOptions& options);
 
   // Opens `file` for playing. Where nothing playable is found within the module's limit of its search for the
-  // last tag, reports that and tries once more with the largest limit. Throws Failure that says why the file
-  // can't be played.
-  Stream open(const std::string& file);
+  // last tag, reports that and tries once more with the largest limit; and then, of a local file, follows its
+  // tags from the first one on, and shows it as far as they stand whole. Throws Failure that says why the
+  // file can't be played.
+  Stream open(const std::string& file, Look look = Look::asModuleDoes);
   // Opens `file` for recording, and makes it if it isn't there. `mirror` may be null. Throws Failure.
   RecordStream openForRecording(const std::string& file, IBackupConn* mirror);
   FileCalls calls() const { return files_.calls(); }
@@ -119,9 +127,18 @@ class Session {
     std::unique_ptr<IQVStreamAdaptor> adaptor;
   };
 
+  struct Opened {
+    IQVStreamAdaptor* adaptor;
+    void* handle;
+  };
+
   void* open(IQVStreamAdaptor& adaptor, const std::string& file, u32 mode, IBackupConn* mirror);
   bool mayHideTags(void* handle, const FileIdentity& identity) const;
+  Opened openAsModuleDoes(const std::string& file, const FileIdentity& identity);
+  std::optional<Opened> openShortened(const Opened& found, const std::string& file, i64 size, Look look);
+  Opened openPlaying(IQVStreamAdaptor& adaptor, const std::string& file);
   IQVStreamAdaptor& farSeeing();
+  IQVStreamAdaptor& shortSighted();
   IQVStreamAdaptor& adaptorFor(const std::string& file);
 
   const bool stats_;
@@ -130,12 +147,14 @@ class Session {
   u64 openingCalls_ = 0;
   u64 openingBytes_ = 0;
   HostFiles files_;
-  SyncedFiles synced_;  // Over files_; what the module gets.
+  SyncedFiles synced_;        // Over files_; what the module gets.
+  ShortenedFiles shortened_;  // Over files_.
   HostContext context_;
   ModuleLoader module_;
   // Made when first needed.
-  std::unique_ptr<Variant> farSeeing_;  // With the largest limits.
-  std::unique_ptr<Variant> remote_;     // With smaller reads, for objects on web servers.
+  std::unique_ptr<Variant> farSeeing_;     // With the largest limits.
+  std::unique_ptr<Variant> shortSighted_;  // Over shortened_.
+  std::unique_ptr<Variant> remote_;        // With smaller reads, for objects on web servers.
 };
 
 }  // namespace orv::host

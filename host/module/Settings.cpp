@@ -20,6 +20,7 @@ constexpr u32 kMostNumber = 0x7FFFFFFF;  // The module reads numbers as 32-bit i
 constexpr char kLeastSegment[] = "MinSegSize";
 constexpr u32 kLeastSegmentDefault = 0x20000;
 constexpr char kSearchLimit[] = "MaxBackFrameScan";
+constexpr char kPlaysTorn[] = "PlayIncompleteFLVs";
 constexpr u32 kSearchLimitDefault = 0x400000;
 
 struct Known {
@@ -32,7 +33,7 @@ struct Known {
 
 constexpr std::array<Known, 13> kKnown = {{
     {"FrameReserveCheck", Kind::boolean},
-    {"PlayIncompleteFLVs", Kind::boolean},
+    {kPlaysTorn, Kind::boolean},
     {"RetryCorruptedFLVs", Kind::integer},
     {kLeastSegment, Kind::size, kLeastSegmentDefault},
     {"MaxSegSize", Kind::size, 0, kMostNumber, true},
@@ -119,6 +120,11 @@ u32 Settings::searchLimit() const {
 
 void Settings::setSearchLimit(u32 bytes) {
   values_[kSearchLimit] = std::to_string(bytes);
+}
+
+bool Settings::playsTorn() const {
+  const std::string* const value = find(kPlaysTorn);
+  return !value || *value == "true";
 }
 
 u32 Settings::number(const std::string& key, u32 otherwise) const {

@@ -24,6 +24,9 @@ class Settings {
   // the values. To be called when all are there: one of them is the lower bound of others.
   const Settings& checked() const;
 
+  // Whether the module shows the front of a file with a torn end.
+  bool playsTorn() const;
+
   // Which codecs the module records: "all", or those of the oldest players alone.
   static constexpr char kRecordCodecs[] = "RecordCodecs";
   static constexpr char kClassic[] = "classic";

@@ -32,6 +32,8 @@ class Flvhost : public testing::Test {
 };
 
 TEST_F(Flvhost, saysInOneLineWhatIsWrongWithAFile) {
+  Bytes badFirst = front(1500);
+  badFirst[13 + 11 + 1000] = 1;  // Its size field.
   const struct {
     Bytes bytes;
     const char* line;
@@ -46,7 +48,7 @@ TEST_F(Flvhost, saysInOneLineWhatIsWrongWithAFile) {
       {front(20), "ends inside its first tag"},
       {front(200), "has a first tag of 1000 bytes at byte 13 that doesn't fit the 200 bytes"},
       {FlvBuilder().tag(7, 0, 10).bytes(), "has no valid first tag: type 7 at byte 13"},
-      {front(1500), "has nothing playable"},
+      {badFirst, "has nothing playable"},
   };
   for (const auto& f : kFiles) {
     const std::string bad = dir.file("bad.flv", f.bytes);
@@ -329,19 +331,35 @@ TEST_F(Flvhost, foreignTextReachesNoTerminalRaw) {
   }
 }
 
-// A killed recording of huge key frames.
-TEST_F(Flvhost, aTornEndLongerThanTheModuleSearchesIsSearchedOnceMore) {
-  Bytes torn = film.bytes();
-  const u8 header[flv::kTagHeaderSize] = {9, 0x60, 0, 0, 0, 0x40, 0};
-  torn.insert(torn.end(), header, header + sizeof header);
-  torn.resize(torn.size() + 5'500'000, 0x55);
-  const Outcome result = flvhost({"play", dir.file("torn.flv", torn), "-o", "-"});
-  EXPECT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_THAT(result.err, HasSubstr("no sound tag in its last 4194304 bytes (MaxBackFrameScan)"));
-  EXPECT_GE(tagsOf(result.out).size(), film.tags().size() - 1);
-  const Outcome refused = flvhost({"record", dir.path("torn.flv"), "--append"}, film.bytes());
-  EXPECT_EQ(refused.exitCode, 1);
-  EXPECT_THAT(refused.err, HasSubstr("flvhost repair"));
+// A killed recording of huge key frames, and what a power cut leaves.
+TEST_F(Flvhost, sightOfWholeTagsIsNotLostToTheTornEndBehindThem) {
+  const std::string all = std::to_string(film.bytes().size()), wholeTo = "whole to byte " + all;
+  const struct {
+    Bytes front;  // Of the torn end; the filler takes the rest.
+    u8 filler;
+    std::size_t size;
+    std::string told, shown;
+    std::size_t hidden;  // Tags that `play` doesn't find.
+  } kCases[] = {
+      {{9, 0, 0, 50}, 7, 40, "", wholeTo, 1},
+      {{9, 0x60, 0, 0, 0, 0x40, 0}, 0x55, 5'500'000, "no sound tag in its last 4194304 bytes", wholeTo, 1},
+      {{9, 0xFF, 0xFF, 0xFF}, 0x55, 0xFFFFFF, "all tags are whole", "to byte " + all + ";", 0},
+      {{}, 0, 17'000'000, "its first " + all + " bytes all tags are whole", "to byte " + all + ";", 0},
+  };
+  for (const auto& c : kCases) {
+    Bytes torn = film.bytes();
+    torn.insert(torn.end(), c.front.begin(), c.front.end());
+    torn.resize(film.bytes().size() + c.size, c.filler);
+    const std::string file = dir.file("torn.flv", torn);
+    const Outcome played = flvhost({"play", file, "-o", "-"});
+    EXPECT_EQ(played.exitCode, 0) << played.err;
+    EXPECT_THAT(played.err, HasSubstr(c.told));
+    EXPECT_EQ(tagsOf(played.out).size() + c.hidden, film.tags().size());
+    EXPECT_THAT(flvhost({"info", file}).out, HasSubstr(c.shown));
+    const Outcome refused = flvhost({"record", file, "--append"}, film.bytes());
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.err, HasSubstr("its last " + std::to_string(c.size) + " bytes hold no whole tag"));
+  }
 }
 
 // A failed read makes the module print to standard output.

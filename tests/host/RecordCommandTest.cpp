@@ -120,7 +120,7 @@ TEST_F(RecordCommandTest, whatExistsIsTouchedOnlyAsAskedFor) {
   const Bytes old = liveStream(50).bytes(), more = liveStream(50, 5000).bytes();
   const Bytes behind = liveStream(50, 1000).bytes();  // Where `old` ends, and a frame later.
   const Bytes both = join(old, behind, 13), asTheyCame = join(old, more, 13), alien{'R', 'I', 'F', 'F'}, none;
-  const Bytes torn(old.begin(), old.end() - 100), mended = join(torn, liveStream(50, 960).bytes(), 13);
+  const Bytes torn(old.begin(), old.end() - 100), mended = join(torn, liveStream(50, 980).bytes(), 13);
   const Bytes noTags = FlvBuilder().bytes();
   const Bytes refused = FlvBuilder().tag(18, 0, onMetaData()).tag(9, 0, Bytes{0x17, 1, 0, 0, 0, 9}).bytes();
   const Bytes restarted = join(FlvBuilder().tag(18, 0, onMetaData()).bytes(), more, 13);
