@@ -214,10 +214,4 @@ void Amf0Writer::writeStrictArray(const KTDataArray& array) {
   }
 }
 
-ClassName classNameOf(const KTDataArray& array) {
-  IndexText indexText;
-  if (array.keyText(0, indexText) != kClassKey) return {false, kPlainClass};
-  return {true, array.valueAt(0).text()};
-}
-
 }  // namespace orv::amf

@@ -17,15 +17,16 @@ bool KTFLVData::flushSegment(SegmentBounds* bounds) {
   if (file == -1) return false;
   const i64 fileEnd = seek(0, fromEnd);
   if (fileEnd == -1) return false;
-  const FlushedTags flushed = recording->append(*this, fileEnd, dataEnd, duration, &headRecords);
+  const FlushedTags flushed =
+      recording->append(*this, fileEnd, summary.dataEnd, summary.duration, &headRecords);
   takeIn(flushed);
   if (!writeTypeFlags()) return false;
-  duration = std::max(duration, flushed.maxTime);
+  summary.duration = std::max(summary.duration, flushed.maxTime);
   fileBuffer.reset(-1, 0);  // From here on the file is read as it is now.
   rewriteMetadata(file);
   scan(file);
 
-  const SegmentRange range{flushed.start, lastFrame};
+  const SegmentRange range{flushed.start, summary.lastFrame};
   if (!flushed.isEmpty()) segmentIndex.append(range);
   ++segmentCount;
   toBounds(range, bounds);
@@ -33,19 +34,19 @@ bool KTFLVData::flushSegment(SegmentBounds* bounds) {
   stagedBefore = recording->capacity();
   recording.reset();
   close();
-  scanTime = getModifiedTime();  // Our own write is nobody else's change.
-  return dataEnd > 0;
+  summary.scanTime = getModifiedTime();  // Our own write is nobody else's change.
+  return summary.dataEnd > 0;
 }
 
 // What holds already before the flags are written.
 void KTFLVData::takeIn(const FlushedTags& flushed) {
   if (!flushed.isEmpty()) segmentIndex.endAt(flushed.start);
-  dataEnd = flushed.end;
-  typeFlags |= flushed.flags;
+  summary.dataEnd = flushed.end;
+  summary.typeFlags |= flushed.flags;
 }
 
 bool KTFLVData::writeTypeFlags() {
-  return seek(kTypeFlagsPosition, fromStart) != -1 && write(&typeFlags, 1) == 1;
+  return seek(kTypeFlagsPosition, fromStart) != -1 && write(&summary.typeFlags, 1) == 1;
 }
 
 // Puts the new metadata exactly over the old, or not at all: the tag's header and trailing size stay right,
@@ -53,7 +54,7 @@ bool KTFLVData::writeTypeFlags() {
 void KTFLVData::rewriteMetadata(int file) {
   const KTMessagePtr& old = headRecords.metadata();
   if (!old) return;
-  const KTMessagePtr updated = updatedMetadata(old, duration, codecs);
+  const KTMessagePtr updated = updatedMetadata(old, summary.duration, codecs);
   const u32 size = old->length();
   if (!updated || updated->length() != size || !metadataIsInPlace(file)) return;
   const i64 position = headRecords.metadataPosition();

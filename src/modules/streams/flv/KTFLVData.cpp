@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "server/FLVTag.h"
+#include "modules/streams/flv/OpenFile.h"
 
 namespace orv::flv {
 namespace {
@@ -30,8 +30,8 @@ KTFLVData::KTFLVData(const KTWideString& path, const FLVConfig& config, const IB
       frameTypes(config.frameTypes),
       enableAggMsgs(config.enableAggMsgs),
       maxAggMsgSize(config.maxAggMsgSize),
-      fileBuffer(config.autoBufferReadSize, service),
       context(streamContext),
+      fileBuffer(config.autoBufferReadSize, service),
       badData(streamContext, streamPath, config.retryCorruptedFLVs),
       codecs(config.recordAllCodecs) {
   moduleFileService.store(service, std::memory_order_relaxed);
@@ -58,16 +58,6 @@ bool KTFLVData::checkHeader(int fd) {
   u8 bytes[4];
   const u32 got = fileBuffer.readSome(fd, 0, bytes, sizeof bytes, autofilebuffer::forward);
   return got == sizeof bytes && std::memcmp(bytes, "FLV\x01", sizeof bytes) == 0;
-}
-
-// What the read cache took before the file's last change may not answer for the file as it is now. A time of
-// 0 may mean that the host can't tell.
-// True if it was dropped.
-bool KTFLVData::dropStaleBlock(u32 modifiedTime) {
-  if (modifiedTime == bufferTime && modifiedTime != 0) return false;
-  fileBuffer.reset(-1, 0);
-  bufferTime = modifiedTime;
-  return true;
 }
 
 // `format` takes the stream's path.

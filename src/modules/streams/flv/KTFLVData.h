@@ -6,7 +6,7 @@
 
 #include "modules/streams/contract/IQVStreamAdaptor.h"
 #include "modules/streams/flv/FLVConfig.h"
-#include "modules/streams/flv/FrameFinder.h"
+#include "modules/streams/flv/FileSummary.h"
 #include "modules/streams/flv/HeadRecords.h"
 #include "modules/streams/flv/KTFLVPersist.h"
 #include "modules/streams/flv/RecordedCodecs.h"
@@ -17,9 +17,9 @@
 
 namespace orv::flv {
 
-// Everything that is known about one file: where its tags begin and end, its duration, the segments met so
-// far, the read cache and a copy of the settings. Two objects on one path share only the file; a player
-// learns of a recorder's work by the file's modification time alone.
+// Everything that is known about one file: its summary, its head records, the segments met so far, the read
+// cache and a copy of the settings. Two objects on one path share only the file; a player learns of a
+// recorder's work by the file's modification time alone.
 //
 // The record side (record, flushSegment, erase, setBackupConn) locks `mutex`. The read side takes no lock:
 // the host calls it from one place at a time, and not during a flush of the same stream. A stream holds no
@@ -47,7 +47,7 @@ class KTFLVData : public KTFLVPersist {
   i64 getEndPosition();
   u32 getDuration();
   KTMessagePtr getMetaData();  // The first "onMetaData"; null if there is none or the file can't be read.
-  u8 getType() const { return typeFlags; }
+  u8 getType() const { return summary.typeFlags; }
   u32 getMemoryOverhead() const;
 
   // The segment that holds a time, or a byte position. What is found stays in the index.
@@ -77,20 +77,16 @@ class KTFLVData : public KTFLVPersist {
  private:
   // Opening (KTFLVData.cpp)
   bool checkHeader(int fd);
-  bool dropStaleBlock(u32 modifiedTime);
   void logPath(const char16_t* format, int level);
   static IFileService* fileService();
 
-  // Tag scan
-  void locateEndAside(int fd);
-  void readFirstFrame(int fd);
-  bool indexFitsFile(int fd, const FrameRecord& oldFirst);
+  // Refresh
+  bool dropStaleBlock(u32 stamp);
+  SummaryScan summaryScan(int fd);
+  bool indexFitsFile(SummaryScan& scanned, const FrameRecord& oldFirst) const;
 
   // Searches
-  SegmentRange wholeFile() const { return {firstFrame, lastFrame}; }
-  FrameFinder frameFinder(int fd, autofilebuffer& buffer, u32 maxScan);
-  bool findLastFrame(int fd, autofilebuffer& buffer, FrameRecord* frame);
-  void locateEnd(int fd, autofilebuffer& buffer);
+  FrameFinder frameFinder(int fd);
 
   // Record path and flush, all under `mutex`
   bool openAndScan();
@@ -106,18 +102,8 @@ class KTFLVData : public KTFLVPersist {
 
   KTFiberMutex mutex;
 
-  // Written under `mutex` by openForRecord and the flush, and read by the read side without it, which the
-  // host keeps apart from a flush of the same stream: what a scan finds, and the index.
-  i64 dataEnd = 0;   // End of the last whole tag. During a scan, the size of the file.
-  u32 duration = 0;  // Time of the last tag.
-  u32 scanTime = 0;  // Modification time at the last scan.
-  u8 typeFlags = 0;  // Byte 4 of the file.
+  // Set once. The settings are those of FLVConfig.
   KTWideString streamPath;
-  FrameRecord firstFrame;
-  FrameRecord lastFrame;  // Behind the last tag: its time is one more than that tag's.
-  u32 segmentCount = 0;   // For the memory estimate only.
-
-  // Settings, see FLVConfig.
   u32 readSize;
   u32 maxFrameScan;
   u32 maxBackFrameScan;
@@ -125,38 +111,24 @@ class KTFLVData : public KTFLVPersist {
   FrameTypes frameTypes;
   bool enableAggMsgs;
   u32 maxAggMsgSize;
+  IQVStreamContext* context;
 
+  // What both sides use, read by the read side without a lock. The record side writes it under `mutex`: all
+  // of it when openForRecord or a flush scans the file, the metadata of `headRecords` in `record` too. The
+  // host keeps the calls of the read side, whose queries write it when the file has changed, apart from
+  // those.
+  FileSummary summary;
   HeadRecords headRecords;
   SegmentIndex segmentIndex;
+  u32 segmentCount = 0;  // For the memory estimate only.
   autofilebuffer fileBuffer;
-  // All that fileBuffer holds was read when the file had this modification time, or later.
-  u32 bufferTime = 0;
-  IQVStreamContext* context;
+  u32 bufferStamp = 0;  // All that fileBuffer holds was read when the file had this stamp, or later.
   BadDataReports badData;
 
-  // Under `mutex` alone.
+  // Used under `mutex`. Only getMemoryOverhead looks at `recording` without it.
   RecordedCodecs codecs;
   std::optional<Recording> recording;  // From the moment that openForRecord has started until the flush.
   u32 stagedBefore = 0;                // Room that the last interval took.
-};
-
-// The file of a stream, open for reading for as long as this lives.
-class ReadHandle {
- public:
-  ReadHandle(IFileService* service, const char* path)
-      : service_(service), fd_(service->open(path, openflags::readOnly, openflags::ownerReadWrite, 0)) {}
-  ~ReadHandle() {
-    if (isOpen()) service_->close(fd_, 0);
-  }
-  ReadHandle(const ReadHandle&) = delete;
-  ReadHandle& operator=(const ReadHandle&) = delete;
-
-  bool isOpen() const { return fd_ != -1; }
-  int fd() const { return fd_; }
-
- private:
-  IFileService* service_;
-  int fd_;
 };
 
 }  // namespace orv::flv

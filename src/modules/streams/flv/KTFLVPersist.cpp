@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "modules/streams/flv/OpenFile.h"
 #include "platform/Descriptor.h"
 #include "util/KTThrowable.h"
 
@@ -66,7 +67,7 @@ i64 KTFLVPersist::seek(i64 offset, int whence) {
   if (whence == fromStart) {
     position = offset;
   } else if (whence == fromEnd) {
-    const i64 size = sizeOf(fd_);
+    const i64 size = sizeOf(fileService_, fd_);
     if (size >= 0) position = size + offset;
   }
   writePosition_ = position;
@@ -82,11 +83,6 @@ bool KTFLVPersist::unlink() {
 
 int KTFLVPersist::fd() const {
   return fd_;
-}
-
-i64 KTFLVPersist::sizeOf(int fd) const {
-  FileStat record{};
-  return fileService_->fstat(fd, &record, 0) == 0 ? record.size : -1;
 }
 
 void KTFLVPersist::setBackupConn(const IBackupConnPtr& conn) {
@@ -106,7 +102,7 @@ void KTFLVPersist::setBackupConn(const IBackupConnPtr& conn) {
 
 // Sends the whole file in one piece, or nothing where it can't be had in one piece.
 void KTFLVPersist::sendCopy(const KTString& name, int fd) {
-  const i64 size = sizeOf(fd);
+  const i64 size = sizeOf(fileService_, fd);
   if (!KT_HOLDS(size >= 0) || size > 0xFFFFFFFF) return;
   const auto count = static_cast<u32>(size);
   const std::unique_ptr<u8[]> block(new (std::nothrow) u8[count]);

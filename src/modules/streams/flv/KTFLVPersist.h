@@ -41,9 +41,6 @@ class KTFLVPersist {
 
  protected:
   const KTString& narrowPath() const { return filePathNarrow_; }
-  IFileService* service() const { return fileService_; }
-  // The size of an open file; -1 if the host doesn't know it.
-  i64 sizeOf(int fd) const;
 
  private:
   void sendCopy(const KTString& name, int fd);

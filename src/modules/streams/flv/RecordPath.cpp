@@ -58,14 +58,14 @@ bool KTFLVData::isNameless() const {
 // For a new file: what is known of one that stood at the path before doesn't hold for it. The scan that
 // follows renews the rest.
 void KTFLVData::forgetFile() {
-  typeFlags = 0;
+  summary.typeFlags = 0;
   segmentIndex.clear();
   headRecords.clear();
 }
 
 // In five pieces, each of which reaches the mirror by itself.
 bool KTFLVData::writeFileHeader() {
-  u8 header[kFirstTagPosition] = {'F', 'L', 'V', 1, typeFlags, 0, 0, 0, kFileHeaderSize, 0, 0, 0, 0};
+  u8 header[kFirstTagPosition] = {'F', 'L', 'V', 1, summary.typeFlags, 0, 0, 0, kFileHeaderSize, 0, 0, 0, 0};
   u32 offset = 0;
   for (const u32 size : {3u, 1u, 1u, 4u, 4u}) {
     if (write(header + offset, size) == -1) return false;
