@@ -243,8 +243,14 @@ TEST(CompositeMessage, livesAsLongAsAnEntryOrAView) {
     CompositeMessagePtr same = opened(mixedFilm());
     same->splitAtIndex(0, same, other);  // Its last owner is the part that becomes null.
     EXPECT_EQ(other->getRefCount(), 1);
+    static const char* freedAt;  // Where the stack stood as the root went.
     CompositeMessagePtr view = opened(FlvBuilder().interleaved(2'000));
-    while (view) view->splitAtIndex(1, other, view);               // A chain of 2,000 parents.
+    view->begin()->get()->memory->freeFunction = [](u8*) {
+      freedAt = static_cast<const char*>(__builtin_frame_address(0));
+    };
+    while (view) view->splitAtIndex(1, other, view);  // A chain of 2,000 parents.
+    other = nullptr;                                  // They go one after the other.
+    EXPECT_LT(static_cast<const char*>(__builtin_frame_address(0)) - freedAt, 4096);
     opened(mixedFilm())->begin()->get()->memory->reserve(10'000);  // The block is then its own.
   }
   EXPECT_EQ(heap->live, 0U);
