@@ -1,18 +1,13 @@
 #include "host/check/Checker.h"
 
-#include <gmock/gmock.h>
-
-#include <nlohmann/json.hpp>
+#include <gtest/gtest.h>
 
 #include "Damage.h"
-#include "Program.h"
 
 namespace orv::host {
 namespace {
 
 using namespace test;
-using nlohmann::json;
-using testing::HasSubstr;
 
 Bytes number(double value) {
   u64 bits;
@@ -109,63 +104,6 @@ TEST(Checker, givesEachFaultItsCode) {
       {indexed(first, 5), "index-beside"},
   };
   for (const auto& f : kFilms) EXPECT_EQ(check(f.bytes), f.codes);
-}
-
-TEST(CheckCommand, endsWith1ForErrorsAlone) {
-  const TempDir dir;
-  const std::string film = dir.file("film.flv", Film().frames().bytes());
-  const std::string late = dir.file("late.flv", Film(Bytes{}).frames().bytes());
-  const std::string torn = dir.file("torn.flv", Damage(Film().frames()).remove(1889, 5).bytes());
-  EXPECT_EQ(flvhost({"check", film, late}).exitCode, 0);
-  EXPECT_EQ(flvhost({"check", film, torn}).exitCode, 1);
-  EXPECT_EQ(flvhost({"check", torn, dir.path("none.flv")}).exitCode, 2);
-  EXPECT_THAT(flvhost({"check", late}).out, HasSubstr("1 warning"));
-}
-
-TEST(CheckCommand, tellsProgramsWhatAndWhere) {
-  const TempDir dir;
-  const Film film = Film().frames();
-  const Bytes junked = Damage(film).insert(film.tags()[9].position, noise(99)).bytes();
-  const Outcome piped = flvhost({"check", "--json", "-"}, junked);
-  const json file = json::parse(piped.out)["files"][0];
-  EXPECT_EQ(file["size"], junked.size());
-  EXPECT_EQ(file["tags"], 101);
-  EXPECT_EQ(file["errors"], 1);
-  EXPECT_EQ(file["findings"][0]["code"], "junk");
-  EXPECT_EQ(file["findings"][0]["position"], film.tags()[9].position);
-  EXPECT_EQ(file["findings"][0]["time"], 60);
-}
-
-TEST(TagsCommand, listsTheTagsAndTheDamage) {
-  const TempDir dir;
-  Film film;
-  film.with(9, 0, bytesOf("90 'hvc1' 01"))
-      .with(9, 40, bytesOf("91 'hvc1' 000028 01"))
-      .with(8, 40, Bytes{0x2F})
-      .with(99, 80, Bytes{1});
-  const std::string file = dir.file("film.flv", join(film.bytes(), noise(20)));
-  EXPECT_EQ(flvhost({"tags", file}).out,
-            "      POSITION  TIME              SIZE  TYPE     CODEC\n"
-            "            13  00:00:00.000        21  data     onMetaData\n"
-            "            49  00:00:00.000         6  video    H.265 (hvc1), set-up\n"
-            "            70  00:00:00.040         9  video    H.265 (hvc1), key frame, shown +40 ms\n"
-            "            94  00:00:00.040         1  audio    MP3, 44.1 kHz, stereo, 16 bit\n"
-            "           110  00:00:00.080         1  other    type 99\n"
-            "           126                      20  junk\n");
-  const std::string lines = flvhost({"tags", "--json", "--from", "40ms", "--to", "80ms", file}).out;
-  const json first = json::parse(lines.substr(0, lines.find('\n')));
-  EXPECT_EQ(first, (json{{"position", 70},
-                         {"time", 40},
-                         {"type", 9},
-                         {"kind", "video"},
-                         {"size", 9},
-                         {"sizeField", 20},
-                         {"codec", "H.265 (hvc1)"},
-                         {"codecId", 0x68766331},
-                         {"packet", "frames"},
-                         {"keyFrame", true},
-                         {"compositionTime", 40}}));
-  EXPECT_EQ(std::ranges::count(lines, '\n'), 2);
 }
 
 }  // namespace

@@ -64,7 +64,6 @@ TEST_F(RecordCommandTest, syncsAsAskedFor) {
     EXPECT_EQ(record(stream.bytes(), {"--sync", policy}).exitCode, 0) << policy;
     EXPECT_TRUE(TempDir::read(file) == stream.bytes()) << policy;
   }
-  EXPECT_EQ(record(stream.bytes(), {"--sync", "always", "--overwrite"}).exitCode, 2);
 }
 
 TEST_F(RecordCommandTest, saysWhatItCantRecordAndGoesOn) {

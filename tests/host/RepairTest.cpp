@@ -6,7 +6,6 @@
 
 #include "Damage.h"
 #include "PayloadJson.h"
-#include "Program.h"
 #include "host/check/Checker.h"
 #include "host/files/FileSource.h"
 #include "support/HeapWatch.h"
@@ -16,11 +15,6 @@ namespace {
 
 using namespace test;
 using nlohmann::json;
-using testing::HasSubstr;
-
-Bytes bytesIn(const std::string& text) {
-  return {text.begin(), text.end()};
-}
 
 Bytes repaired(const Bytes& bytes, const RepairJob& job = {}) {
   const TempDir dir;
@@ -173,43 +167,6 @@ TEST(Repair, needsLittleMemoryWhateverTheBytes) {
     repair(source, out, {{true, false}, true}, [](i64) {});
     EXPECT_LT(watch->peak, std::size_t{60} << 20);
   }
-}
-
-TEST(RepairCommand, worksOnFilesAndPipes) {
-  const TempDir dir;
-  const Bytes bad = Damage(Film().frames()).remove(1889, 5).bytes();
-  const std::string in = dir.file("in.flv", bad), out = dir.path("out.flv");
-  EXPECT_THAT(flvhost({"repair", in, out}).err, HasSubstr("99 tags, 00:00:01.000 long; 1 damaged places"));
-  const std::string whole = str(TempDir::read(out));
-  EXPECT_EQ(faults(TempDir::read(out)), "");
-  EXPECT_EQ(flvhost({"repair", in, out}).exitCode, 2);
-  EXPECT_TRUE(mediaOf(TempDir::read(out)) == mediaOf(repaired(bad)));
-
-  EXPECT_EQ(flvhost({"repair", "-", dir.path("piped.flv")}, bad).exitCode, 0);
-  EXPECT_TRUE(str(TempDir::read(dir.path("piped.flv"))) == whole);
-  const std::string sent = flvhost({"repair", in, "-"}).out, passed = flvhost({"repair", "-", "-"}, bad).out;
-  EXPECT_EQ(faults(bytesIn(sent)), "");
-  EXPECT_EQ(faults(bytesIn(passed)), "");
-  EXPECT_EQ(metadataOf(bytesIn(sent))["filesize"], sent.size());
-  EXPECT_EQ(metadataOf(bytesIn(passed)).count("duration"), 0u);
-  EXPECT_TRUE(tagsOf(passed).size() == tagsOf(sent).size());
-
-  EXPECT_EQ(flvhost({"repair", "--keyframes", "-", dir.path("no.flv")}, bad).exitCode, 2);
-  EXPECT_EQ(flvhost({"repair", dir.file("junk", noise(999)), dir.path("no.flv")}).exitCode, 1);
-  EXPECT_EQ(flvhost({"repair", in, in, "--force"}).exitCode, 2);
-  EXPECT_FALSE(std::filesystem::exists(dir.path("no.flv")));
-  EXPECT_TRUE(TempDir::read(in) == bad);
-}
-
-TEST(IndexCommand, showsKeyFramesOrAddsThem) {
-  const TempDir dir;
-  const Film film = Film().frames(2).frames(2, 40, 0x22);
-  const std::string in = dir.file("in.flv", film.bytes()), out = dir.path("out.flv");
-  EXPECT_EQ(flvhost({"index", in}).out, "            49  00:00:00.000\n            88  00:00:00.020\n");
-  EXPECT_EQ(json::parse(flvhost({"index", "--json", in}).out)["keyFrames"][1]["time"]["ms"], 20);
-  EXPECT_EQ(flvhost({"index", in, "-o", out}).exitCode, 0);
-  EXPECT_EQ(metadataOf(TempDir::read(out))["keyframes"]["entries"]["times"]["values"], json({0.0, 0.02}));
-  EXPECT_EQ(flvhost({"index", dir.file("deaf.flv", Film().with(8, 0, {0x2F}).bytes())}).exitCode, 1);
 }
 
 }  // namespace

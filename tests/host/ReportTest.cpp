@@ -1,8 +1,6 @@
-#include <gmock/gmock.h>
+#include "host/report/Timeline.h"
 
 #include "Damage.h"
-#include "Program.h"
-#include "host/report/Timeline.h"
 
 namespace orv::host {
 namespace {
@@ -26,15 +24,6 @@ TEST(Timeline, keepsEveryByteHoweverLongTheFile) {
     video -= stretch.video, audio -= stretch.audio, keys -= stretch.keyFrames;
   }
   EXPECT_EQ(video + audio + keys, 0u);
-}
-
-TEST(ReportCommand, noNameEndsThePagesScript) {
-  const TempDir dir;
-  const std::string file = dir.file("<!--<script>.flv", Film().frames().bytes());
-  const std::string page = flvhost({"report", file, "-o", "-"}).out;
-  EXPECT_THAT(page, testing::HasSubstr("\\u003c!--\\u003cscript>.flv"));
-  EXPECT_EQ(page.find("<!--"), std::string::npos);
-  EXPECT_EQ(flvhost({"report", dir.path("none.flv"), "-o", "-"}).exitCode, 2);
 }
 
 }  // namespace
