@@ -357,31 +357,6 @@ TEST(ORVFiberPool, takesNoMemoryToTakeAFiberBack) {
   });
 }
 
-// Each of the allocations on the road to a fiber at work fails in turn.
-TEST(ORVFiberPool, givesNullWhereThereIsNoMemory) {
-  bool pending = false;
-  for (std::size_t n = 1; !pending; ++n) {
-    onCleanThread([&] {
-      ORVFiberPool pool(2);
-      int runs = 0;
-      Work work = [&] { ++runs; };
-      {
-        orv::test::HeapWatch heap;
-        heap.failAt(n);
-        const ORVFiberPtr fiber = pool.acquire();
-        if (fiber) fiber->run(doWork, &work);
-        pending = heap.failurePending();
-        EXPECT_EQ(fiber ? 1 : 0, runs) << n;
-      }
-      const ORVFiberPtr again = pool.acquire();
-      ASSERT_TRUE(again);
-      pool.recycle(again);
-      EXPECT_EQ(0u, pool.activeCount());
-    });
-    EXPECT_EQ(0u, ORVFiber::aliveCount()) << n;
-  }
-}
-
 }  // namespace
 
 // In place of the system's: its threads wait at the gate.
