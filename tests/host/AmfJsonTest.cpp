@@ -1,6 +1,7 @@
+#include "host/flv/AmfJson.h"
+
 #include <gmock/gmock.h>
 
-#include "PayloadJson.h"
 #include "support/AmfText.h"
 
 namespace orv::host {
@@ -11,8 +12,13 @@ using orv::test::Bytes;
 using orv::test::bytesOf;
 
 json dataTag(u8 type, const Bytes& payload) {
-  const auto size = static_cast<u32>(payload.size());
-  return test::payloadJson(Tag{type, 0, 0, payload.data(), size});
+  std::string text;
+  JsonWriter out([&text](const std::string& piece) { text += piece; });
+  out.beginObject();
+  writePayload(Tag{type, 0, 0, payload.data(), static_cast<u32>(payload.size())}, out);
+  out.end();
+  out.finish();
+  return json::parse(text);
 }
 
 // The argument of a message whose bytes behind the name are given.

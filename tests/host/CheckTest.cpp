@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
+
 #include "Damage.h"
 
 namespace orv::host {
@@ -9,29 +11,16 @@ namespace {
 
 using namespace test;
 
-Bytes number(double value) {
-  u64 bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  Bytes bytes{0};
-  for (int shift = 56; shift >= 0; shift -= 8) bytes.push_back(static_cast<u8>(bits >> shift));
-  return bytes;
-}
-
-Bytes metadataOf(const std::vector<std::pair<std::string, Bytes>>& entries) {
-  Bytes payload = bytesOf("02 000A'onMetaData' 08 00000000");
-  for (const auto& [key, value] : entries) {
-    payload = join(join(payload, bytesOf("00" + std::string{"0123456789ABCDEF"[key.size() / 16]} +
-                                         "0123456789ABCDEF"[key.size() % 16] + "'" + key + "'")),
-                   value);
-  }
-  return join(payload, bytesOf("000009"));
+// A number of AMF0, in the notation of the tests.
+std::string number(double value) {
+  char digits[20];
+  std::snprintf(digits, sizeof digits, "00 %016llX", std::bit_cast<unsigned long long>(value));
+  return digits;
 }
 
 Bytes indexOf(double position, double seconds) {
-  const auto list = [](double value) { return join(bytesOf("0A 00000001"), number(value)); };
-  Bytes index = join(bytesOf("03 000D'filepositions'"), list(position));
-  index = join(join(index, bytesOf("0005'times'")), list(seconds));
-  return join(index, bytesOf("000009"));
+  return onMetaData("0009'keyframes' 03 000D'filepositions' 0A 00000001" + number(position) +
+                    "0005'times' 0A 00000001" + number(seconds) + "000009");
 }
 
 // "code@position code*count ..."
@@ -51,9 +40,9 @@ TEST(Checker, givesEachFaultItsCode) {
   const Bytes strange = tagBytes(99, 0, noise(9)), film = Film().frames().bytes();
   const auto damaged = [] { return Damage(Film().frames()); };
   const auto indexed = [](double position, double seconds) {
-    return Film(metadataOf({{"keyframes", indexOf(position, seconds)}})).frames().bytes();
+    return Film(indexOf(position, seconds)).frames().bytes();
   };
-  const auto first = static_cast<double>(Film(metadataOf({{"keyframes", indexOf(0, 0)}})).size());
+  const auto first = static_cast<double>(Film(indexOf(0, 0)).size());
   const i64 at = Film().frames().tags()[50].position, size = static_cast<i64>(film.size());
   const struct {
     Bytes bytes;
@@ -94,7 +83,8 @@ TEST(Checker, givesEachFaultItsCode) {
       {Film().frames(1).frames(600, 20, 0x22).with(9, 12020, {0x12}).bytes(), "key-frame-distance"},
       {Film(Bytes{}).frames().bytes(), "no-metadata"},
       {Film(bytesOf("02 000A'onMetaData' 08 00000000 0001'a' 00")).frames().bytes(), "metadata-unreadable"},
-      {Film(metadataOf({{"duration", number(2)}, {"width", number(0)}, {"videocodecid", number(2)}}))
+      {Film(onMetaData("0008'duration'" + number(2) + "0005'width'" + number(0) + "000C'videocodecid'" +
+                       number(2)))
            .frames()
            .bytes(),
        "metadata-wrong"},

@@ -1,11 +1,8 @@
 #include "host/repair/Repair.h"
 
-#include <gmock/gmock.h>
-
-#include <nlohmann/json.hpp>
+#include <gtest/gtest.h>
 
 #include "Damage.h"
-#include "PayloadJson.h"
 #include "host/check/Checker.h"
 #include "host/files/FileSource.h"
 #include "support/HeapWatch.h"
@@ -14,7 +11,6 @@ namespace orv::host {
 namespace {
 
 using namespace test;
-using nlohmann::json;
 
 Bytes repaired(const Bytes& bytes, const RepairJob& job = {}) {
   const TempDir dir;
@@ -40,12 +36,6 @@ TagList mediaOf(const Bytes& bytes) {
   TagList tags = tagsOf(str(bytes));
   if (!tags.empty()) tags.erase(tags.begin());
   return tags;
-}
-
-json metadataOf(const Bytes& bytes) {
-  const auto tag = tagsOf(str(bytes)).at(0);
-  const Tag view{18, 0, 0, tag.data.data(), static_cast<u32>(tag.data.size())};
-  return test::payloadJson(view)["values"][0]["entries"];
 }
 
 std::vector<u32> timesOf(const Bytes& bytes) {
@@ -82,46 +72,6 @@ TEST(Repair, keepsEveryWholeTagAndTellsTheTruth) {
       EXPECT_EQ(out[4], 5);
     }
   }
-}
-
-TEST(Repair, rebuildsTheMetadata) {
-  const Bytes old = bytesOf(
-      "02 000A'onMetaData' 08 00000000 0005'title' 02 0001'x' 0008'Duration' 00 4059000000000000"
-      "0005'width' 02 0001'y' 0008'hasVideo' 01 00 0009'framerate' 00 4039000000000000 0009'videosize' 00 "
-      "4039000000000000");
-  const Bytes kFilms[] = {Film(old).frames().bytes(),
-                          Film(old).with(8, 0, {0x2F}).with(8, 980, {0x2F}).bytes()};
-  for (const Bytes& film : kFilms) {
-    const Bytes out = repaired(film);
-    const bool hasVideo = &film == &kFilms[0];
-    json values = metadataOf(out);
-    EXPECT_THAT(values.value("metadatacreator", ""), testing::StartsWith("flvhost"));
-    values.erase("metadatacreator");
-    json wanted = {{"hasMetadata", true},
-                   {"hasVideo", hasVideo},
-                   {"hasAudio", true},
-                   {"hasKeyframes", hasVideo},
-                   {"canSeekToEnd", hasVideo},
-                   {"duration", hasVideo ? 1.0 : 1.96},
-                   {"lasttimestamp", 0.98},
-                   {"audiocodecid", 2.0},
-                   {"audiosamplerate", 44100.0},
-                   {"audiosamplesize", 16.0},
-                   {"stereo", true},
-                   {"filesize", out.size()},
-                   {"title", "x"},
-                   {"framerate", 25.0}};
-    if (hasVideo) wanted["videocodecid"] = 2.0, wanted["lastkeyframetimestamp"] = 0.98;
-    EXPECT_EQ(values, wanted);
-  }
-}
-
-TEST(Repair, addsAnIndexThatHits) {
-  const Bytes out = repaired(Film(Bytes{}).frames(3).frames(2, 60, 0x22).frames(1, 100).bytes(), {{}, true});
-  const json index = metadataOf(out)["keyframes"]["entries"];
-  EXPECT_EQ(index["times"]["values"], json({0.0, 0.02, 0.04, 0.1}));
-  EXPECT_EQ(index["filepositions"]["values"].size(), 4);
-  EXPECT_EQ(faults(out), "");
 }
 
 TEST(Repair, mendsTimesIfAsked) {

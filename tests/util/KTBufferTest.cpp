@@ -50,14 +50,6 @@ TEST(KTPtr, callsOnlyWhenOwnershipChanges) {
   EXPECT_EQ("-b -b ~b ", log);
 }
 
-TEST(KTObject, releaseGivesZeroWhenItDestroys) {
-  auto* const object = new KTObject;
-  EXPECT_EQ(1, object->addRef());
-  EXPECT_EQ(2, object->addRef());
-  EXPECT_EQ(1, object->release());
-  EXPECT_EQ(0, object->release());
-}
-
 TEST(KTPtr, countsHoldUnderContention) {
   const KTPtr<KTMemory> shared(new KTMemory(8, nullptr));
   orv::test::onThreads(4, [shared](int) {

@@ -1,0 +1,297 @@
+// Files as the host names, opens, stamps and mirrors them.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <functional>
+
+#include "TempDir.h"
+#include "host/files/ChangeStamps.h"
+#include "host/files/MirrorFile.h"
+#include "host/files/ModulePath.h"
+#include "host/files/PosixFileService.h"
+#include "host/text/Failure.h"
+#include "modules/streams/contract/IFileService.h"
+
+namespace orv::host {
+namespace {
+
+using namespace test;
+using namespace openflags;
+
+TEST(ModulePath, anyNameCanBeGivenToTheModuleAndComesBack) {
+  const struct {
+    const char* native;
+    const char* module;
+  } kNames[] = {
+      {"/films/clip.flv", "\\films\\clip"},
+      {"/films/clip.bin", "\\films\\clip.bin%"},
+      {"/films/clip.FLV", "\\films\\clip.FLV%"},
+      {"/films/clip.flv.flv", "\\films\\clip.flv"},
+      {"/films/.flv", "\\films\\"},
+      {"/100%/a%41.flv", "\\100%25\\a%2541"},
+      {"/x/clip%.flv", "\\x\\clip%25"},
+      {"/x/f\xC3\xBC\xF0\x9F\x8E\xAC.flv", "\\x\\f%C3%BC%F0%9F%8E%AC"},
+      {"/x/\xFF\n.flv", "\\x\\%FF%0A"},
+  };
+  for (const auto& name : kNames) {
+    EXPECT_EQ(toModulePath(name.native), name.module);
+    EXPECT_EQ(toNativePath(moduleFileName(name.module)), name.native);
+  }
+}
+
+TEST(ModulePath, relativeNamesCountFromTheWorkingDirectory) {
+  EXPECT_EQ(toModulePath("two words.flv"), toModulePath(std::filesystem::current_path() / "two words.flv"));
+  EXPECT_THROW(toModulePath(""), Failure);
+}
+
+// A host's other callers name files without escapes.
+TEST(ModulePath, percentWithoutTwoDigitsStandsForItself) {
+  EXPECT_EQ(toNativePath("\\a%\\50%x\\%4"), "/a%/50%x/%4");
+  EXPECT_EQ(toNativePath("\\f\xC3\xBC.flv"), "/f\xC3\xBC.flv");
+}
+
+class PosixFileServiceTest : public testing::Test {
+ protected:
+  std::string module(const std::string& name) const { return moduleFileName(toModulePath(dir.path(name))); }
+  int open(const std::string& name, int flags) {
+    return service.open(module(name).c_str(), flags, ownerReadWrite, 0);
+  }
+  i64 stamp(const std::string& name) {
+    FileStat record{};
+    EXPECT_EQ(service.stat(module(name).c_str(), &record, 0), 0);
+    return record.modificationTime;
+  }
+
+  TempDir dir;
+  std::vector<WriteFault> faults;
+  static inline i64 ahead;  // Of the system's clock.
+  PosixFileService service{[this](const WriteFault& fault) { faults.push_back(fault); },
+                           [] { return systemTime() + ahead; }};
+};
+
+TEST_F(PosixFileServiceTest, eachFlagWordOpensAsTheContractSays) {
+  dir.file("there.flv", {1, 2, 3});
+  dir.file("empty.flv", {});
+  ASSERT_EQ(::mkfifo(dir.path("pipe.flv").c_str(), 0600), 0);
+  const struct {
+    const char* file;
+    int flags;
+    int error;   // 0: opens.
+    int access;  // Then, as fcntl tells it.
+  } kCases[] = {
+      {"there.flv", readOnly, 0, O_RDONLY},
+      {"there.flv", readWrite, 0, O_RDWR},
+      {"there.flv", createTruncate, EEXIST, 0},
+      {"empty.flv", createTruncate, 0, O_RDWR},
+      {"new.bin", createTruncate, 0, O_RDWR},
+      {"missing.flv", readOnly, ENOENT, 0},
+      {"missing.flv", readWrite, ENOENT, 0},
+      {"there.flv", O_RDWR, EINVAL, 0},
+      {"there.flv", 0x8001, EINVAL, 0},
+      {"there.flv", 0x8102, EINVAL, 0},
+      {".", readOnly, EISDIR, 0},
+      {"pipe.flv", readOnly, ESPIPE, 0},  // At once.
+  };
+  for (const auto& c : kCases) {
+    const int fd = open(c.file, c.flags);
+    if (c.error) {
+      EXPECT_EQ(errno, c.error) << c.file << c.flags;
+      EXPECT_EQ(fd, -1) << c.file << c.flags;
+      continue;
+    }
+    ASSERT_GT(fd, STDERR_FILENO) << c.file << c.flags;
+    EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, c.access);
+    EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(service.close(fd, 0), 0);
+  }
+  EXPECT_EQ(TempDir::read(dir.path("there.flv")), (Bytes{1, 2, 3}));
+  EXPECT_TRUE(std::filesystem::exists(dir.path("new.bin")));
+}
+
+TEST_F(PosixFileServiceTest, readsAndWritesAtPositionsAndCountsThem) {
+  const int fd = open("a.flv", createTruncate);
+  EXPECT_EQ(service.write(fd, 3, "defg", 4), 4);
+  EXPECT_EQ(service.write(fd, 0, "abc", 3), 3);
+  char text[16] = {};
+  EXPECT_EQ(service.read(fd, 2, text, sizeof text), 5);
+  EXPECT_STREQ(text, "cdefg");
+  EXPECT_EQ(service.read(fd, 7, text, 4), 0);
+  EXPECT_LT(service.read(fd, -1, text, 4), 1);
+  EXPECT_LT(service.read(-1, 0, text, 4), 1);
+  FileStat record{};
+  ASSERT_EQ(service.fstat(fd, &record, 0), 0);
+  EXPECT_EQ(record.size, 7);
+  EXPECT_EQ(service.close(fd, 0), 0);
+  EXPECT_NE(service.fstat(fd, &record, 0), 0);
+
+  const FileCalls calls = service.calls();
+  EXPECT_EQ(calls.read, 4u);
+  EXPECT_EQ(calls.bytesRead, 5u);
+  EXPECT_EQ(calls.bytesWritten, 7u);
+  EXPECT_EQ(calls.total(), 10u);
+}
+
+TEST_F(PosixFileServiceTest, statAndFstatAgreeAndAWriteInPlaceShows) {
+  const int fd = open("a.flv", createTruncate);
+  service.write(fd, 0, "abc", 3);
+  for (int i = 0; i < 100; ++i) {
+    const i64 before = stamp("a.flv");
+    ASSERT_EQ(service.write(fd, 0, "xyz", 3), 3);
+    ASSERT_NE(static_cast<u32>(stamp("a.flv")), static_cast<u32>(before)) << i;
+  }
+  ahead = 1'000'000'000;  // At rest.
+  FileStat record{};
+  service.fstat(fd, &record, 0);
+  EXPECT_EQ(record.modificationTime, stamp("a.flv"));
+  service.close(fd, 0);
+  EXPECT_EQ(record.modificationTime, stamp("a.flv"));
+  EXPECT_EQ(service.unlink(module("a.flv").c_str(), 0), 0);
+  EXPECT_NE(service.unlink(module("a.flv").c_str(), 0), 0);
+}
+
+TEST_F(PosixFileServiceTest, theFirstWriteThatFallsShortIsToldOnce) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  const int fd = open("a.flv", createTruncate);
+  const Bytes data(600);
+  {
+    const FileSizeLimit limit(1000);
+    EXPECT_EQ(service.write(fd, 0, data.data(), 600), 600);
+    EXPECT_EQ(service.write(fd, 600, data.data(), 600), 400);
+    EXPECT_EQ(service.write(fd, 1000, data.data(), 600), -1);
+  }
+  service.close(fd, 0);
+  ASSERT_EQ(faults.size(), 1u);
+  EXPECT_EQ(faults[0].path, dir.path("a.flv"));
+  EXPECT_EQ(faults[0].position, 600);
+  EXPECT_EQ(faults[0].wanted, 600u);
+  EXPECT_EQ(faults[0].written, 400u);
+  EXPECT_EQ(faults[0].error, EFBIG);
+}
+
+TEST_F(PosixFileServiceTest, mkdirMakesParents) {
+  service.mkdir(toModulePath(dir.path("a b/c%d/e.flv")).c_str());
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path("a b/c%d/e")));
+}
+
+// A file that was last changed long ago.
+struct stat atRest() {
+  struct stat status {};
+  status.st_dev = 1;
+  status.st_ino = 2;
+  status.st_size = 100;
+  status.st_mtim = status.st_ctim = {1'000'000'000, 500};
+  return status;
+}
+
+TEST(ChangeStamps, eachKindOfChangeGivesAnotherStampAndRestGivesTheSame) {
+  const struct {
+    const char* name;
+    std::function<void(struct stat&, ChangeStamps&)> change;
+  } kChanges[] = {
+      {"modification time", [](struct stat& s, ChangeStamps&) { ++s.st_mtim.tv_nsec; }},
+      {"change time", [](struct stat& s, ChangeStamps&) { --s.st_ctim.tv_nsec; }},
+      {"size within a tick", [](struct stat& s, ChangeStamps&) { ++s.st_size; }},
+      {"own write in place within a tick", [](struct stat&, ChangeStamps& c) { c.noteWrite(1, 2); }},
+      {"another file", [](struct stat& s, ChangeStamps&) { ++s.st_ino; }},
+      {"another device", [](struct stat& s, ChangeStamps&) { ++s.st_dev; }},
+      {"a state that comes back",
+       [](struct stat& s, ChangeStamps& c) {
+         struct stat other = s;
+         other.st_size = 7;
+         c.of(other);
+       }},
+  };
+  for (const auto& c : kChanges) {
+    ChangeStamps stamps;
+    struct stat status = atRest();
+    const u32 before = stamps.of(status);
+    EXPECT_NE(before, 0u);
+    EXPECT_EQ(stamps.of(status), before) << c.name;
+    c.change(status, stamps);
+    const u32 after = stamps.of(status);
+    EXPECT_NE(after, before) << c.name;
+    EXPECT_EQ(stamps.of(status), after) << c.name;
+  }
+}
+
+// What another process did in place within the tick of the last look shows once the tick is over.
+TEST(ChangeStamps, aFreshChangeIsLookedAtOnceMoreWhenItHasSettled) {
+  static i64 now;
+  ChangeStamps stamps([] { return now; });
+  struct stat status = atRest();
+  const i64 changed = status.st_ctim.tv_sec * 1'000'000'000 + status.st_ctim.tv_nsec;
+  now = changed;
+  const u32 fresh = stamps.of(status);
+  now = changed + 10'000'000;  // The longest tick.
+  EXPECT_EQ(stamps.of(status), fresh);
+  now = changed + 20'000'000;
+  const u32 settled = stamps.of(status);
+  EXPECT_NE(settled, fresh);
+  now += 1'000'000'000;
+  EXPECT_EQ(stamps.of(status), settled);
+}
+
+class MirrorFileTest : public testing::Test {
+ protected:
+  int write(i64 position, const Bytes& bytes) {
+    mirror->seek(name, position, SEEK_SET);
+    return mirror->write(name, bytes.data(), static_cast<u32>(bytes.size()));
+  }
+  Bytes copy() const { return TempDir::read(dir.path("copy")); }
+
+  TempDir dir;
+  const KTString name{"\\some\\file.flv"};
+  std::vector<std::string> faults;
+  KTPtr<MirrorFile> mirror{new MirrorFile({name.c_str(), dir.path("source"), dir.path("copy")},
+                                          [this](const std::string& line) { faults.push_back(line); })};
+};
+
+TEST_F(MirrorFileTest, keepsACursorAndTakesWritesToAClosedName) {
+  dir.file("copy", {9, 9, 9, 9, 9, 9, 9});
+  EXPECT_EQ(mirror->open(name, createTruncate, ownerReadWrite), 0);
+  EXPECT_EQ(mirror->write(name, "abc", 3), 3);
+  EXPECT_EQ(mirror->close(name), 0);
+  EXPECT_EQ(copy(), (Bytes{'a', 'b', 'c'}));
+  mirror->seek(name, 0, SEEK_END);
+  EXPECT_EQ(mirror->write(name, "de", 2), 2);
+  EXPECT_EQ(write(1, {'X'}), 1);
+  EXPECT_EQ(mirror->write(name, "Y", 1), 1);
+  EXPECT_EQ(mirror->open(name, readWrite, 0), 0);
+  EXPECT_EQ(copy(), (Bytes{'a', 'X', 'Y', 'd', 'e'}));
+  EXPECT_EQ(mirror->unlink(name), 0);
+  EXPECT_FALSE(std::filesystem::exists(dir.path("copy")));
+  EXPECT_EQ(mirror->write(KTString("\\other"), "abc", 3), -1);
+  EXPECT_TRUE(faults.empty());
+}
+
+TEST_F(MirrorFileTest, staysAsItIsAfterTheFirstFailedWrite) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  mirror->open(name, createTruncate, ownerReadWrite);
+  {
+    const FileSizeLimit limit(1000);
+    EXPECT_EQ(write(0, Bytes(600)), 600);
+    EXPECT_EQ(write(600, Bytes(600)), -1);
+    EXPECT_EQ(write(4, {1}), -1);
+  }
+  EXPECT_EQ(mirror->open(name, createTruncate, ownerReadWrite), -1);
+  EXPECT_TRUE(mirror->isBehind());
+  EXPECT_EQ(copy(), Bytes(1000));
+  ASSERT_EQ(faults.size(), 1u);
+  EXPECT_THAT(faults[0], testing::StartsWith(dir.path("copy") + ": can't be written: File too large"));
+}
+
+TEST_F(MirrorFileTest, neverEmptiesTheRecordingItself) {
+  dir.file("source", {1, 2, 3});
+  std::filesystem::create_symlink(dir.path("source"), dir.path("copy"));
+  EXPECT_EQ(mirror->open(name, createTruncate, ownerReadWrite), -1);
+  EXPECT_TRUE(mirror->isBehind());
+  EXPECT_EQ(TempDir::read(dir.path("source")), (Bytes{1, 2, 3}));
+}
+
+}  // namespace
+}  // namespace orv::host
