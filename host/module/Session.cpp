@@ -88,6 +88,11 @@ bool Stream::loadOnce(const SegmentBounds& bounds, const MessageHolder::Handler&
   return adaptor_.loadSegment(handle_, &copy, &holder);
 }
 
+// The module counts segments as one to each 256 KiB.
+void Stream::freeSegment(i64 position) {
+  adaptor_.onFreeSegment(handle_, static_cast<u32>(position >> 18));
+}
+
 bool Stream::headRecords(const HeadRecordHolder::Handler& handler) const {
   HeadRecordHolder holder(handler);
   return adaptor_.getMediaContexts(handle_, ContextTypeBefore, 0, &holder);

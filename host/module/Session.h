@@ -49,6 +49,8 @@ class Stream {
   // False if the segment is damaged; what came before the damage was delivered. Of an object on a web server
   // each segment comes from one of its states; throws Failure if it can't be read.
   bool load(const SegmentBounds& bounds, const MessageHolder::Handler& handler);
+  // Lets the module know that what was loaded of the segment at `position` isn't kept any longer.
+  void freeSegment(i64 position);
   // False if the file has none.
   bool headRecords(const HeadRecordHolder::Handler& handler) const;
   // All head records as the module serializes them; empty if there is none.

@@ -79,7 +79,8 @@ std::shared_ptr<SharedFile> Library::open(const std::string& name) {
                                [this, name] {
                                  const std::lock_guard inner(mutex_);
                                  return published_[name].setups;
-                               }});
+                               },
+                               faults_});
   files_[name] = file;
   if (old) old->endHere();
   recent_.push_back(file);
@@ -105,10 +106,37 @@ bool Library::isPublished(const std::string& name) const {
 
 bool Library::claim(const std::string& name) {
   const std::lock_guard lock(mutex_);
-  return !std::exchange(published_[name].isActive, true);
+  Published& entry = published_[name];
+  if (entry.isActive) return false;
+  entry.isActive = entry.isBeginning = true;
+  return true;
+}
+
+// The caller holds mutex_.
+std::vector<std::function<void()>> Library::takeWaiting(const std::string& name) {
+  published_[name].isBeginning = false;
+  return std::exchange(published_[name].waiting, {});
+}
+
+void Library::begun(const std::string& name) {
+  std::vector<std::function<void()>> waiting;
+  {
+    const std::lock_guard lock(mutex_);
+    waiting = takeWaiting(name);
+  }
+  for (const auto& call : waiting) call();
+}
+
+bool Library::awaitBeginning(const std::string& name, std::function<void()> then) {
+  const std::lock_guard lock(mutex_);
+  const auto place = published_.find(name);
+  if (place == published_.end() || !place->second.isBeginning) return false;
+  place->second.waiting.push_back(std::move(then));
+  return true;
 }
 
 void Library::release(const std::string& name) {
+  begun(name);
   {
     const std::lock_guard lock(mutex_);
     published_[name].isActive = false;

@@ -47,21 +47,30 @@ class Library {
   bool isPublished(const std::string& name) const;
   // Takes `name` for one publisher. False if it has one.
   bool claim(const std::string& name);
+  // Its file can be opened.
+  void begun(const std::string& name);
   void release(const std::string& name);
+  // If `name` has a publisher whose file isn't there yet: true, and `then` is called, on any thread, as soon
+  // as it is or the publisher has given up. Else false.
+  bool awaitBeginning(const std::string& name, std::function<void()> then);
   void noteSetup(const std::string& name, u32 time, const Tag& tag);
   // Viewers of `name` look again.
   void wake(const std::string& name);
   void wakeAll();
 
   const PieceCache& cache() const { return cache_; }
+  const LoadFaults& faults() const { return faults_; }
   std::size_t openFiles() const;
   std::vector<std::string> published() const;
 
  private:
   struct Published {
     bool isActive = false;
+    bool isBeginning = false;
+    std::vector<std::function<void()>> waiting;  // For the beginning.
     std::vector<SharedFile::Setup> setups;
   };
+  std::vector<std::function<void()>> takeWaiting(const std::string& name);
   bool mayGrow(const std::string& name, const std::string& path) const;
   nlohmann::ordered_json describe(const std::string& name);
 
@@ -69,6 +78,7 @@ class Library {
   const std::string root_;
   const Pool pool_;
   PieceCache cache_;
+  LoadFaults faults_;
   mutable std::mutex mutex_;
   // Under mutex_.
   Session session_;

@@ -21,12 +21,24 @@ PiecePtr PieceCache::find(const Key& key) {
   return place->second.piece;
 }
 
-void PieceCache::keep(const Key& key, PiecePtr piece) {
-  const std::lock_guard lock(mutex_);
-  if (const auto old = entries_.find(key); old != entries_.end()) drop(old);
-  memory_ += piece->memory();
-  entries_[key] = {std::move(piece), ages_.insert(ages_.begin(), key)};
-  while (memory_ > budget_) drop(entries_.find(ages_.back()));
+void PieceCache::keep(const Key& key, PiecePtr piece, const std::weak_ptr<PieceOwner>& owner,
+                      std::size_t overhead) {
+  std::vector<std::pair<std::weak_ptr<PieceOwner>, i64>> freed;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto free = [&](std::map<Key, Entry>::iterator entry) {
+      freed.emplace_back(entry->second.owner, entry->first.second);
+      drop(entry);
+    };
+    if (const auto old = entries_.find(key); old != entries_.end()) free(old);
+    overhead_ += overhead - std::exchange(overheads_[key.first], overhead);
+    memory_ += piece->memory();
+    entries_[key] = {std::move(piece), owner, ages_.insert(ages_.begin(), key)};
+    while (!ages_.empty() && memory_ + overhead_ > budget_) free(entries_.find(ages_.back()));
+  }
+  for (const auto& [weak, position] : freed) {
+    if (const auto one = weak.lock()) one->onFreed(position);
+  }
 }
 
 void PieceCache::drop(std::map<Key, Entry>::iterator entry) {
@@ -35,11 +47,17 @@ void PieceCache::drop(std::map<Key, Entry>::iterator entry) {
   entries_.erase(entry);
 }
 
-void PieceCache::forget(u64 file) {
+std::vector<i64> PieceCache::forget(u64 file) {
+  std::vector<i64> freed;
   const std::lock_guard lock(mutex_);
+  if (const auto place = overheads_.find(file); place != overheads_.end()) {
+    overhead_ -= place->second;
+    overheads_.erase(place);
+  }
   while (true) {
     const auto entry = entries_.lower_bound({file, 0});
-    if (entry == entries_.end() || entry->first.first != file) return;
+    if (entry == entries_.end() || entry->first.first != file) return freed;
+    freed.push_back(entry->first.second);
     drop(entry);
   }
 }
@@ -47,6 +65,10 @@ void PieceCache::forget(u64 file) {
 std::size_t PieceCache::memory() const {
   const std::lock_guard lock(mutex_);
   return memory_;
+}
+std::size_t PieceCache::overhead() const {
+  const std::lock_guard lock(mutex_);
+  return overhead_;
 }
 u64 PieceCache::hits() const {
   const std::lock_guard lock(mutex_);

@@ -29,7 +29,16 @@ struct Piece {
 };
 using PiecePtr = std::shared_ptr<const Piece>;
 
-// Keeps what was used last, within a budget. Safe from any thread.
+// A file that pieces are of.
+class PieceOwner {
+ public:
+  virtual ~PieceOwner() = default;
+  // Its piece at `position` has left the cache. Called on any thread, with no lock of the cache held.
+  virtual void onFreed(i64 position) = 0;
+};
+
+// Keeps what was used last, within a budget for pieces and what the module holds for their files together.
+// Safe from any thread.
 class PieceCache {
  public:
   explicit PieceCache(std::size_t budget) : budget_(budget) {}
@@ -37,16 +46,20 @@ class PieceCache {
   // A file, numbered by whoever opened it, and a place in it.
   using Key = std::pair<u64, i64>;
   PiecePtr find(const Key& key);
-  void keep(const Key& key, PiecePtr piece);
-  void forget(u64 file);
+  // `overhead`: bytes that the module holds for the file by now.
+  void keep(const Key& key, PiecePtr piece, const std::weak_ptr<PieceOwner>& owner, std::size_t overhead);
+  // Drops all of a file. Returns where its pieces were: its owner isn't called.
+  std::vector<i64> forget(u64 file);
 
-  std::size_t memory() const;
+  std::size_t memory() const;    // Of the pieces.
+  std::size_t overhead() const;  // Of the files.
   u64 hits() const;
   u64 misses() const;
 
  private:
   struct Entry {
     PiecePtr piece;
+    std::weak_ptr<PieceOwner> owner;
     std::list<Key>::iterator age;
   };
   void drop(std::map<Key, Entry>::iterator entry);
@@ -56,7 +69,9 @@ class PieceCache {
   // Under mutex_.
   std::map<Key, Entry> entries_;
   std::list<Key> ages_;  // The one used last in front.
+  std::map<u64, std::size_t> overheads_;
   std::size_t memory_ = 0;
+  std::size_t overhead_ = 0;
   u64 hits_ = 0;
   u64 misses_ = 0;
 };

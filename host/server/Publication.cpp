@@ -29,16 +29,12 @@ std::optional<FileTail> tailOf(Session& session, const RecordTarget& target) {
 
 }  // namespace
 
-Publication::Claim::Claim(Library& of, const std::string& wanted) : library(of), name(wanted) {
-  if (!library.claim(name)) throw AlreadyPublished();
-}
-
-Publication::Publication(Library& library, std::string name)
-    : library_(library),
-      name_(std::move(name)),
-      claim_(library, name_),
-      target_(library.pathOf(name_, false), mirrorOf(name_), Onto::append),
-      session_(recordingOptions(library.options().common)),
+Publication::Publication(std::shared_ptr<const NameClaim> claim)
+    : claim_(std::move(claim)),
+      library_(claim_->library),
+      name_(claim_->name),
+      target_(library_.pathOf(name_, false), mirrorOf(name_), Onto::append),
+      session_(recordingOptions(library_.options().common)),
       reserve_([this](const Tag& tag) { record(tag); }),
       reader_([this](const Tag& tag) {
         // What is appended to has its metadata, or has none, and what came now would not be its head.
@@ -46,7 +42,8 @@ Publication::Publication(Library& library, std::string name)
         reserve_.take(tag);
       }) {
   recording_.emplace(session_, target_,
-                     RecordingOptions{library.options().flushInterval, tailOf(session_, target_)});
+                     RecordingOptions{library_.options().flushInterval, tailOf(session_, target_)});
+  library_.begun(name_);
 }
 
 Publication::~Publication() {

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -12,14 +13,30 @@
 
 namespace orv::host {
 
-// The name is taken already.
-class AlreadyPublished : public std::exception {};
+// A publisher's hold on a name, until destruction.
+class NameClaim {
+ public:
+  // Null if somebody has it.
+  static std::shared_ptr<const NameClaim> take(Library& library, const std::string& name) {
+    if (!library.claim(name)) return nullptr;
+    return std::shared_ptr<const NameClaim>(new NameClaim(library, name));
+  }
+  NameClaim(const NameClaim&) = delete;
+  NameClaim& operator=(const NameClaim&) = delete;
+  ~NameClaim() { library.release(name); }
+
+  Library& library;
+  const std::string name;
+
+ private:
+  NameClaim(Library& of, const std::string& wanted) : library(of), name(wanted) {}
+};
 
 // Goes on behind a file that is there. Used by one thread at a time; every call may block.
 class Publication {
  public:
-  // Throws AlreadyPublished, NotServed, Failure.
-  Publication(Library& library, std::string name);
+  // Throws NotServed, Failure.
+  explicit Publication(std::shared_ptr<const NameClaim> claim);
   Publication(const Publication&) = delete;
   Publication& operator=(const Publication&) = delete;
   // Flushes what came, however the publisher went.
@@ -36,20 +53,13 @@ class Publication {
   std::string finish();
 
  private:
-  struct Claim {
-    Claim(Library& library, const std::string& name);
-    ~Claim() { library.release(name); }
-    Library& library;
-    const std::string name;
-  };
-
   std::string mirrorOf(const std::string& name) const;
   void record(const Tag& tag);
   void wakeViewers();
 
+  const std::shared_ptr<const NameClaim> claim_;
   Library& library_;
-  const std::string name_;
-  const Claim claim_;
+  const std::string& name_;
   RecordTarget target_;
   Session session_;
   std::optional<Recording> recording_;

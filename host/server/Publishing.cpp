@@ -19,8 +19,13 @@ Publishing::Publishing(std::shared_ptr<Client> client, std::string name)
 
 void Publishing::begin() {
   ServerCore& core = client_->core;
+  // At once: whoever asks for the name from now on waits for its file.
+  const auto claim = NameClaim::take(core.library, name_);
+  if (!claim) {
+    return client_->refuse({http::status::conflict, name_ + ": is being published by somebody else"});
+  }
   core.ask(
-      name_, [&core, name = name_] { return std::make_shared<Publication>(core.library, name); },
+      name_, [claim] { return std::make_shared<Publication>(claim); },
       [self = shared_from_this()](auto publication, auto refusal) {
         if (refusal) return self->client_->refuse(*refusal);
         self->publication_ = std::move(*publication);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "host/server/Publication.h"
 #include "host/text/Console.h"
 #include "host/text/Failure.h"
 
@@ -24,16 +23,14 @@ std::string withoutPath(std::string text, const std::string& path, const std::st
 
 ServerCore::ServerCore(ServerOptions given)
     : options(std::move(given)),
-      pool(std::max(1u, options.moduleThreads)),
-      library(options.library, [this](std::function<void()> work) { asio::post(pool, std::move(work)); }) {}
+      library(options.library, [this](std::function<void()> work) { asio::post(pool, std::move(work)); }),
+      pool(std::max(1u, options.moduleThreads)) {}
 
 Refusal ServerCore::refusalNow(const std::string& name) const {
   try {
     throw;
   } catch (const NotServed&) {
     return {http::status::not_found, "nothing of that name is served"};
-  } catch (const AlreadyPublished&) {
-    return {http::status::conflict, name + ": is being published by somebody else"};
   } catch (const Failure& failure) {
     const bool isFiles = failure.code() == ExitCode::fileFault;
     return {isFiles ? http::status::unprocessable_entity : http::status::internal_server_error,
@@ -61,6 +58,12 @@ std::string ServerCore::metrics() const {
   add("sent_bytes_total", "counter", "Bytes of media sent.", counters.bytesSent);
   add("published_bytes_total", "counter", "Bytes of media taken from publishers.", counters.bytesPublished);
   add("cache_bytes", "gauge", "Memory of loaded segments.", library.cache().memory());
+  add("module_bytes", "gauge", "Memory that the module holds for files with loaded segments.",
+      library.cache().overhead());
+  add("damaged_total", "counter", "Byte runs of files that could not be loaded whole.",
+      library.faults().damaged);
+  add("recovered_tags_total", "counter", "Tags found behind damage.", library.faults().recovered);
+  add("failed_loads_total", "counter", "Loads that failed and ended a stream.", library.faults().failed);
   add("cache_hits_total", "counter", "Segments found in memory.", library.cache().hits());
   add("cache_misses_total", "counter", "Segments that had to be loaded.", library.cache().misses());
   return text;

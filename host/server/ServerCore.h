@@ -47,10 +47,11 @@ struct ServerCore {
   void ask(std::string name, Work work, Then then);
   std::string metrics() const;
 
-  // What is under way on the network ends first, and its publications are flushed into the library then.
+  // What is under way on the network ends first, and its publications are flushed into the library then. What
+  // they leave for the pool holds files of the library and is never done, but goes before it.
   const ServerOptions options;
-  asio::thread_pool pool;
   Library library;
+  asio::thread_pool pool;
   Counters counters;  // Of the network's thread.
   std::string player;
   asio::io_context network;

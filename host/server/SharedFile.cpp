@@ -1,5 +1,7 @@
 #include "host/server/SharedFile.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "host/flv/CodecSetups.h"
@@ -10,6 +12,10 @@
 namespace orv::host {
 
 namespace {
+
+// Damage in which no segment is found is looked through for whole tags up to this size: they all become one
+// piece.
+constexpr i64 kMostSearched = 16 << 20;
 
 u32 absolute(const ViewTime& time, u32 duration) {
   if (!time.fromEnd) return time.ms;
@@ -23,11 +29,21 @@ SharedFile::SharedFile(Session& session, const std::string& file, u64 number, Pi
     : number_(number), cache_(cache), around_(std::move(around)), stream_(session.open(file)) {}
 
 SharedFile::~SharedFile() {
-  cache_.forget(number_);
+  for (const i64 position : cache_.forget(number_)) stream_.freeSegment(position);
+}
+
+void SharedFile::onFreed(i64 position) {
+  const std::lock_guard lock(streamMutex_);
+  stream_.freeSegment(position);
 }
 
 bool SharedFile::isReplaced() {
   const std::lock_guard lock(streamMutex_);  // First: what is known to be there by now stands there still.
+  return hasLostItsName();
+}
+
+// The caller holds streamMutex_.
+bool SharedFile::hasLostItsName() const {
   const auto now = lookUp(stream_.name());
   return !now || !now->isSame(stream_.identity()) || now->size < end_;
 }
@@ -82,25 +98,60 @@ void SharedFile::next(i64 position, Ready ready) {
   if (isNew) around_.pool([self = shared_from_this(), position] { self->fetch(position); });
 }
 
+// What the module doesn't deliver of a damaged run is taken from there tag by tag.
+void SharedFile::loadRun(const SegmentBounds& bounds, Piece& piece) {
+  DeliveredTags delivered;
+  const bool isWhole = stream_.load(bounds, [&](const Message& message) {
+    forEachTag(message, [&](const Tag& tag) {
+      delivered.note(tag);
+      if (isKnownType(tag.type)) piece.add(tag);
+    });
+  });
+  if (!isWhole) recover(bounds.startPosition, bounds.endPosition + 1, delivered, piece);
+}
+
+void SharedFile::recover(i64 from, i64 to, const DeliveredTags& delivered, Piece& piece) {
+  if (hasLostItsName()) return;  // It's another file's bytes that made no sense.
+  ++around_.faults.damaged;
+  u64 found = 0;
+  if (to - from <= kMostSearched) {
+    found = LostTags(stream_, from, to).load(delivered, [&](const Message& message) {
+      forEachTag(message, [&](const Tag& tag) {
+        if (isKnownType(tag.type)) piece.add(tag);
+      });
+    });
+  }
+  around_.faults.recovered += found;
+  if (from < std::exchange(toldTo_, std::max(toldTo_, to))) return;
+  tell(fmt::format("{}: damaged between byte {} and byte {}; tags found behind the damage: {}",
+                   stream_.name(), from, to - 1, found));
+}
+
 // Null where nothing stands behind `position` yet. What is damaged is gone past.
 PiecePtr SharedFile::load(i64 position) {
   const std::lock_guard lock(streamMutex_);
   SegmentWalk walk(stream_, position);
   end_ = std::max(end_, walk.end());
-  while (auto bounds = walk.next()) {
-    // What ended at the file's old end is found as one segment with what was loaded of it.
-    bounds->startPosition = std::max(bounds->startPosition, position);
-    auto piece = std::make_shared<Piece>();
-    piece->bytes.reserve(static_cast<std::size_t>(bounds->endPosition - bounds->startPosition + 1));
-    stream_.load(*bounds, [&](const Message& message) {
-      forEachTag(message, [&](const Tag& tag) {
-        if (isKnownType(tag.type)) piece->add(tag);
-      });
-    });
+  const auto piece = std::make_shared<Piece>();
+  while (piece->bytes.empty() && walk.position() < walk.end()) {
+    const std::size_t gaps = walk.gaps().size();
+    auto bounds = walk.next();
+    if (walk.gaps().size() > gaps) recover(walk.gaps().back().begin, walk.gaps().back().end, {}, *piece);
+    if (bounds) {
+      // What ended at the file's old end is found as one segment with what was loaded of it.
+      bounds->startPosition = std::max(bounds->startPosition, position);
+      piece->bytes.reserve(static_cast<std::size_t>(bounds->endPosition - bounds->startPosition + 1));
+      loadRun(*bounds, *piece);
+    }
     piece->next = walk.position();
-    if (!piece->bytes.empty()) return piece;
   }
-  return nullptr;
+  overhead_ = stream_.memoryOverhead();
+  // The module reads by name: what came of another file's bytes goes nowhere.
+  if (hasLostItsName()) {
+    isOver_ = true;
+    return nullptr;
+  }
+  return piece->bytes.empty() ? nullptr : piece;
 }
 
 void SharedFile::fetch(i64 position) {
@@ -110,14 +161,19 @@ void SharedFile::fetch(i64 position) {
     wakesBefore = wakes_;
   }
   // First: what a recording leaves behind at its end is still loaded.
-  const bool isLive = !isOver_ && around_.isLive();
+  const bool mayGrow = !isOver_ && around_.isLive();
   PiecePtr piece;
   try {
     if (!isOver_) piece = load(position);
   } catch (const std::exception& fault) {
+    if (!mayGrow) ++around_.faults.failed;
     tell(fault.what());
   }
-  if (piece) cache_.keep({number_, position}, piece);
+  const bool isLive = mayGrow && !isOver_;
+  if (piece) {
+    const std::size_t overhead = with([this](Stream&) { return overhead_; });
+    cache_.keep({number_, position}, piece, weak_from_this(), overhead);
+  }
   std::vector<Ready> ready;
   {
     const std::lock_guard lock(mutex_);

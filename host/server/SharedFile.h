@@ -10,18 +10,26 @@
 #include <optional>
 #include <vector>
 
+#include "host/module/LostTags.h"
 #include "host/module/PlayOut.h"
 #include "host/server/Piece.h"
 #include "host/server/Request.h"
 
 namespace orv::host {
 
+// What loads came to that met damage.
+struct LoadFaults {
+  std::atomic<u64> damaged{0};    // Byte runs that couldn't be loaded whole.
+  std::atomic<u64> recovered{0};  // Tags found behind damage all the same.
+  std::atomic<u64> failed{0};     // Loads that ended a viewer's stream.
+};
+
 // Runs work on a thread that may block.
 using Pool = std::function<void(std::function<void()>)>;
 
 // Each piece is loaded once for all who want it, those that ask while it is being loaded included. Safe from
 // any thread.
-class SharedFile : public std::enable_shared_from_this<SharedFile> {
+class SharedFile final : public PieceOwner, public std::enable_shared_from_this<SharedFile> {
  public:
   // Gets the next piece, or null where the file ends for good. Called on any thread, with no lock held;
   // not once `owner` has gone, which it may do meanwhile.
@@ -44,10 +52,11 @@ class SharedFile : public std::enable_shared_from_this<SharedFile> {
     std::function<bool()> isLive;  // Whether more may come.
     std::function<std::vector<Setup>()>
         setups;  // Codec set-ups that are known to stand behind the file's front.
+    LoadFaults& faults;
   };
 
   SharedFile(Session& session, const std::string& file, u64 number, PieceCache& cache, Surroundings around);
-  ~SharedFile();
+  ~SharedFile() override;
 
   // These block: for the pool's threads. Throw Failure.
   Start start(std::optional<ViewTime> from, std::optional<ViewTime> to);
@@ -66,8 +75,12 @@ class SharedFile : public std::enable_shared_from_this<SharedFile> {
   // Another file has taken the name: viewers that go on get no more.
   void endHere();
   bool hasWaiting() const;
+  void onFreed(i64 position) override;
 
  private:
+  bool hasLostItsName() const;
+  void loadRun(const SegmentBounds& bounds, Piece& piece);
+  void recover(i64 from, i64 to, const DeliveredTags& delivered, Piece& piece);
   void fetch(i64 position);
   PiecePtr load(i64 position);
   std::vector<OwnedTag> setupsBefore(u32 time, const PlayStart& place);
@@ -77,8 +90,10 @@ class SharedFile : public std::enable_shared_from_this<SharedFile> {
   PieceCache& cache_;
   const Surroundings around_;
   std::mutex streamMutex_;
-  Stream stream_;  // Under streamMutex_.
-  i64 end_ = 0;    // Under streamMutex_: up to here the file is known to reach.
+  Stream stream_;             // Under streamMutex_.
+  i64 end_ = 0;               // Under streamMutex_: up to here the file is known to reach.
+  i64 toldTo_ = 0;            // Under streamMutex_: damage before it has been reported.
+  std::size_t overhead_ = 0;  // Under streamMutex_.
   mutable std::mutex mutex_;
   // Under mutex_.
   std::map<i64, std::vector<Ready>> wanted_;   // Being loaded.

@@ -15,7 +15,20 @@ constexpr std::size_t kSlice = 64 << 10;
 
 }  // namespace
 
+// A publisher that has only just come makes its file meanwhile.
 void Viewing::begin() {
+  ServerCore& core = client_->core;
+  const bool waits = core.library.awaitBeginning(request_.name, [self = shared_from_this(), &core] {
+    asio::post(core.network, [self] {
+      self->client_->expectNothing();
+      self->open();
+    });
+  });
+  if (!waits) return open();
+  client_->expectWithin(core.options.patience);
+}
+
+void Viewing::open() {
   ServerCore& core = client_->core;
   core.ask(
       request_.name, [&core, name = request_.name] { return core.library.open(name); },

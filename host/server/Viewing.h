@@ -22,6 +22,7 @@ class Viewing : public std::enable_shared_from_this<Viewing> {
   void begin();
 
  private:
+  void open();
   void waitForFirst();
   void start();
   void sendHead(SharedFile::Start start);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <thread>
 #include <utility>
 
@@ -61,6 +62,11 @@ class Running {
   bool hasTakenAll() const {
     int waiting = 0;
     return ::ioctl(input_, FIONREAD, &waiting) == 0 && waiting == 0;
+  }
+  u64 memory() const {  // Resident, in pages.
+    u64 size = 0, resident = 0;
+    std::ifstream("/proc/" + std::to_string(child_) + "/statm") >> size >> resident;
+    return resident;
   }
   void signal(int number) const { ::kill(child_, number); }
   // Its input ends, and it is waited for.

@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <deque>
 #include <nlohmann/json.hpp>
 
 #include "Movie.h"
@@ -70,16 +71,25 @@ TEST(PieceCache, keepsWhatWasUsedLastWithinItsBudget) {
     made->bytes.resize(1000);
     return made;
   };
+  struct Owner : PieceOwner {
+    void onFreed(i64 position) override { freed.push_back(position); }
+    std::vector<i64> freed;
+  };
+  const auto owner = std::make_shared<Owner>();
   PieceCache cache(2 * piece()->memory() + 10);
-  cache.keep({1, 0}, piece());
-  cache.keep({1, 5}, piece());
+  cache.keep({1, 0}, piece(), owner, 1);
+  cache.keep({1, 5}, piece(), owner, 3);
   EXPECT_TRUE(cache.find({1, 0}));
-  cache.keep({2, 0}, piece());
+  EXPECT_EQ(cache.overhead(), 3u);
+  cache.keep({2, 0}, piece(), owner, 7);
   EXPECT_TRUE(cache.find({1, 0}) && cache.find({2, 0}));
   EXPECT_FALSE(cache.find({1, 5})) << "the one used least recently";
-  cache.forget(1);
-  EXPECT_FALSE(cache.find({1, 0}));
-  EXPECT_EQ(cache.memory(), piece()->memory());
+  EXPECT_EQ(owner->freed, std::vector<i64>{5});
+  cache.keep({2, 9}, piece(), owner, 8);
+  EXPECT_EQ(owner->freed, (std::vector<i64>{5, 0, 0})) << "one byte beyond the budget with what files hold";
+  EXPECT_EQ(cache.forget(2), std::vector<i64>{9});
+  EXPECT_EQ(cache.memory(), 0u);
+  EXPECT_EQ(cache.overhead(), 3u);
 }
 
 // A connection that sends what the test says, and reads as slowly.
@@ -192,13 +202,20 @@ TEST_F(Server, playsWhatTheCommandPlays) {
   const FlvBuilder source = movie(1500);
   film("film.flv", source.bytes());
   film("torn.flv", Bytes(source.bytes().begin(), source.bytes().begin() + 600'007));
+  Bytes damaged = source.bytes();
+  std::fill_n(damaged.begin() + 400'000, 5'000, u8{0xEE});
+  film("damaged.flv", damaged);
   start();
   EXPECT_EQ(bodyOf(ask("GET /film.flv")), str(source.bytes()));
-  const auto played = [&](std::vector<std::string> more) {
-    std::vector<std::string> args{"play", dir.path("film.flv"), "-o", "-"};
+  const auto played = [&](std::vector<std::string> more, const char* name = "film.flv") {
+    std::vector<std::string> args{"play", dir.path(name), "-o", "-"};
     args.insert(args.end(), more.begin(), more.end());
     return flvhost(args).out;
   };
+  EXPECT_EQ(metric("damaged_total"), "0");
+  EXPECT_TRUE(bodyOf(ask("GET /damaged.flv")) == played({}, "damaged.flv"));
+  EXPECT_NE(metric("damaged_total"), "0");
+  EXPECT_NE(metric("recovered_tags_total"), "0");
   EXPECT_EQ(bodyOf(ask("GET /film.flv?from=12.5&to=20")), played({"--from", "12.5", "--to", "20"}));
   EXPECT_EQ(bodyOf(ask("GET /film.flv?from=-3s")), played({"--from", "26.98"}));
   EXPECT_EQ(tagsOf(bodyOf(ask("GET /torn.flv"))).size(), 590u);
@@ -313,6 +330,51 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   EXPECT_THAT(checked.out, HasSubstr("checked   2696 tags"));
 }
 
+TEST(Library, tellsThoseWhoCameBeforeAPublishersFile) {
+  const TempDir dir;
+  LibraryOptions options;
+  options.folder = dir.path("");
+  options.common.module = FLV_MODULE_PATH;
+  Library library(options, [](const std::function<void()>& work) { work(); });
+  int calls = 0;
+  const auto waits = [&] { return library.awaitBeginning("a.flv", [&] { ++calls; }); };
+  EXPECT_FALSE(waits());
+  EXPECT_TRUE(library.claim("a.flv"));
+  EXPECT_FALSE(library.claim("a.flv"));
+  EXPECT_TRUE(waits() && waits());
+  EXPECT_EQ(calls, 0);
+  library.begun("a.flv");
+  EXPECT_EQ(calls, 2);
+  EXPECT_FALSE(waits());
+  library.release("a.flv");
+  EXPECT_TRUE(library.claim("a.flv") && waits());
+  library.release("a.flv");
+  EXPECT_EQ(calls, 3) << "the publisher gave up";
+}
+
+// What waits with a viewer at the end of the file when the server is stopped is flushed all the same.
+TEST_F(Server, viewersMayComeBeforeTheFileAndStayToTheEnd) {
+  start([](ServerOptions& options) { options.library.flushInterval = std::chrono::hours(1); });
+  const FlvBuilder film = movie(50);
+  const std::string put = " HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + str(film.bytes());
+  std::deque<Wire> publishers, viewers;
+  for (int i = 0; i < 20; ++i) {
+    const std::string name = "/live" + std::to_string(i) + ".flv";
+    publishers.emplace_back(port, "PUT " + name + put);
+    viewers.emplace_back(port, "GET " + name + " HTTP/1.0\r\n\r\n");
+  }
+  const u64 sent = 20 * film.bytes().size();
+  ASSERT_TRUE(eventually([&] { return std::stoul(metric("published_bytes_total")) == sent; }));
+  EXPECT_EQ(metric("viewers"), "20");
+  EXPECT_EQ(metric("refused_total"), "0");
+  stop();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(tagsOf(str(TempDir::read(dir.path("live" + std::to_string(i) + ".flv")))).size(),
+              film.tags().size() + 1)
+        << "the metadata's place in front";
+  }
+}
+
 TEST_F(Server, viewersOfAFileThatIsReplacedGetToItsEnd) {
   const FlvBuilder source = movie(100);
   const std::string bytes = str(source.bytes());
@@ -326,17 +388,24 @@ TEST_F(Server, viewersOfAFileThatIsReplacedGetToItsEnd) {
   EXPECT_TRUE(eventually([&] { return metric("viewers") == "0"; }));
 }
 
+std::vector<std::string> serving(const TempDir& dir) {
+  return {"serve", dir.path(""), "--listen", "127.0.0.1:0", "--allow-publish", "--flush-every", "1ms"};
+}
+
+u16 portOf(const Running& server) {
+  EXPECT_TRUE(eventually([&] { return server.out().find("/\n") != std::string::npos; })) << server.out();
+  const std::string out = server.out();
+  return static_cast<u16>(std::stoi(out.substr(out.rfind(':') + 1)));
+}
+
 // Killed under load; FLV_KILLS tells how often (default 3). What a viewer was sent had been flushed before.
 TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
   const char* const wish = std::getenv("FLV_KILLS");
   const FlvBuilder film = movie(6000, FlvBuilder().tag(18, 0, onMetaData()));
   for (int kill = 0; kill < (wish ? std::atoi(wish) : 3); ++kill) {
     const TempDir dir;
-    Running server(
-        {"serve", dir.path(""), "--listen", "127.0.0.1:0", "--allow-publish", "--flush-every", "1ms"});
-    ASSERT_TRUE(eventually([&] { return server.out().find("/\n") != std::string::npos; })) << server.out();
-    const std::string out = server.out();
-    const u16 port = static_cast<u16>(std::stoi(out.substr(out.rfind(':') + 1)));
+    Running server(serving(dir));
+    const u16 port = portOf(server);
     const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n");
     std::thread sender([&] { publisher.send(str(film.bytes())); });
     const std::string name = dir.path("live.flv");
@@ -361,6 +430,57 @@ TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
     ASSERT_GE(kept.size(), shown.size()) << played.err;
     for (std::size_t i = 1; i < kept.size(); ++i) ASSERT_EQ(kept[i], tagOf(film, i)) << i;
   }
+}
+
+// 24 hours of times as fast as they are taken, over the end of the 32 bits, with the file renamed away each
+// six hours. FLV_DAY_STEP_MS is the time from tag to tag (default 8000).
+TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
+  constexpr u32 kHour = 3'600'000, kParts = 4;
+  const char* const wish = std::getenv("FLV_DAY_STEP_MS");
+  const u32 step = wish ? static_cast<u32>(std::atoi(wish)) : 8000, count = 24 * kHour / step;
+  const TempDir dir;
+  Running server(serving(dir));
+  const u16 port = portOf(server);
+  const auto timeOf = [&](u32 i) { return i * step - 12 * kHour; };
+  const auto part = [&](u32 i) { return dir.path("part" + std::to_string(i) + ".flv"); };
+  const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: " +
+                                 std::to_string(13 + u64{count} * (100 + flv::kTagOverhead)) + "\r\n\r\n" +
+                                 str(FlvBuilder().bytes()));
+  u64 memory[kParts] = {};
+  for (u32 i = 0, at = 0; i < kParts; ++i) {
+    while (at < count / kParts * (i + 1)) {
+      Bytes tags;
+      for (const u32 end = std::min(at + 1000, count / kParts * (i + 1)); at < end; ++at)
+        for (const u8 byte :
+             tagBytes(flv::kTypeAudio, timeOf(at), orv::test::payload(flv::kTypeAudio, 100, at)))
+          tags.push_back(byte);
+      publisher.send(str(tags));
+    }
+    ASSERT_TRUE(eventually([&] {
+      const std::string answer = Wire(port, "GET /live.json HTTP/1.0\r\n\r\n").rest();
+      const auto json = nlohmann::json::parse(bodyOf(answer), nullptr, false);
+      return json.is_object() && json["duration"]["ms"] == timeOf(at - 1);
+    }));
+    memory[i] = server.memory();
+    if (i + 1 < kParts) std::filesystem::rename(dir.path("live.flv"), part(i));
+  }
+  EXPECT_THAT(publisher.until("flush"), HasSubstr("200 OK"));
+  std::filesystem::rename(dir.path("live.flv"), part(kParts - 1));
+  EXPECT_LT(memory[3], memory[1] + 1024) << "pages after 24 and after 12 hours";
+
+  u32 next = 0;
+  for (u32 i = 0; i < kParts; ++i) {
+    const Outcome checked = flvhost({"check", part(i)});
+    EXPECT_EQ(checked.exitCode, 0) << checked.out << checked.err;
+    for (const auto& tag : tagsOf(flvhost({"play", part(i), "-o", "-"}).out)) {
+      if (tag.type != flv::kTypeAudio) continue;
+      ASSERT_EQ(tag,
+                (orv::test::Message{tag.type, timeOf(next), orv::test::payload(flv::kTypeAudio, 100, next)}))
+          << next;
+      ++next;
+    }
+  }
+  EXPECT_EQ(next, count);
 }
 
 TEST_F(Server, clientsThatTakeNothingAreDroppedAndThoseThatLeaveForgotten) {
