@@ -1,14 +1,17 @@
-// What the benchmarks of recordings share: a stopwatch, and a folder for their files.
+// What benchmarks share: a stopwatch, the kernel's counts, and a folder for their files.
 
 #pragma once
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+
+#include "platform/Types.h"
 
 namespace orv::bench {
 
@@ -36,6 +39,20 @@ class Stopwatch {
   double last_ = 0;
   double total_ = 0;
 };
+
+// Page faults of the process, so far.
+inline i64 pageFaults() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_minflt;
+}
+
+// How often the thread has given up the processor to wait for something, so far.
+inline i64 threadWaits() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;
+}
 
 // A folder in FLV_BENCH_DIR, or else in the temporary directory; removed with its files.
 class Folder {

@@ -12,8 +12,6 @@ namespace {
 constexpr u32 kMaxReadSize = 0x100000;
 // What a read at one place takes in around it: a size field and the tag header behind it, or in front of it.
 constexpr u32 kMargin = 64;
-// A tag up to this long is taken to have neighbours of its length, and they are read along with its ends.
-constexpr i64 kNeighbourhood = 24576;
 
 // Looks at what the file can't serve, such as a size field that its end has cut.
 constexpr u32 kMaxPlainReads = 64;
@@ -88,16 +86,14 @@ void SearchWindow::prefetch(i64 position) const {
 
 u32 SearchWindow::read(i64 position, u8* data, u32 size, bool raise) {
   if (position >= 0) {
-    const i64 jump = position - lastRead_;
-    lastRead_ = position;
     const View* known = find(position, size);
     View loaded;
     if (!known) {
-      const i64 reach = kMargin + (std::abs(jump) <= kNeighbourhood ? std::abs(jump) : 0);
-      const i64 start = jump > 0 ? position : position - (reach - kTagHeaderSize);
-      loaded = load(start, static_cast<u32>(reach), position);
+      const bool isBehind = position > lastRead_;
+      loaded = load(isBehind ? position : position - (kMargin - kTagHeaderSize), kMargin, position);
       known = &loaded;
     }
+    lastRead_ = position;
     if (known->holds(position, size)) {
       std::memcpy(data, known->at(position), size);
       return size;
