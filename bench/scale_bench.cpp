@@ -5,11 +5,11 @@
 // are made in FLV_BENCH_DIR, or else in the temporary directory, and removed.
 
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "BenchTools.h"
@@ -23,18 +23,14 @@ namespace {
 using namespace orv;
 using namespace orv::test;
 using bench::Folder;
+using bench::pageFaults;
 using bench::Stopwatch;
+using bench::threadWaits;
 
 double residentBytes() {
   long pages = 0, resident = 0;
   std::ifstream("/proc/self/statm") >> pages >> resident;
   return static_cast<double>(resident * sysconf(_SC_PAGESIZE));
-}
-
-double pageFaults() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_minflt);
 }
 
 // --- Open and idle -----------------------------------------------------------------------------------------
@@ -103,41 +99,48 @@ void playThrough(benchmark::State& state) {
 
 constexpr u32 kTagsAFlush = 250;
 
+// A tag of each stream in turn, then a flush of each. A stream goes on with its next tag straight after its
+// flush, as those of a server do, or, with `late`, once all are flushed. The first interval, which takes the
+// memory, isn't counted.
 void recordInTurn(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   const Bytes message = payload(flv::kTypeVideo, static_cast<u32>(state.range(1)), 1);
+  const bool late = state.range(2) != 0;
   const Folder folder;
   DiskHost host;
   host.settings["AutoBufferReadSize"] = "16384";
   flv::FLVAdaptor adaptor(&host);
   std::vector<std::unique_ptr<Stream>> streams;
   const double before = residentBytes();
-  for (std::size_t i = 0; i < count; ++i) {
+  for (std::size_t i = 0; i < count; ++i)
     streams.push_back(std::make_unique<Stream>(adaptor, folder.film(std::to_string(i)), Stream::record));
-  }
-  double faults = 0, held = 0;
-  for (auto _ : state) {
-    for (u32 tag = 0; tag < kTagsAFlush; ++tag) {
+  i64 staged = 0, flushed = 0;  // Page faults.
+  double held = 0;
+  const auto interval = [&] {
+    const i64 atFirst = pageFaults();
+    for (u32 tag = 1; tag < kTagsAFlush; ++tag) {
       for (const auto& stream : streams) stream->stage(flv::kTypeVideo, 40 * tag, message);
     }
     held = residentBytes() - before;
-    const double faultsBefore = pageFaults();
+    const i64 between = pageFaults();
     for (const auto& stream : streams) {
       if (!stream->flush()) state.SkipWithError("can't be flushed");
-      stream->stage(flv::kTypeVideo, 0, message);
+      if (!late) stream->stage(flv::kTypeVideo, 0, message);
     }
-    faults += pageFaults() - faultsBefore;
-    state.PauseTiming();
-    for (const auto& stream : streams) adaptor.erase(stream->handle);
-    streams.clear();
-    for (std::size_t i = 0; i < count; ++i)
-      streams.push_back(std::make_unique<Stream>(adaptor, folder.film(std::to_string(i)), Stream::record));
-    state.ResumeTiming();
-  }
+    for (const auto& stream : streams) {
+      if (late) stream->stage(flv::kTypeVideo, 0, message);
+    }
+    staged += between - atFirst;
+    flushed += pageFaults() - between;
+  };
+  interval();
+  staged = flushed = 0;
+  for (auto _ : state) interval();
   const auto flushes = static_cast<double>(state.iterations()) * static_cast<double>(count);
   state.counters["bytes"] = held / static_cast<double>(count);
   state.counters["staged"] = kTagsAFlush * static_cast<double>(message.size() + flv::kTagOverhead);
-  state.counters["faults"] = faults / flushes;
+  state.counters["faults_staging"] = static_cast<double>(staged) / flushes;
+  state.counters["faults_flush"] = static_cast<double>(flushed) / flushes;
 }
 
 // One recording whose intervals are large, flush behind flush.
@@ -152,7 +155,7 @@ void recordLargeIntervals(benchmark::State& state) {
     for (u32 bytes = 0; bytes < staged; bytes += 40'000) stream->stage(flv::kTypeVideo, 1, message);
     if (!stream->flush()) state.SkipWithError("can't be flushed");
   };
-  double faults = 0;
+  i64 faults = 0;
   for (u32 i = 0; auto _ : state) {
     if (i++ % 16 == 0) {
       state.PauseTiming();
@@ -163,11 +166,11 @@ void recordLargeIntervals(benchmark::State& state) {
       interval();
       state.ResumeTiming();
     }
-    const double before = pageFaults();
+    const i64 before = pageFaults();
     interval();
     faults += pageFaults() - before;
   }
-  state.counters["faults"] = faults / static_cast<double>(state.iterations());
+  state.counters["faults"] = static_cast<double>(faults) / static_cast<double>(state.iterations());
   state.SetBytesProcessed(state.iterations() * staged);
 }
 
@@ -206,29 +209,61 @@ void millionTags(benchmark::State& state) {
 
 // --- Threads -----------------------------------------------------------------------------------------------
 
-// Each stages into a stream of its own. Where no lock is shared, the processor time of a tag stays as it is
-// for one thread.
-void threadsWithStreams(benchmark::State& state) {
+enum class Road { stage, look, load };
+
+// Each thread works with a stream of its own. "waits" counts how often a thread gave up the processor to wait
+// for something, in a thousand steps; "cpu_us" is the processor time of a step. Where no lock is shared
+// nobody waits. With `locked` the steps share one, to show what the counters would say.
+template <Road road, bool locked>
+void threads(benchmark::State& state) {
   static std::unique_ptr<Folder> folder;
   static std::unique_ptr<DiskHost> host;
   static std::unique_ptr<flv::FLVAdaptor> adaptor;
+  static std::mutex lock;
   if (state.thread_index() == 0) {
     folder = std::make_unique<Folder>();
     host = std::make_unique<DiskHost>();
     adaptor = std::make_unique<flv::FLVAdaptor>(host.get());
+    const FlvBuilder film = FlvBuilder().constantRate(4 << 20);
+    std::ofstream(*folder / "film.flv", std::ios::binary)
+        .write(reinterpret_cast<const char*>(film.bytes().data()), film.size());
   }
-  const Bytes message = payload(flv::kTypeVideo, 40, 1);
+  constexpr bool records = road == Road::stage;
+  const Bytes message = payload(flv::kTypeVideo, 400, 1);
   std::unique_ptr<Stream> stream;
+  std::vector<SegmentBounds> segments;
+  Discard holder;
+  const auto step = [&](u32 i) {
+    std::unique_lock shared(lock, std::defer_lock);
+    if (locked) shared.lock();
+    if (records) {
+      for (u32 tag = 0; tag < kTagsAFlush; ++tag) stream->stage(flv::kTypeVideo, i + tag, message);
+    } else if (road == Road::look) {
+      for (const SegmentBounds& segment : segments)
+        benchmark::DoNotOptimize(stream->atTime(segment.startTime));
+    } else {
+      adaptor->loadSegment(stream->handle, &segments[i % segments.size()], &holder);
+    }
+  };
+  Stopwatch working;
+  i64 waits = 0;
   for (u32 i = 0; auto _ : state) {
     if (!stream) {  // Behind the barrier that follows the set-up.
-      stream = std::make_unique<Stream>(*adaptor, folder->film(std::to_string(state.thread_index())),
-                                        Stream::record);
+      const std::string name = records ? std::to_string(state.thread_index()) : "film";
+      stream =
+          std::make_unique<Stream>(*adaptor, folder->film(name), records ? Stream::record : Stream::play);
+      if (!records) segments = stream->walk();
     }
-    for (u32 tag = 0; tag < kTagsAFlush; ++tag) stream->stage(flv::kTypeVideo, i + tag, message);
-    if (++i % 8 == 0 && !stream->flush()) state.SkipWithError("can't be flushed");
+    const i64 before = threadWaits();
+    working.time([&] { step(i); });
+    waits += threadWaits() - before;
+    if (++i % 8 == 0 && records && !stream->flush()) state.SkipWithError("can't be flushed");
   }
   stream.reset();
-  state.SetItemsProcessed(state.iterations() * kTagsAFlush);
+  const auto steps = static_cast<double>(state.iterations());  // Of one thread.
+  using benchmark::Counter;
+  state.counters["cpu_us"] = Counter(working.total() / steps * 1e6, Counter::kAvgThreads);
+  state.counters["waits"] = Counter(static_cast<double>(waits) / steps * 1000, Counter::kAvgThreads);
 }
 
 BENCHMARK(openStreams)->Arg(1000)->Arg(10'000)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -240,13 +275,15 @@ BENCHMARK(playThrough)
     ->Arg(294912)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(recordInTurn)
-    ->ArgNames({"streams", "bytes"})
-    ->Args({200, 400})
-    ->Args({200, 2100})
-    ->Iterations(4)
+    ->ArgNames({"streams", "bytes", "late"})
+    ->ArgsProduct({{200}, {400, 2100}, {0, 1}})
+    ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(recordLargeIntervals)->ArgName("MiB")->Arg(1)->Arg(4)->Arg(12)->Unit(benchmark::kMillisecond);
 BENCHMARK(millionTags)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(threadsWithStreams)->ThreadRange(1, 16)->Iterations(400)->Unit(benchmark::kMicrosecond);
+BENCHMARK(threads<Road::stage, false>)->ThreadRange(1, 16)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(threads<Road::stage, true>)->Threads(16)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(threads<Road::look, false>)->ThreadRange(1, 16)->Iterations(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(threads<Road::load, false>)->ThreadRange(1, 16)->Iterations(1000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

@@ -9,7 +9,7 @@ packages_of() {
     build) echo g++ cmake ninja-build ccache libboost-dev libboost-context-dev libboost-filesystem-dev \
       libboost-thread-dev libcli11-dev nlohmann-json3-dev libfmt-dev libcurl4-openssl-dev ;;
     test) echo libgtest-dev libgmock-dev binutils pkg-config ;;
-    bench) echo libbenchmark-dev libboost-fiber-dev libmimalloc2.0 libtcmalloc-minimal4 ;;
+    bench) echo libbenchmark-dev libboost-fiber-dev libavformat-dev pkg-config libmimalloc2.0 libtcmalloc-minimal4 ;;
     lint) echo clang-format clang-tidy ;;
     clang) echo clang libclang-rt-dev ;;
     coverage) echo clang libclang-rt-dev llvm ;;
