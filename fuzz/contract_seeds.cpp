@@ -1,5 +1,5 @@
 #include "RandomSeeds.h"
 
 int main(int argc, char** argv) {
-  return orv::test::writeRandomSeeds(argc, argv, 60, 1400);
+  return orv::test::writeRandomSeeds(argc, argv, 240, 1400);
 }

@@ -1,9 +1,11 @@
 // First inputs for file_fuzz: sound films and broken ones.
 
+#include <cstdlib>
 #include <fstream>
 #include <string>
 
 #include "support/FlvBuilder.h"
+#include "support/Random.h"
 
 using namespace orv::test;
 
@@ -24,11 +26,27 @@ int main(int argc, char** argv) {
                           {5, 200, 9, 1, 0, 0, 0, 0},    {18, 255, 0, 0, 0, 9, 0, 0},
                           {0xC0, 250, 0, 0, 0, 4, 0, 9}, {0xCE, 255, 0, 0, 0, 0, 1, 0}};
   int number = 0;
+  const auto write = [&](const Bytes& head, const Bytes& film) {
+    std::ofstream out(std::string(argv[1]) + "/film" + std::to_string(number++), std::ios::binary);
+    out.write(reinterpret_cast<const char*>(head.data()), static_cast<std::streamsize>(head.size()));
+    out.write(reinterpret_cast<const char*>(film.data()), static_cast<std::streamsize>(film.size()));
+    if (!out) std::exit(1);
+  };
   for (const Bytes& film : kFilms)
-    for (const Bytes& head : kHeads) {
-      std::ofstream out(std::string(argv[1]) + "/film" + std::to_string(number++), std::ios::binary);
-      out.write(reinterpret_cast<const char*>(head.data()), static_cast<std::streamsize>(head.size()));
-      out.write(reinterpret_cast<const char*>(film.data()), static_cast<std::streamsize>(film.size()));
-      if (!out) return 1;
+    for (const Bytes& head : kHeads) write(head, film);
+  // Each byte flipped, and noise of one byte or of all, behind a header and some tags.
+  Random random(5);
+  for (std::size_t at = 0; at < small.bytes().size(); ++at) {
+    Bytes flipped = small.bytes();
+    flipped[at] ^= static_cast<u8>(1 + random.below(255));
+    write(kHeads[0], flipped);
+  }
+  for (const u32 size : {1u, 12u, 5000u, 400'000u}) {
+    for (const int fill : {-1, 0x00, 0x08, 0x09, 0xFF}) {
+      Bytes noise(size);
+      for (u8& byte : noise) byte = static_cast<u8>(fill < 0 ? random() : static_cast<u32>(fill));
+      for (const FlvBuilder& before : {FlvBuilder(), small})
+        write(kHeads[0], FlvBuilder(before).raw(noise).bytes());
     }
+  }
 }

@@ -216,6 +216,7 @@ class Sweep {
   static bool opens(Scene& scene, Stream::Mode mode) {
     void* handle = nullptr;
     const bool opened = scene.adaptor->open(kName, mode, nullptr, handle) == StreamLoadOk;
+    HOLDS(opened == (handle != nullptr));
     scene.adaptor->close(handle);
     return opened;
   }

@@ -1,5 +1,6 @@
 // A recording session alone, held against a model that knows each byte of the file: the header, the tags in
-// the order of their calls, the flags, and the metadata as each flush brings it up to date.
+// the order of their calls, the flags, and the metadata as each flush brings it up to date. A player beside
+// it finds each flush, and nothing before.
 //
 // The input decides messages, flushes, and when the handle is closed and another goes on.
 
@@ -26,6 +27,9 @@ constexpr std::size_t kSeekEnd = 4, kAudio = kSeekEnd + 15 + 8, kVideo = kAudio 
 class Model {
  public:
   Bytes file;
+  std::vector<Message> tags;  // In the file, but for data at time 0: it may be a record of the head.
+
+  u32 lastTime() const { return duration_; }
 
   // A new handle: it knows of the file what a scan finds, and no codec yet.
   void open() {
@@ -70,14 +74,16 @@ class Model {
     flags_ = 0;
     duration_ = 0;
     metadata_.reset();
+    tags.clear();
     bool isHead = true;
-    int tags = 0;
-    for (std::size_t at = flv::kFirstTagPosition; at < file.size(); ++tags) {
+    int count = 0;
+    for (std::size_t at = flv::kFirstTagPosition; at < file.size(); ++count) {
       const flv::TagHeader tag{&file[at]};
       const Bytes payload(&file[at] + flv::kTagHeaderSize, &file[at] + flv::kTagHeaderSize + tag.dataSize());
-      isHead &= tag.time() == 0 && tags < 20;
+      isHead &= tag.time() == 0 && count < 20;
       if (isHead && !metadata_ && isMetadata(tag.typeByte(), tag.time(), payload)) metadata_ = at;
       duration_ = tag.time();
+      if (tag.typeByte() != 18 || tag.time() != 0) tags.push_back({tag.typeByte(), tag.time(), payload});
       at += tag.dataSize() + flv::kTagOverhead;
     }
   }
@@ -123,6 +129,17 @@ Message randomTag(Choices& choose, u32* time) {
   return {type, *time, std::move(data)};
 }
 
+void expectPlayed(Stream& player, const Model& model) {
+  HOLDS(player.size() == static_cast<i64>(model.file.size()));
+  HOLDS(player.duration() == model.lastTime());
+  HOLDS(player.type() == model.file[flv::kTypeFlagsPosition]);
+  std::vector<Message> found;
+  for (const SegmentBounds& bounds : player.walk())
+    for (Message& tag : player.load(bounds))
+      if (tag.type != 18 || tag.time != 0) found.push_back(std::move(tag));
+  HOLDS(found == model.tags);
+}
+
 }  // namespace
 }  // namespace orv::test
 
@@ -131,13 +148,16 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
   Choices choose(data, size);
   MemoryHost host;
   if (choose.oneIn(2)) host.settings["AutoBufferReadSize"] = "1024";
+  host.settings["EnableAggMsgs"] = "false";
   orv::flv::FLVAdaptor adaptor(&host);
+  std::optional<Stream> player;
   Model model;
   u32 time = 0;
   for (u32 steps = 0; steps < kMostSteps && !choose.empty();) {
     Stream stream(adaptor, kName, Stream::record);
     HOLDS(stream);
     model.open();
+    if (!player) player.emplace(adaptor, kName);
     for (bool more = true; more && steps < kMostSteps && !choose.empty(); ++steps) {
       const Message message = randomTag(choose, &time);
       HOLDS(stream.stage(message.type, message.time, message.data));
@@ -146,6 +166,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, std::size_t size) {
       HOLDS(stream.flush());
       model.flush();
       HOLDS(host.file(kFile).image.bytes() == model.file);
+      expectPlayed(choose.oneIn(2) ? stream : *player, model);
       more = !choose.oneIn(3);
     }
     if (stream.flush()) model.flush();
