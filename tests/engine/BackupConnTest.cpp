@@ -1,18 +1,15 @@
 // A mirror that is attached late: the copy of what the file holds by then, and what follows it.
 
-#include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
-
-#include <chrono>
-#include <csignal>
-#include <thread>
 
 #include "RecordTest.h"
 
 namespace orv::test {
 namespace {
 
-// For the copy, which the module reads itself, the host gives out a real descriptor: a pipe.
+// For the copy, which the module reads itself, the host gives out a real descriptor: a socket, from which the
+// file comes in pieces.
 class BackupConnTest : public RecordTest {
  protected:
   BackupConnTest() {
@@ -20,46 +17,34 @@ class BackupConnTest : public RecordTest {
       note(call);
       host.firstDescriptor = 1000;  // Above the real ones.
       const bool forCopy = call.op == Op::open && call.flags == openflags::readOnly && call.mode == 0;
-      if (forCopy && host.exists(kFile)) host.firstDescriptor = pipe_ = startFeed();
-      if (call.op == Op::close && call.fd == pipe_) endFeed();
+      if (forCopy && host.exists(kFile)) host.firstDescriptor = feed_ = startFeed();
+      if (call.op == Op::close && call.fd == feed_) endFeed();
     };
   }
   ~BackupConnTest() override { endFeed(); }
 
   void attach(Stream& stream, IBackupConn* conn) { adaptor().setUserData(stream.handle, conn); }
-  Bytes mirrored() { return mirror->files[kFile].bytes(); }
 
-  std::size_t missing = 0;  // Bytes at the end that don't come through the pipe.
+  std::size_t missing = 0;  // Bytes at the end that don't come.
 
  private:
-  // The file comes in pieces, with signals that interrupt whoever waits for the next one.
   int startFeed() {
     endFeed();
-    struct sigaction interrupt {};
-    interrupt.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &interrupt, nullptr);
     int ends[2];
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    Bytes fed = bytes();
-    fed.resize(fed.size() - missing);
-    feeder_ = std::thread([file = std::move(fed), reader = pthread_self(), out = ends[1]] {
-      for (std::size_t at = 0, size = 0; at < file.size(); at += size) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        pthread_kill(reader, SIGUSR1);
-        size = std::min<std::size_t>(100, file.size() - at);
-        EXPECT_EQ(::write(out, &file[at], size), static_cast<ssize_t>(size));
-      }
-      ::close(out);
-    });
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const Bytes file = bytes();
+    for (std::size_t at = 0, size = 0; at < file.size() - missing; at += size) {
+      size = std::min<std::size_t>(100, file.size() - missing - at);
+      EXPECT_EQ(::write(ends[1], &file[at], size), static_cast<ssize_t>(size));
+    }
+    ::close(ends[1]);
     return ends[0];
   }
   void endFeed() {
-    if (feeder_.joinable()) feeder_.join();
-    if (pipe_ != -1) ::close(std::exchange(pipe_, -1));
+    if (feed_ != -1) ::close(std::exchange(feed_, -1));
   }
 
-  int pipe_ = -1;
-  std::thread feeder_;
+  int feed_ = -1;
 };
 
 const std::string kCopy = "open 32768 0, fstat, m:open 33538 384, m:write 1000, m:close, close";
@@ -103,7 +88,7 @@ TEST_F(BackupConnTest, copyOfAFile) {
       std::fill(expected.begin(), expected.begin() + 1000, 0);
       expected[flv::kTypeFlagsPosition] = 5;
     }
-    EXPECT_EQ(mirrored(), expected) << copy.name;
+    EXPECT_EQ(mirror->files[kFile].bytes(), expected) << copy.name;
   }
 }
 
@@ -115,12 +100,12 @@ TEST_F(BackupConnTest, attachedDuringARecording) {
   script();
   attach(stream, mirror.get());
   EXPECT_EQ(script(), "close, " + kCopy + ", open 32770 384");
-  EXPECT_EQ(mirrored(), bytes());
+  EXPECT_EQ(mirror->files[kFile].bytes(), bytes());
   mirror->answer = -1;  // of no consequence
   for (u32 i = 0; i < 3; ++i) {
     stage(stream, {{kAudio, 50 + i, payload(kAudio, 30, i)}});
     EXPECT_TRUE(stream.flush());
-    EXPECT_EQ(mirrored(), bytes()) << i;
+    EXPECT_EQ(mirror->files[kFile].bytes(), bytes()) << i;
   }
   EXPECT_EQ(bytes().size(), 1000u + 115 + 3 * 45);
 

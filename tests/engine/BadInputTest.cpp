@@ -2,58 +2,14 @@
 // or an endless search.
 
 #include "EngineTest.h"
-#include "support/Random.h"
 
 namespace orv::test {
 namespace {
 
-class BadInputTest : public EngineTest {
- protected:
-  // Everything a player does with a file, as far as the file lets it. All results stay in their ranges.
-  void playAll() {
-    Stream stream = open();
-    if (!stream) return;
-    const i64 size = stream.size();
-    ASSERT_GE(size, 0);
-    ASSERT_TRUE(stream.endPosition() == size || stream.endPosition() == 0);
-    for (const u32 time : {0u, 25u, stream.duration(), 0xFFFFFFFFu}) check(stream, stream.atTime(time), size);
-    for (const i64 position : {i64{0}, size / 3, size - 1}) check(stream, stream.atPosition(position), size);
-    stream.load({0, size, 0, 0});
-  }
-  void check(Stream& stream, const std::optional<SegmentBounds>& found, i64 size) {
-    if (!found) return;
-    ASSERT_TRUE(0 <= found->startPosition && found->startPosition <= found->endPosition &&
-                found->endPosition < size);
-    std::size_t delivered = 0;
-    for (const Message& message : stream.load(*found)) delivered += message.data.size();
-    // The last tag of a run may be as long as the whole of it.
-    ASSERT_LE(static_cast<i64>(delivered), 2 * (found->endPosition - found->startPosition + 1));
-  }
-};
-
-TEST_F(BadInputTest, flippedBytesAndNoise) {
-  Random random(5);
-  const Bytes header = FlvBuilder().bytes(), tags = FlvBuilder().interleaved(4).bytes();
-  for (std::size_t at = 0; at < tags.size(); ++at) {
-    host.put(kFile, tags);
-    host.overwrite(kFile, static_cast<i64>(at), {static_cast<u8>(tags[at] ^ (1 + random.below(255)))});
-    playAll();
-  }
-  for (const u32 size : {1u, 12u, 100u, 5000u, 400'000u}) {
-    for (const int fill : {-1, 0x00, 0x08, 0x09, 0xFF}) {
-      Bytes noise(size);
-      for (u8& byte : noise) byte = static_cast<u8>(fill < 0 ? random() : static_cast<u32>(fill));
-      for (const Bytes& before : {Bytes(), header, tags}) {
-        host.put(kFile, before);
-        host.append(kFile, noise);
-        playAll();
-      }
-    }
-  }
-}
+using BadInputTest = EngineTest;
 
 // A player's whole road, with two segments to seek in.
-class FaultTest : public BadInputTest {
+class FaultTest : public EngineTest {
  protected:
   const FlvBuilder film = FlvBuilder().constantRate(400'000, 3000);
 
@@ -167,81 +123,35 @@ TEST_F(BadInputTest, candidatesThatPointAtTheEnd) {
   EXPECT_LE(host.calls.size(), 400u);
 }
 
-// A look that sees a shorter or a longer file, and then fails, leaves no search that answers for what it saw.
-TEST_F(BadInputTest, rescanThatFailsHalfway) {
-  const FlvBuilder film = FlvBuilder(300'000).constantRate(900'000);
-  for (const i64 size : {film.size() - 30'000, film.size() - 300'000, film.size() + 300'000}) {
-    for (u32 read = 1; read < 5; ++read) {
-      Stream stream = open(film);
-      ASSERT_TRUE(stream.atTime(film.lastTime() / 2));
-      host.file(kFile).image.resize(size);
-      host.overwrite(kFile, 4, {5});
-      host.failCall(read, Fault::fails, Op::read);
-      stream.size();
-      host.failCall(0);
-      for (u32 time = 0; time <= film.lastTime(); time += 1000) {
-        const auto found = stream.atTime(time);
-        ASSERT_TRUE(!found || found->endPosition < std::min(size, film.size())) << size << ' ' << time;
-      }
-      for (i64 position = 0; position < size + 1000; position += 50'000) {
-        const auto found = stream.atPosition(position);
-        ASSERT_TRUE(!found || (found->startPosition <= position && position <= found->endPosition))
-            << position;
-      }
-    }
-  }
-}
-
-TEST_F(BadInputTest, shrunkenFile) {
-  const FlvBuilder film = FlvBuilder().interleaved(400, 1);
-  Stream stream = open(film);
-  const SegmentBounds all = stream.atPosition(0).value();
-  stream.load(all);  // and nothing is cached any more
-  host.cut(kFile, film.tags()[200].position + 20);
-  bool good = true;
-  stream.load(all, &good);
-  EXPECT_FALSE(good);  // the summary still promises more
-  EXPECT_EQ(stream.size(), film.tags()[198].end());
-  EXPECT_EQ(unpack(stream.load(all, &good)).size(), 199u);
-  EXPECT_TRUE(good);  // cut to the new end
-  host.remove(kFile);
-  EXPECT_TRUE(stream.load(all, &good).empty());
-  EXPECT_FALSE(good);
-}
-
 // What is known of the old file doesn't answer for the new one, once a look has seen the change.
 TEST_F(BadInputTest, replacedFile) {
   const FlvBuilder start = FlvBuilder().tag(kVideo, 0, 700), film = FlvBuilder(start).constantRate(900'000);
-  FlvBuilder slower(start), torn = FlvBuilder(start).constantRate(600'000);
+  FlvBuilder slower(start);
   while (slower.size() < 900'000) slower.tag(kVideo, slower.lastTime() + 40, 1000);
-  const std::pair<std::string, FlvBuilder> kFiles[] = {
-      {"another film", FlvBuilder().scenes(800'000)},
-      {"the same tags at other times", slower},
-      {"tags of another size", FlvBuilder(start).constantRate(900'000, 1100)},
-      {"the same, shorter", FlvBuilder(start).constantRate(300'000)},
-      {"the same, torn", torn.raw(Bytes(99, 9))},
-      {"a few tags", FlvBuilder().interleaved(5)},
-      {"no tag", FlvBuilder()},
-  };
+  const FlvBuilder kOthers[] = {FlvBuilder().scenes(800'000),
+                                slower,
+                                FlvBuilder(start).constantRate(900'000, 1100),  // Tags of another size.
+                                FlvBuilder().interleaved(5),
+                                FlvBuilder(),
+                                FlvBuilder(start).constantRate(300'000),  // The same, shorter,
+                                FlvBuilder(start).constantRate(600'000).raw(Bytes(99, 9))};  // and torn.
   for (const i64 known : {900'000, 20'000}) {  // Of the old file; what fits one block has no end but its own.
-    for (const auto& [name, other] : kFiles) {
-      if (known == 20'000 && name.starts_with("the same,")) continue;  // That would be growth.
+    for (int i = 0; i < (known == 20'000 ? 5 : 7); ++i) {  // The last two would be growth.
       Stream stream = open(FlvBuilder(start).constantRate(known));
       ASSERT_FALSE(stream.walk().empty());
-      host.put(kFile, other.bytes());
-      EXPECT_TRUE(stream.size() > 0) << name;
+      host.put(kFile, kOthers[i].bytes());
+      EXPECT_GT(stream.size(), 0) << i;
       Stream fresh = open();
-      EXPECT_EQ(stream.size(), fresh.size()) << name;
+      EXPECT_EQ(stream.size(), fresh.size()) << i;
       for (u32 time = 0; time < 20'000; time += 500)
-        ASSERT_TRUE(stream.atTime(time) == fresh.atTime(time)) << name << ' ' << time << ' ' << known;
-      ASSERT_TRUE(stream.walk() == fresh.walk()) << name;
+        ASSERT_TRUE(stream.atTime(time) == fresh.atTime(time)) << i << ' ' << time << ' ' << known;
+      ASSERT_TRUE(stream.walk() == fresh.walk()) << i;
     }
   }
   // Where the file has only grown the segments stay.
   Stream stream = open(film);
   const auto row = stream.walk();
-  FlvBuilder grown(film);
-  grown.constantRate(1'900'000);
+  const FlvBuilder grown = FlvBuilder(film).constantRate(1'900'000);
   grow(grown);
   host.clearCalls();
   EXPECT_EQ(stream.size(), grown.size());
@@ -273,24 +183,24 @@ TEST_F(BadInputTest, sizesThatNothingCanBeAddedTo) {
       bool good = false;
       EXPECT_EQ(unpack(stream.load({first, end - 1, 0, 0}, &good)).size(), torn ? 2u : 3u) << below;
       EXPECT_TRUE(good) << below;
-      playAll();
     }
   }
 }
 
 TEST_F(BadInputTest, settingsThatAreGarbage) {
-  host.put(kFile, FlvBuilder().scenes(600'000).raw(Bytes(9)).bytes());
+  const FlvBuilder film = FlvBuilder().scenes(600'000).raw(Bytes(9));
   adaptor();
   for (const std::string& key : std::vector(host.askedKeys)) {
-    for (const std::string& value :
-         {std::string(), std::string("-1"), std::string("16777216"), std::string("9 8 x"),
-          std::string(70'000, 'x'), std::string("\xFF\x01")}) {
+    for (const std::string value : {"", "-1", "16777216", "9 8 x", "\xFF\x01"}) {
       configure({{key, value}});
-      playAll();
+      Stream stream = open(film);
+      if (!stream) continue;
+      ASSERT_GE(stream.size(), 0) << key << value;
+      for (const SegmentBounds& segment : stream.walk()) stream.load(segment);
     }
   }
   configure({{"AutoBufferReadSize", "4294967295"}, {"ReadSize", "4294967295"}});
-  EXPECT_TRUE(open().atTime(0));
+  EXPECT_TRUE(open(film).atTime(0));
 }
 
 }  // namespace

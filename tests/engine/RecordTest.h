@@ -90,10 +90,7 @@ inline Message sessionTag(u32 i, u32 size) {
 
 // All tags that loads deliver, from the first segment to the last.
 inline std::vector<Message> tagsOf(Stream& stream) {
-  std::vector<Message> tags;
-  for (const SegmentBounds& bounds : stream.walk())
-    for (Message& tag : unpack(stream.load(bounds))) tags.push_back(std::move(tag));
-  return tags;
+  return unpack(loadAll(stream));
 }
 
 class RecordTest : public EngineTest {

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "RecordTest.h"
+#include "support/Threads.h"
 
 namespace orv::test {
 namespace {
@@ -14,13 +15,6 @@ constexpr u32 kThreads = 4;
 class RecordThreadsTest : public RecordTest {
  protected:
   RecordThreadsTest() { host.beforeCall = nullptr; }
-
-  template <class Work>
-  static void inThreads(Work work) {
-    std::vector<std::thread> threads;
-    for (u32 i = 0; i < kThreads; ++i) threads.emplace_back(work, i);
-    for (std::thread& thread : threads) thread.join();
-  }
 };
 
 // Carries its thread and its number.
@@ -32,7 +26,7 @@ Message tagOf(u32 thread, u32 number) {
 TEST_F(RecordThreadsTest, streamsOfTheirOwn) {
   constexpr u32 kTags = 200;
   adaptor();
-  inThreads([&](u32 thread) {
+  onThreads(kThreads, [&](u32 thread) {
     const std::string name = kName + std::to_string(thread);
     const KTPtr<MirrorConn> copy{new MirrorConn};
     std::vector<Message> tags;
@@ -66,7 +60,7 @@ TEST_F(RecordThreadsTest, oneStream) {
       adaptor().setUserData(stream.handle, mirror.get());
     }
   });
-  inThreads([&](u32 thread) {
+  onThreads(kThreads, [&](u32 thread) {
     for (u32 i = 0; i < kTags; ++i) {
       stage(stream, {tagOf(thread, i)});
       // However busy the machine, some flushes come in between.

@@ -100,30 +100,6 @@ TEST_F(ScanTest, attributes) {
   EXPECT_TRUE(ask(1, &word) && word == 0);
 }
 
-// Cut after each byte: all tags but the last whole one are seen, unless the cut falls between two tags.
-TEST_F(ScanTest, tornEverywhere) {
-  const FlvBuilder film =
-      FlvBuilder().interleaved(2).tag(kAudio, 90, 0).tag(kVideo, 120, 9).tag(kVideo, 140, 33);
-  const auto& tags = film.tags();
-  for (u32 cut = 0; cut <= film.size(); ++cut) {
-    std::size_t whole = 0;
-    while (whole < tags.size() && tags[whole].end() <= cut) ++whole;
-    const bool clean = cut == (whole ? tags[whole - 1].end() : 13);
-    Stream stream = open(FileImage(Bytes(film.bytes().begin(), film.bytes().begin() + cut)));
-    ASSERT_EQ(bool(stream), whole > 0 || cut == 13) << cut;
-    if (!stream) continue;
-    auto expected = messagesOf(film);
-    expected.resize(clean ? whole : whole - 1);
-    ASSERT_EQ(stream.size(), expected.empty() ? 13 : tags[expected.size() - 1].end()) << cut;
-    ASSERT_EQ(stream.duration(), expected.empty() ? 0 : expected.back().time) << cut;
-    const auto found = stream.atPosition(0);
-    bool good = true;
-    const auto all = found ? unpack(stream.load(*found, &good)) : std::vector<Message>{};
-    ASSERT_TRUE(good && all == expected) << cut;
-  }
-  EXPECT_TRUE(host.log.empty());
-}
-
 TEST_F(ScanTest, growthIsSeenByTheFilesTimeAlone) {
   FlvBuilder film(threeTags());
   Stream stream = open(film);

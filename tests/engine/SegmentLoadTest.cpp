@@ -102,11 +102,9 @@ TEST_F(SegmentLoadTest, boundsThatNobodyGaveOut) {
       {0, -top, 0, 0},
       {end - 1, top, kFails, kFails},
       {second + 1, top, kFails, kFails},
-      {0, second + 5, kFails, 2},  // inside a tag's header; a single tag may use the whole work block
-      {0, end - 6, kFails, 3},     // inside a tag's data
-      {0, end - 5, 3, 3},          // inside the last trailing field, which nobody needs
-      {0, end - 4, 3, 3},
-      {0, end - 3, 3, 3},
+      {0, second + 5, kFails, 2},  // Inside a tag's header; a single tag may use the whole work block.
+      {0, end - 6, kFails, 3},     // Inside a tag's data.
+      {0, end - 5, 3, 3},          // Inside the last trailing field, which nobody needs.
       {0, end - 2, 3, 3},
   };
   for (const bool packed : {false, true}) {

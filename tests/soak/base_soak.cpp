@@ -185,28 +185,19 @@ void actAlone(World& world, Random& random) {
 
 void actOnce(World& world, Random& random) {
   ++world.actions;
-  switch (random.below(10)) {
-    case 0:
-      return useFiber(world);
-    case 1:
-      return useTwins(world, random.oneIn(4));
-    case 2:
-      return useStrings(random);
-    case 3:
-      return world.plain.raise();
-    case 4:
-      return failAllocations(world, random);
-    case 5:
-      if (random.oneIn(20)) useLibraryThread(world, random.below(2));
-      return;
-    case 6:
-      if (random.oneIn(20)) comeAndGo(world, random(), random.oneIn(2));
-      return;
-    case 7:
-      return world.numbers[random.below(kMutexes)].raise();
-    default:
-      return useBlocks(world, random);
-  }
+  static constexpr void (*kActs[])(World&, Random&) = {
+      [](World& w, Random&) { useFiber(w); },
+      [](World& w, Random& r) { useTwins(w, r.oneIn(4)); },
+      [](World&, Random& r) { useStrings(r); },
+      [](World& w, Random&) { w.plain.raise(); },
+      failAllocations,
+      [](World& w, Random& r) { r.oneIn(20) ? useLibraryThread(w, r.below(2)) : void(); },
+      [](World& w, Random& r) { r.oneIn(20) ? comeAndGo(w, r(), r.oneIn(2)) : void(); },
+      [](World& w, Random& r) { w.numbers[r.below(kMutexes)].raise(); },
+      useBlocks,
+      useBlocks,
+  };
+  kActs[random.below(std::size(kActs))](world, random);
 }
 
 // The child knows nothing of what the other threads held, so it keeps to what is its own or the library's.

@@ -68,16 +68,10 @@ class DiskHost final : public TestContext, public IFileService {
     return out;
   }
   static int nativeFlags(int flags) {
-    switch (flags) {
-      case openflags::readOnly:
-        return O_RDONLY | O_CLOEXEC;
-      case openflags::readWrite:
-        return O_RDWR | O_CLOEXEC;
-      case openflags::createTruncate:
-        return O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC;
-      default:
-        return -1;  // The kernel refuses it.
-    }
+    if (flags == openflags::readOnly) return O_RDONLY | O_CLOEXEC;
+    if (flags == openflags::readWrite) return O_RDWR | O_CLOEXEC;
+    if (flags == openflags::createTruncate) return O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC;
+    return -1;  // The kernel refuses it.
   }
   // Two changes within one tick of the kernel's clock still give two times: by the size or by our own count.
   int describe(int result, const struct stat& found, FileStat* record) {

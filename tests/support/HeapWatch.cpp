@@ -44,26 +44,12 @@ void* operator new(std::size_t size) {
   throw std::bad_alloc();
 }
 
-// clang-format off: one line for each of the others.
-void* operator new(std::size_t size, const Nothrow&) noexcept {
-  return take(size);
-}
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-void* operator new[](std::size_t size, const Nothrow&) noexcept {
-  return take(size);
-}
-void operator delete(void* block) noexcept {
-  give(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-  give(block);
-}
-void operator delete[](void* block) noexcept {
-  give(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-  give(block);
-}
+// clang-format off
+void* operator new(std::size_t size, const Nothrow&) noexcept { return take(size); }
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const Nothrow&) noexcept { return take(size); }
+void operator delete(void* block) noexcept { give(block); }
+void operator delete(void* block, std::size_t) noexcept { give(block); }
+void operator delete[](void* block) noexcept { give(block); }
+void operator delete[](void* block, std::size_t) noexcept { give(block); }
 // clang-format on
