@@ -1,6 +1,9 @@
 #include "host/server/HttpServer.h"
 
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <boost/asio/signal_set.hpp>
@@ -17,6 +20,9 @@ namespace {
 
 // How often files that somebody else records are looked at while viewers wait for them to grow.
 constexpr std::chrono::milliseconds kLookEvery{100};
+// What the system holds for a connection beside what is under way to it: a slow viewer would be given
+// megabytes.
+constexpr int kMostUnsent = 256 << 10;
 constexpr i64 kMostPlayerBytes = 16 << 20;
 
 }  // namespace
@@ -57,6 +63,7 @@ void HttpServer::Inside::accept() {
     if (!error) {
       error_code ignored;
       socket.set_option(tcp::no_delay(true), ignored);
+      ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kMostUnsent, sizeof kMostUnsent);
       const bool isFull = counters.connections >= options.mostConnections;
       const auto client = std::make_shared<Client>(*this, std::move(socket));
       if (isFull) {
