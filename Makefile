@@ -6,7 +6,7 @@
 #   make test [PRESET=asan]         the tests; PRESET: release (default), debug, asan, tsan, clang;
 #             [ROOMS="util engine"] of these folders of tests/ alone
 #   make soak [SOAK_SECONDS=120] [PRESET=tsan]   everything at once for a while, each program in turn
-#   make bench, bench-flvhost, fuzz [FUZZ_SECONDS=30], interop, tidy, format, install [PREFIX=/usr/local] [DESTDIR=],
+#   make bench, bench-flvhost, bench-serve, fuzz [FUZZ_SECONDS=30], interop, tidy, format, install [PREFIX=/usr/local] [DESTDIR=],
 #             package, clean
 #   make coverage                   the lines that neither tests nor the replays of the fuzzers reach
 #   make mutants [SEED=1] [MUTANTS=100] [ROOMS="engine util"]   what the tests notice of small changes to the product
@@ -31,7 +31,7 @@ JOBS ?= $(shell nproc)
 
 SOURCES = git ls-files -z '*.h' '*.cpp'
 
-.PHONY: run serve build test soak interop bench bench-flvhost fuzz mutants format check-format tidy install package clean
+.PHONY: run serve build test soak interop bench bench-flvhost bench-serve fuzz mutants format check-format tidy install package clean
 
 run: build
 	build/release/host/flvhost demo "$(FILE)"
@@ -79,6 +79,13 @@ bench:
 bench-flvhost: build
 	scripts/setup.sh interop
 	bench/flvhost.sh
+
+# The server beside nginx, with viewers on loopback whose bytes are checked.
+bench-serve: build
+	scripts/setup.sh bench nginx
+	cmake --preset release -DFLV_BENCH=ON
+	cmake --build build/release -j $(JOBS) --target serve_load
+	build/release/bench/serve_load build/release/host/flvhost
 
 fuzz:
 	scripts/setup.sh build clang

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what is missing of the Debian packages that a task needs; asks for nothing and says little.
 #
-# usage: scripts/setup.sh TASK...     TASK: build, test, bench, lint, clang, coverage, mutants, package, player, interop
+# usage: scripts/setup.sh TASK...     TASK: build, test, bench, lint, clang, coverage, mutants, package, player, nginx, interop
 set -eu
 
 packages_of() {
@@ -16,6 +16,7 @@ packages_of() {
     mutants) echo python3 ;;
     package) echo dpkg-dev lintian ;;
     player) echo npm ;;
+    nginx) echo nginx-light ;;
     interop) echo ffmpeg flvmeta mediainfo curl chromium time ;;
     *) echo "setup.sh: no such task: $1" >&2; exit 2 ;;
   esac
