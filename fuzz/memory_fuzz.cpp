@@ -142,6 +142,7 @@ class Sweep {
     }
     time_ = choose.below(400);
     if (choose.oneIn(2)) film_.clear();
+    if (road_ == 5 && !film_.empty()) more_.erase(more_.begin());
   }
 
   void run() {
@@ -251,7 +252,7 @@ class Sweep {
           outcomeOf([&] { return scene.stream->stage(message.type, message.time, message.data); });
       const Spared scope;
       if (outcome == Outcome::done) accepted_.push_back(message);
-      // The film has its metadata: memory runs out where the file is opened, which is then closed.
+      // Media alone: memory runs out where the file is opened, which is then closed.
       if (outcome == Outcome::threw && road_ == 5 && !film_.empty())
         HOLDS(scene.files.host.openDescriptors() == 0);
       all &= outcome == Outcome::done;
