@@ -275,12 +275,15 @@ TEST_F(RecordPathTest, bounds) {
   EXPECT_TRUE(stream.flush());
   EXPECT_EQ(adaptor().getMemoryOverhead(stream.handle) - before, sizeof(flv::SegmentRange));
   EXPECT_EQ(stream.walk().size(), 3u);
-  // It leaves the last segment its end.
+  // It leaves the last segment its end; so does one whose tags don't reach the file.
   Stream player = open(FlvBuilder().interleaved(3));
   const auto last = player.atTime(40);
-  player.stage(kVideo, 1, {0x17});
-  EXPECT_TRUE(player.flush());
-  EXPECT_EQ(player.atTime(40), last);
+  for (const u8 kind : Bytes{0x17, 0x12}) {
+    player.stage(kVideo, 41, {kind});
+    if (kind == 0x12) host.failCall(1, Fault::fails, Op::write);
+    EXPECT_TRUE(player.flush());
+    EXPECT_EQ(player.atTime(40), last);
+  }
 }
 
 // Though a file has one recorder, a second one finds no tag of its own overwritten; nor does a foreign tag

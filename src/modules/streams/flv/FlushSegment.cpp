@@ -28,6 +28,8 @@ bool KTFLVData::flushSegment(SegmentBounds* bounds) {
 
   const SegmentRange range{flushed.start, summary.lastFrame};
   if (!flushed.isEmpty()) segmentIndex.append(range);
+  // No tag came to stand at the old end, which stays a mark.
+  if (!flushed.isEmpty() && range.span() == 0) segmentIndex.endAt(summary.lastFrame);
   ++segmentCount;
   toBounds(range, bounds);
 
