@@ -17,9 +17,9 @@ class Checker {
  public:
   using ProgressSink = std::function<void(i64 position)>;
 
-  explicit Checker(ByteSource& source) : walker_(source), times_(findings_) {}
+  explicit Checker(ByteSource& source) : walker_(source, Payloads::fronts), times_(findings_) {}
 
-  // Each tag goes to `sink` as well. Before run().
+  // Each tag goes to `sink` as well, large media with their fronts alone. Before run().
   using TagSink = std::function<void(const Tag& tag, const std::optional<MediaHead>& head)>;
   void observe(TagSink sink) { observer_ = std::move(sink); }
 

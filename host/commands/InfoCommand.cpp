@@ -31,7 +31,7 @@ class InfoRun {
     try {
       Stream stream = session_.open(file);
       summary = summarize(stream, options_.count ? Depth::wholeFile : Depth::front);
-      if (summary->tally && !summary->tally->isGood()) note(ExitCode::fileFault);
+      if (summary->count && summary->count->damages > 0) note(ExitCode::fileFault);
       if (summary->bytesBehind() > 0) stream.requirePlayable();
     } catch (const Failure& failure) {
       tell(failure.what());

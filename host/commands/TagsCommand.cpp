@@ -88,7 +88,7 @@ class TagsRun {
 
   ExitCode run() {
     const auto source = openSource(options_.file);
-    Walker walker(*source);
+    Walker walker(*source, Payloads::fronts);
     if (!options_.json) print(kTitle);
     while (const auto step = walker.next()) {
       if (const auto* const tag = std::get_if<WalkedTag>(&*step)) {

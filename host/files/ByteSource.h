@@ -17,8 +17,10 @@ class ByteSource {
   virtual const std::string& name() const = 0;
   // -1 where only the end will tell.
   virtual i64 size() const = 0;
-  // Reads up to `size` bytes at `position` and returns how many: fewer at the end alone. Positions never go
-  // back. Throws Failure if the bytes can't be had.
+  // Whether any position may be asked for, at the cost of one read.
+  virtual bool isSeekable() const { return false; }
+  // Reads up to `size` bytes at `position` and returns how many: fewer at the end alone. Unless isSeekable(),
+  // each position is the end of the read before. Throws Failure if the bytes can't be had.
   virtual std::size_t read(i64 position, u8* out, std::size_t size) = 0;
 };
 

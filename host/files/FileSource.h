@@ -18,6 +18,7 @@ class FileSource final : public ByteSource {
 
   const std::string& name() const override { return name_; }
   i64 size() const override { return identity_.size; }
+  bool isSeekable() const override { return static_cast<bool>(file_.file()); }  // Each jump is a request.
   std::size_t read(i64 position, u8* out, std::size_t size) override;
   const FileIdentity& identity() const { return identity_; }
 

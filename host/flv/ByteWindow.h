@@ -9,13 +9,14 @@
 
 namespace orv::host {
 
-// Keeps to 512 KiB, which stay in the processor's cache, until it is asked for more at once.
+// Keeps to 512 KiB, which stay in the processor's cache, until it is asked for more at once. What is
+// forgotten before it was read isn't read at all, if the source is seekable.
 class ByteWindow {
  public:
   // The most that may be asked for at once: the largest tag, and a good look at what follows.
   static constexpr std::size_t kMostAtOnce = std::size_t{17} << 20;
 
-  explicit ByteWindow(ByteSource& source) : source_(source) {}
+  explicit ByteWindow(ByteSource& source);
 
   // Returns the bytes from `position` on that are in memory: at least `size`, or all up to the end of the
   // source. Valid until the next call.
@@ -30,6 +31,7 @@ class ByteWindow {
  private:
   void fill(i64 position, std::size_t size);
   void reserve(std::size_t size);
+  void jumpToFloor();
   void dropForgotten();
 
   ByteSource& source_;
@@ -39,6 +41,7 @@ class ByteWindow {
   std::size_t filled_ = 0;  // Bytes in memory.
   i64 floor_ = 0;
   bool ended_ = false;
+  std::size_t readSize_;  // The least that is read at once.
 };
 
 }  // namespace orv::host

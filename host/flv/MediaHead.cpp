@@ -25,7 +25,8 @@ constexpr u8 kOneTrack = 0;
 // Reads bytes in order. After the first one that isn't there, all are 0 and ended() is true.
 class PayloadBytes {
  public:
-  explicit PayloadBytes(const Tag& tag) : data_(tag.data), size_(tag.size) {}
+  explicit PayloadBytes(const Tag& tag)
+      : data_(tag.front().data()), size_(static_cast<u32>(tag.front().size())) {}
 
   u32 number(u32 bytes) {
     u32 value = 0;

@@ -253,7 +253,7 @@ std::optional<PictureSize> keyFrameSize(CodecId codec, Bytes frame) {
 
 std::optional<PictureSize> pictureSize(const Tag& tag, const MediaHead& head) {
   if (!head.isVideo || !head.codec || (!head.isKeyFrame && !head.isSetup())) return std::nullopt;
-  const Bytes data(tag.data, tag.size);
+  const Bytes data = tag.front();
   if (!head.isSetup()) return keyFrameSize(*head.codec, data.subspan(head.size));
   const std::size_t record = head.isExtended ? head.size : kClassicSetup;
   return record < data.size() ? setupSize(*head.codec, data.subspan(record)) : std::nullopt;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,10 @@ struct Tag {
   u32 streamId;  // 0 where the module delivered the tag alone: such a message has no stream id.
   const u8* data;
   u32 size;
+
+  // As much of the data as heads and set-up records take. Of large media a walk may hold no more in memory.
+  static constexpr u32 kFrontSize = 4096;
+  std::span<const u8> front() const { return {data, std::min(size, kFrontSize)}; }
 
   bool isEncrypted() const { return (type & flv::kFilterBit) != 0; }
   u8 plainType() const { return type & flv::kTypeMask; }

@@ -11,6 +11,8 @@ constexpr u8 kSignature[] = {'F', 'L', 'V', 1};
 constexpr u32 kLargestFileHeader = 1 << 20;  // A larger one is taken for damage.
 constexpr u32 kNearMs = 3'600'000;           // Between neighbours; a live stream may well pause.
 
+constexpr u32 kLargeTag = 32 << 10;  // Reading it through costs more than a jump.
+
 // The types that writers use: audio, video, data, commands, aggregates.
 bool isPlausibleType(u8 typeByte) {
   constexpr u32 kTypes = 1u << flv::kTypeAudio | 1u << flv::kTypeVideo | 1u << flv::kTypeDataAmf3 |
@@ -54,7 +56,8 @@ std::size_t skipZeros(const u8* bytes, std::size_t from, std::size_t end) {
 
 }  // namespace
 
-Walker::Walker(ByteSource& source) : window_(source) {
+Walker::Walker(ByteSource& source, Payloads payloads)
+    : source_(source), skips_(payloads == Payloads::fronts && source.isSeekable()), window_(source) {
   readHeader();
 }
 
@@ -83,7 +86,7 @@ std::optional<Walker::Step> Walker::next() {
 }
 
 WalkedTag Walker::take(i64 position, std::optional<u32> sizeField) {
-  const u8* const bytes = view(position, flv::kTagHeaderSize).data();
+  const u8* const bytes = view(position, flv::kTagHeaderSize + Tag::kFrontSize).data();
   const flv::TagHeader header{bytes};
   return {
       position,
@@ -98,6 +101,8 @@ std::optional<WalkedTag> Walker::readTag(i64 position) {
   const u32 size = flv::TagHeader{bytes.data()}.dataSize();
   const u32 time = flv::TagHeader{bytes.data()}.time();
   const u32 withHeader = size + flv::kTagHeaderSize;
+  if (mayBeSkipped(bytes) && isSizeFieldAt(position + withHeader, withHeader))
+    return take(position, withHeader);
   bytes = view(position, withHeader + flv::kSizeFieldSize);
   if (bytes.size() < withHeader) return std::nullopt;
   if (bytes.size() < withHeader + flv::kSizeFieldSize) {
@@ -109,6 +114,19 @@ std::optional<WalkedTag> Walker::readTag(i64 position) {
     return take(position, field);
   }
   return std::nullopt;
+}
+
+// Metadata are read whole.
+bool Walker::mayBeSkipped(std::span<const u8> header) const {
+  if (!skips_ || flv::TagHeader{header.data()}.dataSize() < kLargeTag) return false;
+  const u8 type = flv::TagHeader{header.data()}.typeByte();
+  return type == flv::kTypeAudio || type == flv::kTypeVideo;
+}
+
+// Leaves the window where it is.
+bool Walker::isSizeFieldAt(i64 position, u32 value) {
+  u8 field[flv::kSizeFieldSize];
+  return source_.read(position, field, sizeof field) == sizeof field && flv::readU32(field) == value;
 }
 
 // Whether what stands behind a tag speaks for it, though its size field `field` doesn't.

@@ -5,6 +5,9 @@
 // ways that writers get wrong and a plausible header follows. Where the chain breaks, each later byte is
 // tried as the start of a tag, with stronger evidence asked for: among bytes that are foreign nothing may
 // pass by chance.
+//
+// Whoever needs no payloads gets through a seekable source faster: of a large tag of audio or video that its
+// trailing field confirms, only the front is read. What is found is the same.
 
 #pragma once
 
@@ -19,7 +22,9 @@ namespace orv::host {
 // What a tag's trailing field says. Some writers leave it 0, and some leave the header's 11 bytes out of it.
 enum class SizeField : u8 { exact, zero, withoutHeader, other };
 
-// Valid, its data too, until the walk goes on.
+enum class Payloads : u8 { whole, fronts };
+
+// Valid, its data too, until the walk goes on. A walk for the fronts may hold only Tag::front().
 struct WalkedTag {
   i64 position;
   Tag tag;
@@ -56,7 +61,7 @@ class Walker {
   using Step = std::variant<WalkedTag, Break>;
 
   // Reads the header. `source` must outlive the walker.
-  explicit Walker(ByteSource& source);
+  explicit Walker(ByteSource& source, Payloads payloads = Payloads::whole);
 
   // None if the bytes don't start as an FLV file does. The walk starts at their very first then.
   const std::optional<FileHeader>& header() const { return header_; }
@@ -73,6 +78,8 @@ class Walker {
   void readHeader();
   WalkedTag take(i64 position, std::optional<u32> sizeField);
   std::optional<WalkedTag> readTag(i64 position);
+  bool mayBeSkipped(std::span<const u8> header) const;
+  bool isSizeFieldAt(i64 position, u32 value);
   std::optional<i64> fileHeaderEnd(i64 position);
   Break skipDamage();
   i64 findSound(i64 position, bool& onlyZeros);
@@ -87,6 +94,8 @@ class Walker {
   bool isSound(i64 position);
   bool mayStart(const u8* bytes) const;
 
+  ByteSource& source_;
+  const bool skips_;
   ByteWindow window_;
   std::optional<FileHeader> header_;
   i64 position_ = 0;

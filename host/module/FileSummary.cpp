@@ -6,8 +6,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/files/ByteProgress.h"
+#include "host/files/FileSource.h"
 #include "host/files/ModulePath.h"
 #include "host/flv/FlvNames.h"
+#include "host/flv/Walker.h"
 #include "host/module/SegmentWalk.h"
 #include "host/text/Printable.h"
 #include "host/text/TimeText.h"
@@ -72,11 +75,24 @@ void readFront(Stream& stream, FileSummary& summary) {
   notes.conclude();
 }
 
-void readAll(Stream& stream, FileSummary& summary) {
+void readAll(FileSummary& summary) {
+  FileSource source(summary.name);
+  Walker walker(source, Payloads::fronts);
+  ByteProgress progress(source);
   TagNotes notes(summary);
-  PlayPlan plan;
-  plan.observe = [&](const Tag& tag) { notes.note(tag); };
-  summary.tally = playOut(stream, plan, nullptr, nullptr);
+  TagCount& count = summary.count.emplace();
+  while (const auto step = walker.next()) {
+    if (const auto* const walked = std::get_if<WalkedTag>(&*step)) {
+      notes.note(walked->tag);
+      count.damages += !walked->hasTrueSizeField();
+      PlayTally::Kind& kind = count.kinds[walked->tag.type];
+      ++kind.tags;
+      kind.bytes += walked->tag.size;
+    } else {
+      count.damages += !std::get<Break>(*step).isTail;
+    }
+    progress.show(walker.position());
+  }
   notes.conclude();
 }
 
@@ -90,7 +106,7 @@ u32 firstTimeOf(Stream& stream, const FileSummary& s) {
 
 TagFacts factsOf(const FileSummary& s) {
   const auto codecOf = [](const auto& tag) { return tag ? tag->codecId : std::nullopt; };
-  return {s.firstTime, s.duration, s.fileSize, codecOf(s.video), codecOf(s.audio), s.tally.has_value()};
+  return {s.firstTime, s.duration, s.fileSize, codecOf(s.video), codecOf(s.audio), s.count.has_value()};
 }
 
 std::optional<u32> positiveNumber(const KTDataArray& values, const char* key) {
@@ -128,21 +144,13 @@ std::string rateText(double bitsPerSecond) {
   return fmt::format("{:.0f} kbit/s", bitsPerSecond / 1000.0);
 }
 
-u64 bytesOf(const PlayTally& tally, u8 plainType) {
-  u64 sum = 0;
-  for (const auto& [type, kind] : tally.kinds) {
-    if ((type & flv::kTypeMask) == plainType) sum += kind.bytes;
-  }
-  return sum;
-}
-
 std::string ratesText(const FileSummary& s) {
   const auto all = s.bitRate(static_cast<u64>(std::max<i64>(s.playableEnd, 0)));
   if (!all) return {};
   std::string text = rateText(*all);
-  if (!s.tally) return text;
-  if (const u64 bytes = bytesOf(*s.tally, flv::kTypeVideo)) text += ", video " + rateText(*s.bitRate(bytes));
-  if (const u64 bytes = bytesOf(*s.tally, flv::kTypeAudio)) text += ", audio " + rateText(*s.bitRate(bytes));
+  if (!s.count) return text;
+  if (const u64 bytes = s.count->bytesOf(flv::kTypeVideo)) text += ", video " + rateText(*s.bitRate(bytes));
+  if (const u64 bytes = s.count->bytesOf(flv::kTypeAudio)) text += ", audio " + rateText(*s.bitRate(bytes));
   return text;
 }
 
@@ -158,9 +166,9 @@ std::string durationText(const FileSummary& s) {
                      timeText(s.firstTime), timeText(s.duration));
 }
 
-u32 flagsOf(const PlayTally& tally) {
+u32 flagsOf(const TagCount& count) {
   u32 flags = 0;
-  for (const auto& [type, kind] : tally.kinds) {
+  for (const auto& [type, kind] : count.kinds) {
     if ((type & flv::kTypeMask) == flv::kTypeAudio) flags |= kFlagAudio;
     if ((type & flv::kTypeMask) == flv::kTypeVideo) flags |= kFlagVideo;
   }
@@ -169,8 +177,8 @@ u32 flagsOf(const PlayTally& tally) {
 
 std::string typesText(const FileSummary& s) {
   std::string text = fmt::format("{} (flags 0x{:02x})", flagsText(s.typeFlags), s.typeFlags);
-  if (!s.tally || flagsOf(*s.tally) == (s.typeFlags & (kFlagAudio | kFlagVideo))) return text;
-  return text + "; the tags: " + flagsText(flagsOf(*s.tally));
+  if (!s.count || flagsOf(*s.count) == (s.typeFlags & (kFlagAudio | kFlagVideo))) return text;
+  return text + "; the tags: " + flagsText(flagsOf(*s.count));
 }
 
 std::string claimText(const Claim& claim) {
@@ -194,9 +202,9 @@ Json claimsJson(const std::vector<Claim>& claims) {
 
 std::string playableText(const FileSummary& s) {
   if (s.endPosition == 0) return s.bytesBehind() == 0 ? "nothing: the file holds no tags" : "nothing";
-  if (s.tally && !s.tally->isGood()) {
-    return fmt::format("to byte {}, but damaged in {} segments; {} bytes behind", s.playableEnd,
-                       s.tally->damagedSegments + s.tally->gaps, s.bytesBehind());
+  if (s.count && s.count->damages > 0) {
+    return fmt::format("to byte {}, but damaged in {} places; {} bytes behind", s.playableEnd,
+                       s.count->damages, s.bytesBehind());
   }
   if (s.bytesBehind() == 0) return "all of it";
   if (s.hidden.count == 0) {
@@ -221,26 +229,36 @@ Json ratesJson(const FileSummary& s) {
     return bits ? Json(*bits) : Json(nullptr);
   };
   Json json = {{"all", rate(static_cast<u64>(std::max<i64>(s.playableEnd, 0)))}};
-  if (!s.tally) return json;
-  json["video"] = rate(bytesOf(*s.tally, flv::kTypeVideo));
-  json["audio"] = rate(bytesOf(*s.tally, flv::kTypeAudio));
+  if (!s.count) return json;
+  json["video"] = rate(s.count->bytesOf(flv::kTypeVideo));
+  json["audio"] = rate(s.count->bytesOf(flv::kTypeAudio));
   return json;
 }
 
-Json tallyJson(const PlayTally& tally) {
+Json countJson(const TagCount& count) {
   Json kinds = Json::array();
-  for (const auto& [type, kind] : tally.kinds) {
+  for (const auto& [type, kind] : count.kinds) {
     kinds.push_back(
         {{"type", type}, {"name", tagTypeName(type)}, {"tags", kind.tags}, {"bytes", kind.bytes}});
   }
-  return {{"segments", tally.segments},
-          {"damagedSegments", tally.damagedSegments},
-          {"messages", tally.messages},
-          {"aggregates", tally.aggregates},
-          {"kinds", std::move(kinds)}};
+  return {{"tags", count.tags()}, {"damages", count.damages}, {"kinds", std::move(kinds)}};
 }
 
 }  // namespace
+
+u64 TagCount::tags() const {
+  u64 sum = 0;
+  for (const auto& [type, kind] : kinds) sum += kind.tags;
+  return sum;
+}
+
+u64 TagCount::bytesOf(u8 plainType) const {
+  u64 sum = 0;
+  for (const auto& [type, kind] : kinds) {
+    if ((type & flv::kTypeMask) == plainType) sum += kind.bytes;
+  }
+  return sum;
+}
 
 std::optional<double> FileSummary::bitRate(u64 bytes) const {
   if (duration <= firstTime) return std::nullopt;
@@ -261,7 +279,7 @@ FileSummary summarize(Stream& stream, Depth depth) {
     summary.headRecords.push_back({record.trackId, record.tag.size});
   });
   if (depth == Depth::wholeFile) {
-    readAll(stream, summary);
+    readAll(summary);
   } else {
     readFront(stream, summary);
   }
@@ -287,8 +305,8 @@ std::string summaryText(const FileSummary& s) {
     text += row("head", fmt::format("{}, {} bytes", headRecordName(head.trackId), head.size));
   }
   for (const Claim& claim : s.claims) text += row("claim", claimText(claim));
-  if (!s.tally) return text;
-  for (const auto& [type, kind] : s.tally->kinds) {
+  if (!s.count) return text;
+  for (const auto& [type, kind] : s.count->kinds) {
     text +=
         row("tags", fmt::format("{} {} (type {}), {} bytes", kind.tags, tagTypeName(type), type, kind.bytes));
   }
@@ -332,7 +350,7 @@ Json summaryJson(const FileSummary& s) {
                {"headRecords", std::move(heads)},
                {"claims", claimsJson(s.claims)},
                {"memoryOverhead", s.memoryOverhead}};
-  if (s.tally) json["tags"] = tallyJson(*s.tally);
+  if (s.count) json["tags"] = countJson(*s.count);
   return json;
 }
 

@@ -14,6 +14,15 @@
 
 namespace orv::host {
 
+// Every whole tag of a file, those behind damage too.
+struct TagCount {
+  std::map<u8, PlayTally::Kind> kinds;  // By type byte.
+  u64 damages = 0;                      // Bytes between tags that belong to none, and sizes that lie.
+
+  u64 tags() const;
+  u64 bytesOf(u8 plainType) const;  // Of data.
+};
+
 struct FileSummary {
   struct FirstTag {
     u32 time;
@@ -41,8 +50,8 @@ struct FileSummary {
   std::optional<u32> height;
   std::optional<double> frameRate;  // Of the video tags that were seen, a second.
   std::vector<Head> headRecords;
-  std::vector<Claim> claims;       // Of the metadata.
-  std::optional<PlayTally> tally;  // If the whole file was counted.
+  std::vector<Claim> claims;      // Of the metadata.
+  std::optional<TagCount> count;  // If the whole file was counted.
 
   i64 bytesBehind() const { return fileSize - playableEnd; }
   // Bits a second of `bytes` spread over the file's time; none if it has no length.
@@ -51,7 +60,7 @@ struct FileSummary {
 
 enum class Depth { front, wholeFile };
 
-// The front costs a few host calls whatever the file's length; counting tags reads all of it.
+// The front costs a few host calls whatever the file's length; counting walks through all of it.
 FileSummary summarize(Stream& stream, Depth depth);
 
 std::string summaryText(const FileSummary& summary);

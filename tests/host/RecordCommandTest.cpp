@@ -314,7 +314,7 @@ TEST_F(RecordCommandTest, reservedMetadataIsBroughtUpToDate) {
     ASSERT_EQ(records.size(), 1u) << s.entries;
     EXPECT_EQ(records[0]["values"][0]["entries"], json::parse(s.entries));
     const json info = json::parse(flvhost({"info", "--count", "--json", file}).out);
-    EXPECT_EQ(info["files"][0]["tags"]["messages"], 3) << s.entries;
+    EXPECT_EQ(info["files"][0]["tags"]["tags"], 4) << s.entries;
   }
 }
 
