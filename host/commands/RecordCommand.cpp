@@ -38,7 +38,8 @@ class RecordRun {
         target_(options.file, options.backup, options.onto),
         session_(moduleOptions(options)),
         reserve_([this](const Tag& tag) { recording().take(tag); }),
-        reader_([this](const Tag& tag) { take(tag); }),
+        reader_([this](const Tag& tag) { take(tag); },
+                [this](u64 position, u64 size) { noteDamage(position, size); }),
         chunk_(kChunkSize) {}
 
   ExitCode run();
@@ -50,6 +51,7 @@ class RecordRun {
   // Made once the stream has begun: an encoder that fails to start must not cost the old file.
   Recording& recording();
   void take(const Tag& tag);
+  void noteDamage(u64 position, u64 size);
   bool readInput();
   void showProgress();
   ExitCode conclude();
@@ -61,6 +63,7 @@ class RecordRun {
   std::optional<Recording> recording_;
   MetadataReserve reserve_;
   FlvReader reader_;
+  u64 damages_ = 0;
   std::vector<u8> chunk_;
   Progress progress_;
 };
@@ -110,6 +113,12 @@ void RecordRun::take(const Tag& tag) {
   }
 }
 
+// The stream goes on at the next tag, as a repair would.
+void RecordRun::noteDamage(u64 position, u64 size) {
+  ++damages_;
+  tell(fmt::format("{}: damaged; {} bytes from byte {} on are left out", kInputName, size, position));
+}
+
 // False at the end of the input, and where it can't be followed farther.
 bool RecordRun::readInput() {
   const ssize_t size = ::read(STDIN_FILENO, chunk_.data(), chunk_.size());
@@ -129,6 +138,7 @@ void RecordRun::showProgress() {
 }
 
 ExitCode RecordRun::conclude() {
+  reader_.finish();
   reserve_.finish();
   if (recording_) recording_->finish();
   const std::string end = reader_.fault().empty() ? reader_.explainEnd() : reader_.fault();
@@ -139,7 +149,8 @@ ExitCode RecordRun::conclude() {
   session_.reportStats();
   if (target_.mirror() && target_.mirror()->isBehind()) return ExitCode::hostFault;
   const bool isGood = recording_->isReadable() && !recording_->isEmpty() &&
-                      !recording_->tally().lostAKind() && reader_.fault().empty();
+                      !recording_->tally().lostAKind() && reader_.fault().empty() && damages_ == 0 &&
+                      !reader_.isLost();
   return isGood ? ExitCode::good : ExitCode::fileFault;
 }
 

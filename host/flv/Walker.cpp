@@ -56,6 +56,10 @@ std::size_t skipZeros(const u8* bytes, std::size_t from, std::size_t end) {
 
 }  // namespace
 
+bool isPlausibleTagHeader(const flv::TagHeader& header) {
+  return isPlausibleType(header.typeByte()) && header.streamId() == 0;
+}
+
 Walker::Walker(ByteSource& source, Payloads payloads)
     : source_(source), skips_(payloads == Payloads::fronts && source.isSeekable()), window_(source) {
   readHeader();

@@ -19,6 +19,9 @@
 
 namespace orv::host {
 
+// Of a type that writers use, and of stream 0.
+bool isPlausibleTagHeader(const flv::TagHeader& header);
+
 // What a tag's trailing field says. Some writers leave it 0, and some leave the header's 11 bytes out of it.
 enum class SizeField : u8 { exact, zero, withoutHeader, other };
 

@@ -1,6 +1,7 @@
 #include "host/flv/FlvReader.h"
 
-#include "Movie.h"
+#include "Damage.h"
+#include "host/flv/Walker.h"
 
 namespace orv::host {
 namespace {
@@ -29,6 +30,49 @@ TEST(FlvReader, givesTheWholeTagsOfAStreamCutAnywhereInPiecesOfAnySize) {
       }
       ASSERT_TRUE(tags == whole) << size << " in pieces of " << piece;
       ASSERT_EQ(reader.explainEnd().empty(), atBorder) << size << " in pieces of " << piece;
+    }
+  }
+}
+
+// As a walk through the same bytes does, in pieces of any size, and without more memory than 20 MiB of junk
+// take.
+TEST(FlvReader, goesOnBehindDamageAsAWalkDoes) {
+  const FlvBuilder film = movie(200);
+  const i64 at = film.tags()[80].position;
+  const Damage damages[] = {
+      Damage(film).insert(at, noise(1000)).insert(film.tags()[9].position, noise(7)),
+      Damage(film).overwrite(at + 500, Bytes(30'000)),
+      Damage(film).remove(at + 500, 5000).remove(film.tags()[150].position - 3, 500),
+      Damage(film).insert(at, film.bytes()),
+      Damage(film).insert(at, noise(20 << 20)).insert(film.tags()[90].position, noise(100)),
+      Damage(film).overwrite(film.tags().back().end() - 4, {0, 0, 0, 99}),
+      Damage(film).insert(film.size(), noise(40)),
+  };
+  for (const Damage& damage : damages) {
+    const Bytes bytes = damage.bytes();
+    TagList walked;
+    u64 lost = 0;
+    MemorySource source(bytes);
+    for (Walker walker(source); const auto step = walker.next();) {
+      const auto* const tag = std::get_if<WalkedTag>(&*step);
+      if (tag)
+        walked.push_back({tag->tag.type, tag->tag.time, {tag->tag.data, tag->tag.data + tag->tag.size}});
+      if (!tag) lost += static_cast<u64>(std::get<Break>(*step).to - std::get<Break>(*step).from);
+    }
+    for (const std::size_t piece : {std::size_t{333}, std::size_t{65536}, bytes.size()}) {
+      TagList tags;
+      u64 leftOut = 0;
+      FlvReader reader(
+          [&](const Tag& t) {
+            tags.push_back({t.type, t.time, {t.data, t.data + t.size}});
+          },
+          [&](u64, u64 size) { leftOut += size; });
+      for (std::size_t i = 0; i < bytes.size(); i += piece) {
+        ASSERT_TRUE(reader.feed(&bytes[i], std::min(piece, bytes.size() - i)));
+      }
+      reader.finish();
+      EXPECT_TRUE(tags == walked) << &damage - damages << ' ' << piece << ' ' << tags.size();
+      EXPECT_TRUE(leftOut == lost || !reader.explainEnd().empty()) << &damage - damages;
     }
   }
 }
