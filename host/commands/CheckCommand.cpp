@@ -21,9 +21,17 @@ using Json = nlohmann::ordered_json;
 
 constexpr u64 kMostShown = 10;  // Of one code.
 
+// As wide as a column.
+std::string severityText(Severity severity) {
+  const char* const name = severityName(severity);
+  if (!isColoured()) return fmt::format("{:<8}", name);
+  const int colour = severity == Severity::error ? 31 : severity == Severity::warning ? 33 : 36;
+  return fmt::format("\x1b[{}m{:<8}\x1b[0m", colour, name);
+}
+
 std::string row(const Finding& finding) {
   const CodeInfo& info = infoOf(finding.code);
-  return fmt::format("  {:<8} {:<20}{:>13}  {:<14}{}\n", severityName(info.severity), info.text,
+  return fmt::format("  {} {:<20}{:>13}  {:<14}{}\n", severityText(info.severity), info.text,
                      finding.position ? fmt::format("{}", *finding.position) : "",
                      finding.time ? timeText(*finding.time) : "", finding.text);
 }
@@ -40,8 +48,8 @@ std::string table(const std::string& name, const Checker& checker) {
   for (const auto& [code, count] : checker.findings().counts()) {
     if (count <= kMostShown) continue;
     const CodeInfo& info = infoOf(code);
-    text += fmt::format("  {:<8} {:<20}and {} more\n", severityName(info.severity), info.text,
-                        count - kMostShown);
+    text +=
+        fmt::format("  {} {:<20}and {} more\n", severityText(info.severity), info.text, count - kMostShown);
   }
   return text;
 }

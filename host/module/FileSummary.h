@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>

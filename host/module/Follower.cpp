@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/module/LostTags.h"
 #include "host/module/SegmentWalk.h"
 #include "host/text/Console.h"
 
@@ -15,14 +16,23 @@ bool Follower::hasGrown() {
 
 void Follower::load(const Handler& handler) {
   SegmentWalk walk(stream_, position_);
-  while (std::optional<SegmentBounds> bounds = walk.next()) {
+  for (;;) {
+    const std::size_t gaps = walk.gaps().size();
+    std::optional<SegmentBounds> bounds = walk.next();
+    if (walk.gaps().size() > gaps) loadLost(walk.gaps().back().begin, walk.gaps().back().end, {}, handler);
+    if (!bounds) break;
     // What ended at the file's old end is looked up as one segment with what was played of it.
     bounds->startPosition = std::max(bounds->startPosition, position_);
+    DeliveredTags delivered;
     const bool whole = stream_.load(*bounds, [&](const Message& message) {
-      forEachTag(message, [&](const Tag& tag) { deliver(tag, handler); });
+      forEachTag(message, [&](const Tag& tag) {
+        delivered.note(tag);
+        deliver(tag, handler);
+      });
     });
     if (!whole) {
       ++tally_.damaged;
+      loadLost(bounds->startPosition, bounds->endPosition + 1, delivered, handler);
       tell(fmt::format("{}: damaged between byte {} and byte {}; what can't be read there is left out",
                        stream_.name(), bounds->startPosition, bounds->endPosition));
     }
@@ -31,6 +41,13 @@ void Follower::load(const Handler& handler) {
   position_ = std::max(position_, walk.position());
   tally_.damaged += walk.gaps().size();
   walk.tellGaps();
+}
+
+// The whole tags of a byte run that the module can't load as one.
+void Follower::loadLost(i64 from, i64 to, const DeliveredTags& delivered, const Handler& handler) {
+  LostTags(stream_, from, to).load(delivered, [&](const SegmentBounds&, const Message& message) {
+    forEachTag(message, [&](const Tag& tag) { deliver(tag, handler); });
+  });
 }
 
 void Follower::deliver(const Tag& tag, const Handler& handler) {

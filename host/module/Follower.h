@@ -16,6 +16,8 @@ struct FollowTally {
   u64 damaged = 0;  // Segments, and gaps between them, that couldn't be read whole.
 };
 
+class DeliveredTags;
+
 // Rests on the module's own refresh alone: asked for the file's end, it notices a change and scans anew.
 class Follower {
  public:
@@ -27,7 +29,7 @@ class Follower {
 
   // Whether there is something new to load.
   bool hasGrown();
-  // Delivers it, in the order of the module. Damage is told and gone past.
+  // Delivers it, in the order of the module. Damage is reported and gone past.
   void load(const Handler& handler);
   // Whether the file was removed, replaced or cut, so that what follows has nothing to do with what was
   // played. Told once.
@@ -37,6 +39,7 @@ class Follower {
   const FollowTally& tally() const { return tally_; }
 
  private:
+  void loadLost(i64 from, i64 to, const DeliveredTags& delivered, const Handler& handler);
   void deliver(const Tag& tag, const Handler& handler);
   bool isReplaced() const;
 

@@ -29,7 +29,7 @@ class Slice final : public ByteSource {
 
 }  // namespace
 
-u64 LostTags::load(const DeliveredTags& delivered, const MessageHolder::Handler& handler) {
+u64 LostTags::load(const DeliveredTags& delivered, const Handler& handler) {
   std::map<DeliveredTags::Key, u64> counts;
   for (const DeliveredTags::Key& key : delivered.keys_) ++counts[key];
   Slice slice(stream_.name(), from_);
@@ -49,7 +49,7 @@ u64 LostTags::load(const DeliveredTags& delivered, const MessageHolder::Handler&
                                walked->tag.time, walked->tag.time};
     stream_.load(bounds, [&](const Message& message) {
       ++found;
-      handler(message);
+      handler(bounds, message);
     });
   }
   return found;

@@ -31,8 +31,9 @@ class LostTags {
   LostTags(Stream& stream, i64 from, i64 to) : stream_(stream), from_(from), to_(to) {}
 
   // Delivers every whole tag of the run that isn't among `delivered` and that the module takes, in the order
-  // of the file. Returns their number.
-  u64 load(const DeliveredTags& delivered, const MessageHolder::Handler& handler);
+  // of the file, with the place of each. Returns their number.
+  using Handler = std::function<void(const SegmentBounds& place, const Message& message)>;
+  u64 load(const DeliveredTags& delivered, const Handler& handler);
 
  private:
   Stream& stream_;

@@ -220,8 +220,13 @@ void Player::playSegment(const SegmentBounds& bounds) {
 // The whole tags of a byte run that a load didn't get to.
 void Player::playLost(i64 from, i64 to) {
   const DeliveredTags delivered = std::exchange(delivered_, {});
-  tally_.recovered +=
-      LostTags(stream_, from, to).load(delivered, [&](const Message& message) { take(message); });
+  const auto takeFound = [this](const SegmentBounds& place, const Message& message) {
+    if (verifier_) verifier_->beginSegment(place);
+    if (verifier_) verifier_->check(message);
+    if (verifier_) verifier_->endSegment();
+    take(message);
+  };
+  tally_.recovered += LostTags(stream_, from, to).load(delivered, takeFound);
 }
 
 void Player::take(const Message& message) {
@@ -236,7 +241,6 @@ void Player::takeTag(const Tag& tag, bool inAggregate) {
   ++kind.tags;
   kind.bytes += tag.size;
   delivered_.note(tag);
-  if (plan_.observe) plan_.observe(tag);
   if (skip_ > 0) {
     --skip_;
   } else if (!plan_.end || tag.time < *plan_.end) {

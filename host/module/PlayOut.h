@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <functional>
 #include <map>
 #include <optional>
 
@@ -38,7 +37,6 @@ struct PlayPlan {
   bool aggregates = false;  // Tags that came in aggregates go out in aggregates.
   // A piece of the file: the metadata that goes out is made true of it.
   bool isPiece = false;
-  std::function<void(const Tag&)> observe;  // Sees every tag that is delivered; may be empty.
 };
 
 // What was delivered, and how much of it went out.

@@ -115,7 +115,7 @@ void SharedFile::recover(i64 from, i64 to, const DeliveredTags& delivered, Piece
   ++around_.faults.damaged;
   u64 found = 0;
   if (to - from <= kMostSearched) {
-    found = LostTags(stream_, from, to).load(delivered, [&](const Message& message) {
+    found = LostTags(stream_, from, to).load(delivered, [&](const SegmentBounds&, const Message& message) {
       forEachTag(message, [&](const Tag& tag) {
         if (isKnownType(tag.type)) piece.add(tag);
       });

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "host/text/Failure.h"
@@ -83,6 +84,11 @@ void print(const std::string& text) {
 void flushOutput() {
   if (!dataStream) return;
   if (std::fflush(dataStream) != 0 || std::ferror(dataStream)) throwOutputFailure(errno);
+}
+
+bool isColoured() {
+  const char* const refusal = std::getenv("NO_COLOR");
+  return (!refusal || !*refusal) && dataStream && isatty(dataDescriptor());
 }
 
 Progress::Progress()

@@ -30,6 +30,9 @@ void print(const std::string& text);
 // To be called at the end of a command that prints: what is still buffered goes out, or throws as above.
 void flushOutput();
 
+// Whether what is printed may bear colours: a terminal shows it, and NO_COLOR is unset or empty.
+bool isColoured();
+
 // A line that is written again and again, a few times a second, if standard error is a terminal.
 class Progress {
  public:

@@ -75,6 +75,19 @@ TEST_F(Flvhost, helpManualAndCompletionSayTheSame) {
   EXPECT_THAT(flvhost({"--version"}).out, testing::StartsWith("flvhost 1."));
 }
 
+TEST_F(Flvhost, coloursOnlyATerminalThatWantsIt) {
+  const std::string check = "script -qec '" FLVHOST_PATH " check " +
+                            dir.file("bad.flv", Bytes(film.bytes().begin(), film.bytes().begin() + 30'000)) +
+                            "' ";
+  const std::string out = dir.path("out");
+  for (const char* const refusal : {"", "1"}) {
+    EXPECT_EQ(
+        std::system(("NO_COLOR=" + std::string(refusal) + " " + check + out + " >/dev/null").c_str()) >> 8,
+        1);
+    EXPECT_EQ(str(TempDir::read(out)).find("\x1b[31merror   \x1b[0m") == std::string::npos, *refusal == '1');
+  }
+}
+
 TEST_F(Flvhost, playsOutByteForByteWhatIsAskedFor) {
   const FlvBuilder late = movie().tag(9, 0, 300).tag(8, 0x01020304, 50);
   const Bytes firstSound = part(film, 0, 1), behindIt = part(film, 1, 3);
@@ -131,13 +144,16 @@ TEST_F(Flvhost, playsOutByteForByteWhatIsAskedFor) {
   }
 }
 
-TEST_F(Flvhost, playsEveryWholeTagOfADamagedFile) {
+// Played, followed, or recorded anew.
+TEST_F(Flvhost, deliversEveryWholeTagOfADamagedFile) {
   const auto& tags = film.tags();
   Damage several(film);
   several.overwrite(tags[100].position, Bytes(11)).overwrite(262'000, Bytes(38'000));
+  std::string verified;
   const struct {
     const char* name;
     Damage damage;
+    const char* recorded = "standard input: damaged; ";
   } kCases[] = {
       {"a header, and the start of a segment", several},
       {"junk between tags", Damage(film).insert(tags[50].position, noise(5000))},
@@ -145,20 +161,31 @@ TEST_F(Flvhost, playsEveryWholeTagOfADamagedFile) {
       {"zeros", Damage(film).overwrite(100'000, Bytes(65'536))},
       {"bytes missing", Damage(film).remove(100'000, 7777)},
       {"two holes", Damage(film).remove(50'000, 3000).remove(400'000, 9000)},
-      {"a wrong size field", Damage(film).overwrite(tags[20].end() - 4, {0, 0, 0, 99})},
+      {"a wrong size field", Damage(film).overwrite(tags[20].end() - 4, {0, 0, 0, 99}), ""},
   };
   for (const auto& c : kCases) {
-    const Outcome result = flvhost({"play", dir.file("bad.flv", c.damage.bytes()), "-o", "-"});
-    EXPECT_EQ(result.exitCode, 1) << c.name;
-    EXPECT_THAT(result.err, HasSubstr("damaged between byte ")) << c.name;
-    EXPECT_THAT(result.err, HasSubstr("tags found behind damage: ")) << c.name;
-    TagList played = tagsOf(result.out);
-    std::size_t whole = 0;
-    for (const auto& tag : c.damage.whole())
-      whole += static_cast<std::size_t>(std::ranges::count(played, tag));
-    EXPECT_EQ(whole, c.damage.whole().size()) << c.name;  // Each one, once.
-    EXPECT_LE(played.size(), whole + 2) << c.name;
+    const std::string bad = dir.file("bad.flv", c.damage.bytes());
+    const auto expectWhole = [&](const Outcome& result, const std::string& line, const std::string& out) {
+      EXPECT_EQ(result.exitCode, line.empty() ? 0 : 1) << c.name;
+      EXPECT_THAT(result.err, HasSubstr(line)) << c.name;
+      const TagList got = tagsOf(out);
+      const TagList wanted = c.damage.whole();
+      std::size_t whole = 0;
+      for (const auto& tag : wanted) whole += static_cast<std::size_t>(std::ranges::count(got, tag));
+      EXPECT_EQ(whole, wanted.size()) << c.name << line;  // Each one, once.
+      EXPECT_LE(got.size(), whole + 2) << c.name << line;
+    };
+    const Outcome played = flvhost({"play", bad, "-o", "-", "--verify"});
+    expectWhole(played, "tags found behind damage: ", played.out);
+    EXPECT_THAT(played.err, HasSubstr("damaged between byte ")) << c.name;
+    const Outcome followed = flvhost({"follow", bad, "-o", "-", "--until-idle", "0"});
+    expectWhole(followed, "damaged between byte ", followed.out);
+    const std::string again = dir.path("again.flv");
+    const Outcome recorded = flvhost({"record", again, "--keep-metadata", "--overwrite"}, c.damage.bytes());
+    expectWhole(recorded, c.recorded, str(TempDir::read(again)));
+    verified += played.err + "\n";
   }
+  EXPECT_THAT(verified, HasSubstr("each one equal"));
 }
 
 // Nor is anything else left, whatever ends the program.
