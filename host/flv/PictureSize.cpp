@@ -1,5 +1,6 @@
 #include "host/flv/PictureSize.h"
 
+#include <algorithm>
 #include <span>
 #include <vector>
 
@@ -9,6 +10,7 @@ namespace {
 
 using Bytes = std::span<const u8>;
 
+constexpr std::size_t kAv1Record = 4;     // Bytes of a set-up record before its units.
 constexpr std::size_t kClassicSetup = 5;  // A set-up record follows codec, packet type and composition time.
 
 // Reads bits in order. Those behind the end are 0, and failed() is true from then on.
@@ -82,6 +84,92 @@ std::optional<PictureSize> vp6Size(Bytes frame, bool hasAlpha) {
   const u32 rows = reader.bits(8), columns = reader.bits(8);
   if (columns * 16 <= cropX || rows * 16 <= cropY) return std::nullopt;
   return sizeOf(reader, columns * 16 - cropX, rows * 16 - cropY);
+}
+
+// A key frame of VP8: a tag of 3 bytes, a start code, and two numbers with their scales.
+std::optional<PictureSize> vp8Size(Bytes frame) {
+  if (frame.size() < 10 || frame[3] != 0x9D || frame[4] != 0x01 || frame[5] != 0x2A) return std::nullopt;
+  const auto number = [&](std::size_t at) { return (frame[at] | u32{frame[at + 1]} << 8) & 0x3FFF; };
+  return sizeOf(BitReader(frame), number(6), number(8));
+}
+
+// The head of a key frame of VP9.
+std::optional<PictureSize> vp9Size(Bytes frame) {
+  constexpr u32 kFrameMarker = 2, kSyncCode = 0x498342, kRgb = 7;
+  BitReader reader(frame);
+  if (reader.bits(2) != kFrameMarker) return std::nullopt;
+  const u32 low = reader.bits(1), profile = low | reader.bits(1) << 1;
+  if (profile == 3) reader.skip(1);
+  if (reader.bits(2) != 0) return std::nullopt;  // Shows an earlier frame, or is no key frame.
+  reader.skip(2);
+  if (reader.bits(24) != kSyncCode) return std::nullopt;
+  if (profile >= 2) reader.skip(1);  // Depth.
+  const bool isRgb = reader.bits(3) == kRgb;
+  if (!isRgb) reader.skip(1);  // Range.
+  if (profile & 1) reader.skip(isRgb ? 1 : 3);
+  const u32 width = reader.bits(16) + 1;
+  return sizeOf(reader, width, reader.bits(16) + 1);
+}
+
+void skipAv1Timing(BitReader& reader) {
+  reader.skip(32 + 32);
+  if (reader.bits(1)) reader.golomb();
+}
+
+// Of the sequence header of AV1 behind its unit's own header.
+std::optional<PictureSize> av1Size(Bytes unit) {
+  BitReader reader(unit);
+  reader.skip(3 + 1);
+  if (reader.bits(1)) {  // Of a still picture, and short.
+    reader.skip(5);
+  } else {
+    u32 delayBits = 0;
+    if (reader.bits(1)) {
+      skipAv1Timing(reader);
+      if (reader.bits(1)) {
+        delayBits = reader.bits(5) + 1;
+        reader.skip(32 + 5 + 5);
+      }
+    }
+    const bool hasDisplayDelay = reader.bits(1) != 0;
+    for (u32 points = reader.bits(5) + 1; points > 0; --points) {
+      reader.skip(12);
+      if (reader.bits(5) > 7) reader.skip(1);
+      if (delayBits > 0 && reader.bits(1)) reader.skip(2 * delayBits + 1);
+      if (hasDisplayDelay && reader.bits(1)) reader.skip(4);
+    }
+  }
+  const u32 widthBits = reader.bits(4) + 1, heightBits = reader.bits(4) + 1;
+  const u32 width = reader.bits(widthBits) + 1;
+  return sizeOf(reader, width, reader.bits(heightBits) + 1);
+}
+
+// A number in groups of 7 bits, the low ones first. Returns its bytes; 0 if it doesn't end or is too large.
+std::size_t readLeb128(Bytes bytes, std::size_t* value) {
+  *value = 0;
+  for (std::size_t i = 0; i < std::min<std::size_t>(bytes.size(), 4); ++i) {
+    *value |= std::size_t{bytes[i] & 127u} << 7 * i;
+    if (!(bytes[i] & 128)) return i + 1;
+  }
+  return 0;
+}
+
+// Units of AV1, in a row: of the first sequence header.
+std::optional<PictureSize> av1UnitsSize(Bytes units) {
+  constexpr u32 kSequenceHeader = 1;
+  while (!units.empty()) {
+    const u8 first = units[0];
+    units = units.subspan(std::min<std::size_t>(units.size(), first & 4 ? 2 : 1));
+    std::size_t size = units.size();
+    if (first & 2) {
+      const std::size_t bytes = readLeb128(units, &size);
+      if (bytes == 0 || size > units.size() - bytes) return std::nullopt;
+      units = units.subspan(bytes);
+    }
+    if ((first >> 3 & 15) == kSequenceHeader) return av1Size(units.first(size));
+    units = units.subspan(size);
+  }
+  return std::nullopt;
 }
 
 // A parameter set without the bytes that keep start codes out of it.
@@ -229,6 +317,8 @@ std::optional<PictureSize> setupSize(CodecId codec, Bytes record) {
     case kCodecHevc:
     case fourCc("hvc1"):
       return hevcRecordSize(record);
+    case fourCc("av01"):
+      return record.size() > kAv1Record ? av1UnitsSize(record.subspan(kAv1Record)) : std::nullopt;
     default:
       return std::nullopt;
   }
@@ -244,6 +334,12 @@ std::optional<PictureSize> keyFrameSize(CodecId codec, Bytes frame) {
     case 4:
     case 5:
       return vp6Size(frame, codec == 5);
+    case fourCc("vp08"):
+      return vp8Size(frame);
+    case fourCc("vp09"):
+      return vp9Size(frame);
+    case fourCc("av01"):
+      return av1UnitsSize(frame);
     default:
       return std::nullopt;
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Movie.h"
+#include "host/flv/PictureSize.h"
 
 namespace orv::host {
 namespace {
@@ -85,6 +86,35 @@ TEST(MediaHead, tellsWhatThePayloadsFirstBytesSay) {
       {18, "12", ""},
   };
   for (const auto& t : kTags) EXPECT_EQ(told(t.type, t.bytes), t.told) << t.bytes;
+}
+
+// As encoders wrote them: libaom, SVT-AV1, libvpx.
+TEST(PictureSize, isReadFromSetupRecordsAndKeyFrames) {
+  const struct {
+    std::string bytes;
+    std::string size;
+  } kTags[] = {
+      {"90 'av01' 81010C00 0A0B0000000CC4FF6736BE4010", "640x360"},
+      {"91 'av01' 1200 0A0B0000000CC4FF6736BE4010 32A01A1400", "640x360"},
+      {"90 'av01' 81000C00 0A0B000000043EA7BCFBF90040", "426x240"},
+      {"91 'vp09' 824983420035501DF60638241C184A10", "854x480"},
+      {"91 'vp09' B124C1A14000638031B041C120E0C2E0", "200x100"},  // Profile 3.
+      {"91 'vp08' 1074009D012A4201F200000708858588", "322x242"},
+      {"A1 'vp08' 1074009D012A4201F200000708858588", ""},
+      {"90 'av01' 81010C00 0A7F0000000CC4FF6736BE4010", ""},  // A size that lies.
+      {"91 'av01' FEFFFFFFFFFF", ""},
+      {"91 'vp09' 82498343", ""},
+  };
+  for (const auto& t : kTags) {
+    const Bytes data = bytesOf(t.bytes);
+    for (std::size_t size = data.size(); size > 0; --size) {  // Whole, and cut anywhere.
+      const Tag tag{9, 0, 0, data.data(), static_cast<u32>(size)};
+      const auto pictures = pictureSize(tag, *mediaHead(tag));
+      const std::string text =
+          pictures ? std::to_string(pictures->width) + "x" + std::to_string(pictures->height) : "";
+      EXPECT_TRUE(text == t.size || (text.empty() && size < data.size())) << t.bytes << ": " << text;
+    }
+  }
 }
 
 }  // namespace
