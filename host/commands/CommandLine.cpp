@@ -22,6 +22,8 @@ constexpr char kExitCodes[] =
     "Exit codes: 0 good; 1 the file's fault; 2 wrong usage, or the system's fault (a missing file, a full "
     "disk).";
 
+constexpr char kFileHelp[] = "An FLV file, or the http address of one";
+
 // The time that `text` names from its byte `at` on. Throws Failure.
 u32 timeOf(const std::string& text, std::size_t at = 0) {
   const std::optional<u32> time = parseTime(std::string_view(text).substr(at));
@@ -162,7 +164,7 @@ void CommandLine::printJsonError(const std::string& message, ExitCode code) cons
 CLI::App* CommandLine::addPlainCommand(const char* name, const char* description, const char* example) {
   CLI::App* const command = app_.add_subcommand(name, description);
   command->footer(std::string("Example:\n  ") + example + "\n\n" + kExitCodes);
-  command->add_flag_callback("--quiet", beQuiet, "No progress and no closing line; errors alone");
+  command->add_flag_callback("--quiet", beQuiet, "Print errors only: no progress and no closing line");
   return command;
 }
 
@@ -199,28 +201,28 @@ void CommandLine::addInfo() {
   CLI::App* const command =
       addCommand("info", "Shows what files hold: size, playable end, duration, codecs, rates.",
                  "flvhost info clip.flv other.flv --json", info_.common);
-  command->add_option("FILE", info_.files, "FLV files")->required();
-  command->add_flag("--json", info_.json, "One JSON document");
-  command->add_flag("--count", info_.count, "Read each file whole and count its tags");
+  command->add_option("FILE", info_.files, "FLV files or http addresses")->required();
+  command->add_flag("--json", info_.json, "Print one JSON document");
+  command->add_flag("--count", info_.count, "Walk through each file and count its tags");
   command->callback([this] { chosen_ = [this] { return runInfo(info_); }; });
 }
 
 void CommandLine::addSegments() {
   CLI::App* const command = addCommand("segments", "Lists the segments in which a file is played.",
                                        "flvhost segments clip.flv", segments_.common);
-  command->add_option("FILE", segments_.file, "An FLV file")->required();
-  command->add_flag("--json", segments_.json, "One JSON document");
+  command->add_option("FILE", segments_.file, kFileHelp)->required();
+  command->add_flag("--json", segments_.json, "Print one JSON document");
   command->callback([this] { chosen_ = [this] { return runSegments(segments_); }; });
 }
 
 void CommandLine::addSeek() {
   CLI::App* const command = addCommand("seek", "Finds the segment that holds a time.",
                                        "flvhost seek clip.flv 1:02:03.250", seek_.common);
-  command->add_option("FILE", seek_.file, "An FLV file")->required();
+  command->add_option("FILE", seek_.file, kFileHelp)->required();
   addTime(command, "TIME", "[HH:]MM:SS[.mmm] or S[.mmm][s|ms]", [this](u32 time) {
     seek_.time = time;
   })->required();
-  command->add_flag("--json", seek_.json, "One JSON document");
+  command->add_flag("--json", seek_.json, "Print one JSON document");
   command->callback([this] { chosen_ = [this] { return runSeek(seek_); }; });
 }
 
@@ -228,11 +230,12 @@ void CommandLine::addPlay() {
   CLI::App* const command =
       addCommand("play", "Plays a file to a new file or a pipe; without -o, reports what was delivered.",
                  "flvhost play clip.flv --from 1:30 --to 2:00 -o - | ffplay -", play_.common);
-  command->add_option("FILE", play_.file, "An FLV file")->required();
+  command->add_option("FILE", play_.file, kFileHelp)->required();
   addTime(command, "--from", "Start at the last key frame at or before this time",
           [this](u32 time) { play_.from = time; });
   addTime(command, "--to", "Stop before this time", [this](u32 time) { play_.to = time; });
-  command->add_option("-o,--output", play_.output, "A new FLV file; - for standard output")->type_name("OUT");
+  command->add_option("-o,--output", play_.output, "Write a new FLV file; - for standard output")
+      ->type_name("OUT");
   command->add_flag_callback(
       "--force", [this] { play_.existing = Existing::replace; }, "Replace OUT if it exists");
   command->add_flag(
@@ -247,7 +250,9 @@ void CommandLine::addPlay() {
 
 void CommandLine::addRecord() {
   CLI::App* const command = addCommand(
-      "record", "Records a live FLV stream from standard input into a file that can be played meanwhile.",
+      "record",
+      "Records a live FLV stream from standard input into a file that can be played meanwhile. Damage in the "
+      "stream is reported and left out.",
       "ffmpeg -re -i in.mp4 -c copy -f flv - | flvhost record live.flv", record_.common);
   command->add_option("FILE", record_.file, "The FLV file to record into")->required();
   addTime(command, "--flush-every", "Flush interval (default 1s)",
@@ -265,22 +270,24 @@ void CommandLine::addRecord() {
           "Replace FILE, once the first frame has come")
       ->excludes(append);
   command
-      ->add_option(
-          "--sync", record_.sync,
-          "What a power cut may cost: none (default): what the system hadn't written yet; interval: some "
-          "5s; flush: nothing that was flushed. FILE alone; not its copy")
+      ->add_option("--sync", record_.sync,
+                   "Sync FILE, but not its copy: none (default): when the system does; interval: every 5s or "
+                   "so; flush: "
+                   "with each flush, so that a power cut costs nothing that was flushed")
       ->transform(CLI::Transformer(std::map<std::string, Sync>{
           {"none", Sync::none}, {"flush", Sync::flush}, {"interval", Sync::interval}}))
       ->option_text("none|flush|interval");
-  command->add_option("--codecs", record_.codecs, "all (default), or classic: leave out H.264 and AAC")
+  command
+      ->add_option("--codecs", record_.codecs,
+                   "Record all codecs (default), or classic: leave out H.264 and AAC")
       ->check(CLI::IsMember({"all", Settings::kClassic}))
       ->option_text("all|classic");
   command->add_flag("--force", record_.force, "With --append: append behind an end that is torn");
   command->add_flag_callback(
       "--keep-metadata", [this] { record_.reserveMetadata = false; },
       "Record the stream's onMetaData as it comes. Without this, the keys that each flush brings up to date "
-      "are "
-      "added (duration, codecs, canSeekToEnd) and those that become false are dropped (filesize, keyframes)");
+      "are added (duration, codecs, canSeekToEnd) and those that become false are dropped (filesize, "
+      "keyframes)");
   command
       ->add_flag_callback(
           "--reserve-metadata", [] {}, "The default; kept for scripts")
@@ -297,10 +304,10 @@ void CommandLine::addFollow() {
   CLI::App* const command =
       addCommand("follow", "Plays a file that is being recorded and follows it as it grows, until Ctrl-C.",
                  "flvhost follow live.flv -o - | ffplay -", follow_.common);
-  command->add_option("FILE", follow_.file, "An FLV file")->required();
+  command->add_option("FILE", follow_.file, kFileHelp)->required();
   command
       ->add_option("-o,--output", follow_.output,
-                   "A new FLV file, written in place as it grows; - for standard output")
+                   "Write a new FLV file in place, as it grows; - for standard output")
       ->type_name("OUT");
   command->add_flag_callback(
       "--force", [this] { follow_.existing = Existing::replace; }, "Replace OUT if it exists");
@@ -323,7 +330,7 @@ void CommandLine::setFollowStart(const std::string& text) {
 void CommandLine::addMeta() {
   CLI::App* const command = addCommand("meta", "Shows the metadata at a file's head as JSON.",
                                        "flvhost meta clip.flv", meta_.common);
-  command->add_option("FILE", meta_.file, "An FLV file")->required();
+  command->add_option("FILE", meta_.file, kFileHelp)->required();
   command->add_flag("--raw", meta_.raw, "Dump the bytes instead");
   command->callback([this] { chosen_ = [this] { return runMeta(meta_); }; });
 }
@@ -332,15 +339,15 @@ void CommandLine::addContexts() {
   CLI::App* const command =
       addCommand("contexts", "Shows as JSON what a server gets as a file's media contexts.",
                  "flvhost contexts clip.flv", contexts_.common);
-  command->add_option("FILE", contexts_.file, "An FLV file")->required();
+  command->add_option("FILE", contexts_.file, kFileHelp)->required();
   command->callback([this] { chosen_ = [this] { return runContexts(contexts_); }; });
 }
 
 void CommandLine::addCheck() {
   CLI::App* const command = addPlainCommand(
       "check", "Checks every byte of the files: damage, times, codecs, metadata.", "flvhost check *.flv");
-  command->add_option("FILE", check_.files, "FLV files; - for standard input")->required();
-  command->add_flag("--json", check_.json, "One JSON document");
+  command->add_option("FILE", check_.files, "FLV files or http addresses; - for standard input")->required();
+  command->add_flag("--json", check_.json, "Print one JSON document");
   command->footer(command->get_footer() + "\n\nErrors alone make the exit code 1. What it can find:\n" +
                   codesText());
   command->callback([this] { chosen_ = [this] { return runCheck(check_); }; });
@@ -348,20 +355,21 @@ void CommandLine::addCheck() {
 
 void CommandLine::addTags() {
   CLI::App* const command =
-      addPlainCommand("tags", "Lists the tags of a file, a line each; of a damaged one too.",
+      addPlainCommand("tags", "Lists the tags of a file, one a line; works on damaged files.",
                       "flvhost tags clip.flv --from 1:30 --to 1:31");
-  command->add_option("FILE", tags_.file, "An FLV file; - for standard input")->required();
-  addTime(command, "--from", "Only tags of this time and later", [this](u32 time) { tags_.from = time; });
-  addTime(command, "--to", "Only tags before this time", [this](u32 time) { tags_.to = time; });
-  command->add_flag("--json", tags_.json, "JSON Lines: one object a tag");
+  command->add_option("FILE", tags_.file, "An FLV file, or the http address of one; - for standard input")
+      ->required();
+  addTime(command, "--from", "Leave out tags before this time", [this](u32 time) { tags_.from = time; });
+  addTime(command, "--to", "Leave out tags of this time and later", [this](u32 time) { tags_.to = time; });
+  command->add_flag("--json", tags_.json, "Print JSON Lines: one object a tag");
   command->callback([this] { chosen_ = [this] { return runTags(tags_); }; });
 }
 
 void CommandLine::addRepair() {
   CLI::App* const command = addPlainCommand(
-      "repair", "Writes every whole tag of a damaged file into a sound one, with metadata that are true.",
+      "repair", "Writes every whole tag of a damaged file into a sound one with true metadata.",
       "flvhost repair torn.flv sound.flv --keyframes");
-  command->add_option("IN", repair_.input, "Any file; - for standard input")->required();
+  command->add_option("IN", repair_.input, "Any file, or an http address; - for standard input")->required();
   command->add_option("OUT", repair_.output, "A new FLV file; - for standard output")->required();
   command->add_flag_callback(
       "--force", [this] { repair_.existing = Existing::replace; }, "Replace OUT if it exists");
@@ -377,14 +385,14 @@ void CommandLine::addIndex() {
   CLI::App* const command = addPlainCommand(
       "index", "Shows the key frames of a file, or adds an index of them, which many players seek by.",
       "flvhost index clip.flv -o indexed.flv");
-  command->add_option("FILE", index_.file, "An FLV file")->required();
-  CLI::Option* const output =
-      command
-          ->add_option("-o,--output", index_.output, "A new FLV file with the index; - for standard output")
-          ->type_name("OUT");
+  command->add_option("FILE", index_.file, kFileHelp)->required();
+  CLI::Option* const output = command
+                                  ->add_option("-o,--output", index_.output,
+                                               "Write a new FLV file with the index; - for standard output")
+                                  ->type_name("OUT");
   command->add_flag_callback(
       "--force", [this] { index_.existing = Existing::replace; }, "Replace OUT if it exists");
-  command->add_flag("--json", index_.json, "One JSON document")->excludes(output);
+  command->add_flag("--json", index_.json, "Print one JSON document")->excludes(output);
   command->callback([this] { chosen_ = [this] { return runIndex(index_); }; });
 }
 
@@ -392,8 +400,9 @@ void CommandLine::addReport() {
   CLI::App* const command =
       addCommand("report", "Draws a file as one web page: bit rates over time, key frames, segments, damage.",
                  "flvhost report clip.flv -o clip.html", report_.common);
-  command->add_option("FILE", report_.file, "An FLV file, damaged or not")->required();
-  command->add_option("-o,--output", report_.output, "A new HTML file; - for standard output")
+  command->add_option("FILE", report_.file, "An FLV file, damaged or not, or the http address of one")
+      ->required();
+  command->add_option("-o,--output", report_.output, "Write a new HTML file; - for standard output")
       ->type_name("OUT")
       ->required();
   command->add_flag_callback(
@@ -405,7 +414,7 @@ void CommandLine::addDemo() {
   CLI::App* const command = addCommand(
       "demo", "Shows a file's summary, its segments, a seek, a checked play-out, and a live recording of it.",
       "flvhost demo clip.flv", demo_.common);
-  command->add_option("FILE", demo_.file, "An FLV file")->required();
+  command->add_option("FILE", demo_.file, kFileHelp)->required();
   command->callback([this] { chosen_ = [this] { return runDemo(demo_); }; });
 }
 

@@ -12,21 +12,27 @@ namespace orv::host::test {
 
 class MemorySource final : public ByteSource {
  public:
-  explicit MemorySource(Bytes bytes) : bytes_(std::move(bytes)) {}
+  explicit MemorySource(Bytes bytes, bool isSeekable = false)
+      : bytes_(std::move(bytes)), isSeekable_(isSeekable) {}
   const std::string& name() const override { return name_; }
   i64 size() const override { return static_cast<i64>(bytes_.size()); }
+  bool isSeekable() const override { return isSeekable_; }
+  std::size_t bytesRead() const { return bytesRead_; }
   std::size_t read(i64 position, u8* out, std::size_t size) override {
-    EXPECT_TRUE(position >= last_ || position == 0) << position;
+    EXPECT_TRUE(isSeekable_ || position >= last_ || position == 0) << position;
     last_ = position;
     const std::size_t from = std::min(bytes_.size(), static_cast<std::size_t>(position));
     size = std::min(size, bytes_.size() - from);
+    bytesRead_ += size;
     std::copy_n(bytes_.begin() + static_cast<i64>(from), size, out);
     return size;
   }
 
  private:
   const Bytes bytes_;
+  const bool isSeekable_;
   const std::string name_ = "memory";
+  std::size_t bytesRead_ = 0;
   i64 last_ = 0;
 };
 

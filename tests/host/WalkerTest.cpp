@@ -115,6 +115,40 @@ TEST(Walker, goesOnInAFileThatWasPutBehind) {
   EXPECT_EQ(walked.breaks, "secondHeader " + std::to_string(sound.size()) + "+13");
 }
 
+// Steps as text: the places and kinds alone.
+std::string steps(MemorySource source, Payloads payloads, std::size_t* read) {
+  std::string text;
+  for (Walker walker(source, payloads); const auto step = walker.next();) {
+    const auto* const tag = std::get_if<WalkedTag>(&*step);
+    text += tag ? 't' + std::to_string(tag->tag.size) : 'b' + std::to_string(std::get<Break>(*step).to);
+    if (tag) text += '/' + std::to_string(tag->tag.front().back());
+    text += '@' + std::to_string(tag ? tag->position : std::get<Break>(*step).from) + ' ';
+  }
+  *read = source.bytesRead();
+  return text;
+}
+
+TEST(Walker, findsTheSameWithoutReadingLargePayloads) {
+  FlvBuilder sound = FlvBuilder().tag(18, 0, onMetaData());
+  for (u32 i = 0; i < 40; ++i) sound.tag(i % 3 ? 8 : 9, i * 40, noise(i % 3 ? 300 : 400'000, i));
+  const i64 large = sound.tags()[13].position;
+  const Damage damages[] = {
+      Damage(sound),
+      Damage(sound).insert(large, noise(5000)),
+      Damage(sound).insert(large + 5000, noise(5000)),
+      Damage(sound).overwrite(large + 399'000, Bytes(3000)),
+      Damage(sound).overwrite(sound.tags()[13].end() - 4, {0, 0, 0, 99}),
+      Damage(sound).remove(sound.size() - 100'000, 100'000),
+  };
+  for (const Damage& damage : damages) {
+    std::size_t whole = 0, fronts = 0;
+    const Bytes bytes = damage.bytes();
+    EXPECT_EQ(steps(MemorySource(bytes, true), Payloads::fronts, &fronts),
+              steps(MemorySource(bytes), Payloads::whole, &whole));
+    EXPECT_LT(fronts, &damage == damages ? whole / 4 : 2 * whole);
+  }
+}
+
 // Cuts and junk anywhere: what is untouched is found, and no more. Where bytes were overwritten inside one
 // tag's data, nothing tells.
 TEST(Walker, findsWhatRandomDamageLeaves) {
