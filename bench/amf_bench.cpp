@@ -1,7 +1,8 @@
 // Metadata beside a plain AMF0 codec and beside the copy of its bytes, in one run: a typical "onMetaData" of
 // 20 keys, and one with 2,000 keyframes. Both codecs read and write the same bytes. The plain one is what
 // one would write for these five forms alone: it checks every length, points into its input, shares nothing,
-// knows no references, keeps a container as a vector of its entries, and is told how long its output will be.
+// knows no references, keeps a container as a vector of its entries, and knows beforehand how long its output
+// will be.
 //
 // `perValue` is the time of one value, in nanoseconds where benchmarks show "n".
 

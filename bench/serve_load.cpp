@@ -314,7 +314,7 @@ Bytes liveData(u64 number) {
   return data;
 }
 
-// Sends a tag every few milliseconds until it is told to stop. Returns their number.
+// Sends a tag every few milliseconds until it is stopped. Returns their number.
 u64 publish(int port, const std::atomic<bool>& stop) {
   const Connection publisher(port);
   const std::string head = "PUT /live.flv HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";

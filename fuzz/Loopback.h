@@ -49,7 +49,7 @@ class Connection {
     }
   }
   void endSending() const { ::shutdown(fd_, SHUT_WR); }
-  // What comes until `mark` is among it, or until the end, as `isOver` tells then.
+  // What comes until `mark` is among it, or until the end, as `isOver` says then.
   std::string receiveUntil(std::string_view mark, bool* isOver = nullptr) const {
     std::string text;
     char chunk[4096];

@@ -54,7 +54,7 @@ inline Bytes randomData(Choices& choose) {
   }
 }
 
-// H.264 and AAC, which a recording leaves out unless it is told to take all.
+// H.264 and AAC, which a recording leaves out unless it is set to take all.
 inline bool isRefused(const Message& message) {
   if (message.data.empty()) return false;
   const u8 first = message.data[0];

@@ -28,7 +28,7 @@ constexpr int kMaxSegments = 64;
 #define HOLDS(condition) \
   if (!(condition)) std::fprintf(stderr, "line %d: %s\n", __LINE__, #condition), std::abort()
 
-// The module tells of short reads on standard output.
+// The module reports short reads on standard output.
 const bool kQuiet = std::freopen("/dev/null", "w", stdout) != nullptr;
 
 bool isFirst(const Message& tag) {

@@ -1,5 +1,5 @@
 // Any bytes on a connection to the server, by way of its own sockets and parser. They are sent in two pieces,
-// whose sizes the first byte tells in 255ths.
+// whose sizes the first byte gives in 255ths.
 //
 // What comes back is HTTP or nothing; the connection ends; and the server answers the next client.
 

@@ -163,7 +163,7 @@ class CutRecording {
       for (Message& tag : player.load(*bounds)) found.push_back(std::move(tag));
     }
     // A gap in the torn flush, with whole tags behind it, hides two: a segment ends in front of the last tag
-    // that can be told there.
+    // that can be known there.
     const bool hasGap =
         player.size() > static_cast<i64>(remains_->promised.size()) && !standing(remains_->stagedTags);
     const std::size_t hidden = hasGap ? 2 : 1;

@@ -2,7 +2,7 @@
 // of the texts that a line "--" parts, and then the connection ends. Proxies are set to that server too, so
 // that no redirect leads anywhere else.
 //
-// What is read of the object is no more than was asked for, lies within the size that the server told, and
+// What is read of the object is no more than was asked for, lies within the size that the server gave, and
 // takes no more memory; everything else is one of the faults that callers know. No look takes longer than a
 // few requests.
 

@@ -1,4 +1,4 @@
-// Looks at every byte of a file and tells what is wrong with it.
+// Looks at every byte of a file and reports what is wrong with it.
 
 #pragma once
 

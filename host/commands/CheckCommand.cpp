@@ -95,7 +95,7 @@ class CheckRun {
     print(table(source->name(), checker));
     flushOutput();
   } catch (const Failure& failure) {
-    tell(failure.what());
+    report(failure.what());
     note(failure.code());
     if (options_.json) files_.push_back({{"file", file}, {"error", failure.what()}});
   }

@@ -486,19 +486,19 @@ int runCommandLine(int argc, const char* const* argv) {
   } catch (const ReaderGone&) {
     return static_cast<int>(ExitCode::good);
   } catch (const Failure& failure) {
-    tell(failure.what());
+    report(failure.what());
     return static_cast<int>(failure.code());
   } catch (const KTOutOfMemory&) {
-    tell("out of memory");
+    report("out of memory");
   } catch (const KTBreakConnection&) {
-    tell("the data can't be parsed");
+    report("the data can't be parsed");
     return static_cast<int>(ExitCode::fileFault);
   } catch (const KTThrowable&) {
-    tell("the module failed");
+    report("the module failed");
   } catch (const std::bad_alloc&) {
-    tell("out of memory");
+    report("out of memory");
   } catch (const std::exception& error) {
-    tell(error.what());
+    report(error.what());
   }
   return static_cast<int>(ExitCode::hostFault);
 }

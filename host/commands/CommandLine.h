@@ -4,7 +4,7 @@
 
 namespace orv::host {
 
-// The exit code. Errors have been told on standard error.
+// The exit code. Errors have been printed on standard error.
 int runCommandLine(int argc, const char* const* argv);
 
 }  // namespace orv::host

@@ -40,7 +40,7 @@ struct PlayOptions {
   std::string file;
   std::optional<u32> from;
   std::optional<u32> to;
-  std::string output;  // Empty: tell what was delivered.
+  std::string output;  // Empty: report what was delivered.
   Existing existing = Existing::refuse;
   bool aggregates = false;
   bool verify = false;
@@ -65,7 +65,7 @@ struct RecordOptions {
 struct FollowOptions {
   CommonOptions common;
   std::string file;
-  std::string output;  // Empty: tell what was delivered.
+  std::string output;  // Empty: report what was delivered.
   Existing existing = Existing::refuse;
   std::optional<u32> untilIdle;
   // Where to start; with `fromEnd`, so much before the end that the file has then.

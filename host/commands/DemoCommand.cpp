@@ -48,7 +48,7 @@ bool showSeek(Session& session, const std::string& file, u32 time) {
     print("seek to the middle\n" + seekText(answer));
     return answer.isWhole;
   } catch (const Failure& failure) {
-    tell(failure.what());
+    report(failure.what());
     return false;
   }
 }

@@ -135,7 +135,7 @@ ExitCode FollowRun::conclude() {
   return follower_.isGone() || tally.damaged > 0 ? ExitCode::fileFault : ExitCode::good;
 }
 
-// Waits until the file holds more than a header. Returns false if told to stop before.
+// Waits until the file holds more than a header. Returns false if stopped before.
 bool waitForFile(const std::string& file) {
   const StopSignals signals;
   struct stat status {};

@@ -34,7 +34,7 @@ class InfoRun {
       if (summary->count && summary->count->damages > 0) note(ExitCode::fileFault);
       if (summary->bytesBehind() > 0) stream.requirePlayable();
     } catch (const Failure& failure) {
-      tell(failure.what());
+      report(failure.what());
       note(failure.code());
       if (options_.json && !summary) files_.push_back({{"file", file}, {"error", failure.what()}});
     }

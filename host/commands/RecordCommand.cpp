@@ -77,7 +77,7 @@ void RecordRun::lookAtTail() {
     if (!options_.force) {
       throw fileFault(what + "; flvhost repair makes a sound file of it, --force appends behind them");
     }
-    tell(what + "; they stay, and players stumble over them");
+    report(what + "; they stay, and players stumble over them");
   }
   if (options_.times == AppendedTimes::goOn && tail.hasTags) tail_ = std::move(tail);
 }
@@ -116,7 +116,7 @@ void RecordRun::take(const Tag& tag) {
 // The stream goes on at the next tag, as a repair would.
 void RecordRun::noteDamage(u64 position, u64 size) {
   ++damages_;
-  tell(fmt::format("{}: damaged; {} bytes from byte {} on are left out", kInputName, size, position));
+  report(fmt::format("{}: damaged; {} bytes from byte {} on are left out", kInputName, size, position));
 }
 
 // False at the end of the input, and where it can't be followed farther.
@@ -124,7 +124,7 @@ bool RecordRun::readInput() {
   const ssize_t size = ::read(STDIN_FILENO, chunk_.data(), chunk_.size());
   if (size > 0) return reader_.feed(chunk_.data(), static_cast<std::size_t>(size));
   if (size < 0 && (errno == EINTR || errno == EAGAIN)) return true;
-  if (size < 0) tell(std::string(kInputName) + ": " + std::strerror(errno));
+  if (size < 0) report(std::string(kInputName) + ": " + std::strerror(errno));
   return false;
 }
 
@@ -142,10 +142,10 @@ ExitCode RecordRun::conclude() {
   reserve_.finish();
   if (recording_) recording_->finish();
   const std::string end = reader_.fault().empty() ? reader_.explainEnd() : reader_.fault();
-  if (!end.empty()) tell(std::string(kInputName) + ": " + end);
+  if (!end.empty()) report(std::string(kInputName) + ": " + end);
   if (!recording_) return ExitCode::fileFault;
   const std::string summary = target_.file() + ": " + recording_->summaryText();
-  recording_->isEmpty() ? tell(summary) : note(summary);
+  recording_->isEmpty() ? report(summary) : note(summary);
   session_.reportStats();
   if (target_.mirror() && target_.mirror()->isBehind()) return ExitCode::hostFault;
   const bool isGood = recording_->isReadable() && !recording_->isEmpty() &&

@@ -17,7 +17,7 @@ class StopSignals {
   using Duration = std::chrono::milliseconds;
   struct Wake {
     bool stop = false;   // A signal has come.
-    bool ready = false;  // `fd` has something to tell.
+    bool ready = false;  // `fd` has input, or has ended.
   };
 
   StopSignals();

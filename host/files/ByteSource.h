@@ -15,7 +15,7 @@ class ByteSource {
 
   // What messages call it.
   virtual const std::string& name() const = 0;
-  // -1 where only the end will tell.
+  // -1 where it isn't known before the end.
   virtual i64 size() const = 0;
   // Whether any position may be asked for, at the cost of one read.
   virtual bool isSeekable() const { return false; }

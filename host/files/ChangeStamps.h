@@ -24,7 +24,7 @@ i64 systemTime();
 //   - the moment when the last change has become older than a tick. A change in place by another process,
 //     within the tick in which the file was last looked at, shows in none of the above; this shows it, a
 //     few milliseconds late. The price is that a file at rest gets one more stamp, once, after its change.
-// Not covered: writes through a memory map that the kernel hasn't yet told the file system of, and file
+// Not covered: writes through a memory map that the kernel hasn't yet passed to the file system, and file
 // systems whose times stand still or run behind the clock by more than the margin below.
 // A stamp is never 0 and never dealt twice, so a file that was replaced by another one shows as well. One
 // small entry is kept for each file met. Safe from any thread.
@@ -35,7 +35,7 @@ class ChangeStamps {
 
   // The stamp of the file that `status` describes, just taken by stat or fstat.
   u32 of(const struct stat& status);
-  // To be called after a write has reached the file, and before anybody is told that it has.
+  // To be called after a write has reached the file, and before anybody learns that it has.
   void noteWrite(dev_t device, ino_t inode);
 
  private:

@@ -205,7 +205,7 @@ struct HttpRanges::Exchange {
     return size;
   }
 
-  // A strong validator: with it, the server sends a range of the known object or tells that it changed.
+  // A strong validator: with it, the server sends a range of the known object or reports that it has changed.
   std::string condition() const {
     if (!known) return {};
     if (!known->etag.empty() && !known->etag.starts_with("W/")) return "If-Range: " + known->etag;
@@ -289,7 +289,7 @@ void HttpRanges::judge(Exchange& exchange) const {
     exchange.state.size = 0;
     return;
   }
-  // Where the object was known, this is how a server tells that it has become another.
+  // Where the object was known, this is how a server says that it has become another.
   if (status == kOk && !exchange.condition().empty()) {
     exchange.state.size = -1;
     exchange.bytes.clear();

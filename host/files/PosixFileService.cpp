@@ -144,7 +144,7 @@ int PosixFileService::stat(const char* path, FileStat* record, int) {
   return 0;
 }
 
-// The high half tells the seconds of the file's own time, for whoever looks at the whole number.
+// The high half holds the seconds of the file's own time, for whoever looks at the whole number.
 void PosixFileService::fill(FileStat* record, const struct stat& status) {
   *record = {};
   record->size = status.st_size;

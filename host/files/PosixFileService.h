@@ -30,9 +30,9 @@ struct WriteFault {
   int error;  // As in errno.
 };
 
-// Paths are module paths as ModulePath.h tells. Only regular files are opened. A file that holds bytes is
+// Paths are module paths as in ModulePath.h. Only regular files are opened. A file that holds bytes is
 // never truncated: asked to create one that is there and not empty, `open` answers -1 with EEXIST. After any
-// failure errno tells why. Safe from any thread.
+// failure errno says why. Safe from any thread.
 class PosixFileService final : public IFileService {
  public:
   // Called from the thread that writes, with no lock held.

@@ -55,7 +55,7 @@ void RemoteFile::ask(i64 position, u32 size) {
   }
 }
 
-// A server that tells of a change by sending the whole anew doesn't say which state that is: ask again.
+// A server that answers a change by sending the whole anew doesn't say which state that is: ask again.
 void RemoteFile::request(i64 position, u32 size) {
   constexpr int kMostRounds = 3;
   for (int round = 0; round < kMostRounds; ++round) {

@@ -81,7 +81,7 @@ class RemoteFile {
   u32 readAhead_ = 0;
 };
 
-// What can't be done with an object, as the host tells it.
+// Reports what can't be done with an object.
 Failure remoteFailure(const RemoteFile& file, const std::string& reason);
 
 // The objects that this process reads, each once, over one pool of connections. Safe from any thread.

@@ -33,7 +33,7 @@ Json numberJson(double number, bool isInteger) {
   return number;
 }
 
-// Empty for a time that no calendar tells.
+// Returns an empty text for a time outside the calendar.
 std::string dateText(double ms) {
   using namespace std::chrono;
   constexpr double kFarthest = 8.64e15;  // 100 million days on either side of 1970.

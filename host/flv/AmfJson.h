@@ -2,10 +2,10 @@
 //
 // Numbers, booleans, texts and null stand for themselves; a whole number without a point is an AMF3 integer.
 // All else is an object with a "type": "undefined", "date", "int64", "xml", "bytes" (hexadecimal), or a
-// container, whose name tells AMF3's from AMF0's. A container's content is "values" if it is a plain list,
-// "entries" if each key occurs once, else "pairs"; its class, if it has one, is "class". A container that is
-// met again, perhaps inside itself, is shown as {"type": "reference", "to": n}, and the first time bears
-// "id": n.
+// container, whose name sets AMF3's apart from AMF0's. A container's content is "values" if it is a plain
+// list, "entries" if each key occurs once, else "pairs"; its class, if it has one, is "class". A container
+// that is met again, perhaps inside itself, is shown as {"type": "reference", "to": n}, and the first time
+// bears "id": n.
 
 #pragma once
 

@@ -73,7 +73,7 @@ std::string explainRefusal(const std::string& name) {
 std::string explainNothingPlayable(const std::string& name, i64 firstTag) {
   const i64 size = checkReadable(name).size;
   if (size <= firstTag) return "has a header and no tags";
-  return fmt::format("has nothing playable: no whole tag can be told in the {} bytes behind its header",
+  return fmt::format("has nothing playable: no whole tag is found in the {} bytes behind its header",
                      size - firstTag);
 }
 

@@ -22,7 +22,7 @@ class FlvReader {
   explicit FlvReader(Handler handler, DamageHandler onDamage = {})
       : handler_(std::move(handler)), onDamage_(std::move(onDamage)) {}
 
-  // The next bytes of the stream. False, from then on, if it can't be followed farther: fault() tells why.
+  // The next bytes of the stream. False, from then on, if it can't be followed farther: fault() says why.
   // What the handler throws leaves the call, and the reader is of no use any more.
   bool feed(const u8* data, std::size_t size);
 

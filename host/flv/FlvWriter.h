@@ -1,4 +1,4 @@
-// Writes an FLV stream that is sound from its first byte: each size field tells the truth, whatever stood in
+// Writes an FLV stream that is sound from its first byte: each size field is true, whatever stood in
 // the file that the tags came from.
 
 #pragma once

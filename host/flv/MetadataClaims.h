@@ -36,7 +36,7 @@ struct Claim {
 };
 
 // The claims that `metadata`, a data tag, makes. A duration is the last tag's time, or the time from the
-// first tag to the last. It may exceed that by the last tag's own length, which no tag tells: it agrees if it
+// first tag to the last. It may exceed that by the last tag's own length, which no tag holds: it agrees if it
 // is off by no more than half a second.
 std::vector<Claim> claimsOf(const Tag& metadata, const TagFacts& facts);
 

@@ -9,7 +9,7 @@ namespace orv::host {
 namespace {
 
 constexpr char kName[] = "onMetaData";
-constexpr double kDurationTolerance = 0.5;  // No tag tells how long the last one lasts.
+constexpr double kDurationTolerance = 0.5;  // No tag says how long the last one lasts.
 constexpr double kTimeTolerance = 0.001;
 constexpr double kRates[] = {5512, 11025, 22050, 44100};
 constexpr CodecId kNellymoser = 6;
@@ -18,7 +18,7 @@ double seconds(u32 time) {
   return time / 1000.0;
 }
 
-// The first audio byte tells rate and width of these codecs truly.
+// The first audio byte holds the true rate and width of these codecs.
 bool statesFormat(const StreamFacts& facts) {
   return facts.audioFormat && (*facts.audioFormat >> 4 <= 3 || *facts.audioFormat >> 4 == kNellymoser);
 }

@@ -16,7 +16,7 @@ KTData durationFrom(const KTData& old) {
   return fixedNumber(old.type() == KTData::Number ? old.toDouble() : 0.0);
 }
 
-// A codec that is told is left alone; any other becomes the number of a codec, which are all below 16.
+// A codec that is named is left alone; any other becomes the number of a codec, which are all below 16.
 KTData codecFrom(const KTData& old) {
   if (old.type() == KTData::Number && old.toInt() != 0) return old;
   return KTData::ofNumber(0);
@@ -108,7 +108,7 @@ void MetadataReserve::take(const Tag& tag) {
 void MetadataReserve::settleWith(const Tag& metadata) {
   release();
   const std::optional<std::vector<u8>> payload = withReservedKeys(metadata);
-  if (!payload) tell("the stream's onMetaData can't be brought up to date; it is recorded as it came");
+  if (!payload) report("the stream's onMetaData can't be brought up to date; it is recorded as it came");
   Tag tag = metadata;
   if (payload) tag.data = payload->data(), tag.size = static_cast<u32>(payload->size());
   sink_(tag);

@@ -70,7 +70,7 @@ std::optional<PictureSize> screenSize(Bytes frame) {
   return sizeOf(reader, width, reader.bits(12));
 }
 
-// Coded in blocks of 16; the first byte tells how much of the last ones isn't shown.
+// Coded in blocks of 16; the first byte says how much of the last ones isn't shown.
 std::optional<PictureSize> vp6Size(Bytes frame, bool hasAlpha) {
   if (frame.size() < 8) return std::nullopt;
   const u32 cropX = frame[0] >> 4, cropY = frame[0] & 15;

@@ -14,7 +14,7 @@ struct PictureSize {
   bool operator==(const PictureSize&) const = default;
 };
 
-// None where this tag doesn't tell it: of H.263, Screen video, VP6, VP8 and VP9, key frames do; of H.264 and
+// None where this tag doesn't hold it: of H.263, Screen video, VP6, VP8 and VP9, key frames do; of H.264 and
 // H.265, set-up records; of AV1, either. Of other codecs nothing is known.
 std::optional<PictureSize> pictureSize(const Tag& tag, const MediaHead& head);
 

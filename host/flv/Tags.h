@@ -72,7 +72,7 @@ class KeptMessage {
 
 // Calls `visit`(const Tag&) for each tag that the message carries. False if an aggregate ends inside an
 // entry; the entries before it have been visited. The trailing fields aren't read: an aggregate's last one is
-// undefined, and others may tell of a tag that was left out.
+// undefined, and others may refer to a tag that was left out.
 template <class Visit>
 bool forEachTag(const Message& message, Visit visit) {
   if (!message.isAggregate()) {

@@ -37,7 +37,7 @@ bool isSignature(std::span<const u8> bytes) {
          std::memcmp(bytes.data(), kSignature, sizeof kSignature) == 0;
 }
 
-// The bytes of `part` at the front of a size field that is cut short tell of this size as far as they go.
+// The bytes of `part` at the front of a size field that is cut short agree with this size as far as they go.
 bool isCutField(std::span<const u8> part, u32 dataSize) {
   u8 whole[flv::kSizeFieldSize];
   flv::writeU32(whole, dataSize + flv::kTagHeaderSize);

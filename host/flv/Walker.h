@@ -1,7 +1,7 @@
 // Finds what is there: every whole tag among any bytes, once, in the order of the file, and every stretch
 // that is none. It goes through the bytes once, from front to back, and keeps 34 MiB of them at most.
 //
-// A tag is taken where the chain of sizes holds: its trailing field tells its size, or tells it in one of the
+// A tag is taken where the chain of sizes holds: its trailing field holds its size, or holds it in one of the
 // ways that writers get wrong and a plausible header follows. Where the chain breaks, each later byte is
 // tried as the start of a tag, with stronger evidence asked for: among bytes that are foreign nothing may
 // pass by chance.

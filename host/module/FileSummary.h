@@ -1,4 +1,4 @@
-// What a file holds, as the module tells it and its first tags show.
+// What a file holds, as the module reports it and its first tags show.
 
 #pragma once
 
@@ -28,7 +28,7 @@ struct FileSummary {
   struct FirstTag {
     u32 time;
     std::string codec;
-    std::optional<u32> codecId;  // None where the tag does not tell it.
+    std::optional<u32> codecId;  // None where the tag doesn't hold it.
     bool isKeyFrame;
   };
   struct Head {

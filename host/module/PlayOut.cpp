@@ -151,10 +151,10 @@ PlayTally Player::run() {
   tally_.isComplete = tally_.gaps == 0;
   walk.tellGaps();
   if (tally_.recovered > 0) {
-    tell(fmt::format("{}: tags found behind damage: {}", stream_.name(), tally_.recovered));
+    report(fmt::format("{}: tags found behind damage: {}", stream_.name(), tally_.recovered));
   }
   if (tally_.unknownTags > 0) {
-    tell(fmt::format("{}: tags of no known type left out: {}", stream_.name(), tally_.unknownTags));
+    report(fmt::format("{}: tags of no known type left out: {}", stream_.name(), tally_.unknownTags));
   }
   if (verifier_ && startsAtFront() && walk.isComplete()) verifier_->endFile();
   completeMetadata();
@@ -174,7 +174,7 @@ void Player::sendHead() {
   if (!startsAtFront()) codecSetups_ = setupsBefore(stream_, plan_.start);
 }
 
-// What can't be rebuilt would tell lies, and stays out.
+// What can't be rebuilt would be false, and stays out.
 void Player::sendMetadata(const Tag& tag) {
   ClipFacts facts;
   const u32 last = lastTimeBefore(stream_, plan_.end);
@@ -213,8 +213,8 @@ void Player::playSegment(const SegmentBounds& bounds) {
   }
   ++tally_.damagedSegments;
   playLost(bounds.startPosition, bounds.endPosition + 1);
-  tell(fmt::format("{}: damaged between byte {} and byte {}; what can't be read there is left out",
-                   stream_.name(), bounds.startPosition, bounds.endPosition));
+  report(fmt::format("{}: damaged between byte {} and byte {}; what can't be read there is left out",
+                     stream_.name(), bounds.startPosition, bounds.endPosition));
 }
 
 // The whole tags of a byte run that a load didn't get to.

@@ -62,11 +62,11 @@ struct PlayTally {
   bool isGood() const { return isComplete && damagedSegments == 0; }
 };
 
-// Plays on behind a damaged segment, and tells of it on standard error. `writer` and `verifier` may be null.
+// Plays on behind a damaged segment, and reports it on standard error. `writer` and `verifier` may be null.
 // The writer gets the head records first, and what decoders need if the start isn't the file's.
 PlayTally playOut(Stream& stream, const PlayPlan& plan, FlvWriter* writer, TagVerifier* verifier);
 
-// The type flags that the played stream will need, as far as they can be told before: those of the file's
+// The type flags that the played stream will need, as far as they are known before: those of the file's
 // header and of its first segment; if they say nothing, of the whole file.
 u8 expectedFlags(Stream& stream);
 

@@ -117,7 +117,7 @@ void RecordTarget::eraseOld(Session& session) {
 
 void RecordTarget::makeMirror() {
   if (copy_.empty()) return;
-  mirror_ = new MirrorFile({moduleFileName(toModulePath(file_)), file_, copy_}, tell);
+  mirror_ = new MirrorFile({moduleFileName(toModulePath(file_)), file_, copy_}, report);
 }
 
 RecordStream RecordTarget::open(Session& session) {
@@ -160,7 +160,7 @@ RecordStream RecordTarget::reopen(Session& session) {
   return stream;
 }
 
-// The module sends what the file holds, unless it can't have it in one piece, and tells nobody.
+// The module sends what the file holds, unless it can't have it in one piece, and reports neither.
 void RecordTarget::catchUp(RecordStream& stream) {
   stream.attach(mirror_.get());
   const auto copied = lookAt(copy_);

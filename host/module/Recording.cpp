@@ -162,7 +162,7 @@ bool Recording::stage(const Tag& tag) {
 
 // What was just staged is for a file that lacks everything before it, and is dropped with the stream.
 void Recording::goOnInNewFile(u32 time) {
-  tell(target_.file() + ": was moved away; recording goes on in a new file");
+  report(target_.file() + ": was moved away; recording goes on in a new file");
   stream_.reset();
   stagedBytes_ = 0;
   stream_.emplace(target_.reopen(session_));
@@ -189,9 +189,9 @@ void Recording::refuse(const Tag& tag, const std::string& what) {
   tally_.refusedVideo += tag.isVideo();
   if (tally_.refused[what]++ > 0) return;
   if (what == "H.264" || what == "AAC") {
-    tell(fmt::format("{}: {} is left out, as --codecs classic asks", target_.file(), what));
+    report(fmt::format("{}: {} is left out, as --codecs classic asks", target_.file(), what));
   } else {
-    tell(fmt::format("{}: tags can't be recorded and are left out: {}", target_.file(), what));
+    report(fmt::format("{}: tags can't be recorded and are left out: {}", target_.file(), what));
   }
 }
 
@@ -228,10 +228,10 @@ bool Recording::isReadable() const {
     const Stream stream = session_.open(target_.file());
     const i64 lost = stream.identity().size - stream.size();
     if (lost <= 0 && stream.endPosition() > 0) return true;
-    tell(fmt::format("{}: its last {} bytes can't be read again; flvhost repair makes a sound file of it",
-                     target_.file(), lost));
+    report(fmt::format("{}: its last {} bytes can't be read again; flvhost repair makes a sound file of it",
+                       target_.file(), lost));
   } catch (const Failure& failure) {
-    tell(failure.what());
+    report(failure.what());
   }
   return false;
 }

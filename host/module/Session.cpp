@@ -21,9 +21,9 @@ constexpr u32 kOpenForRecording = 1;
 constexpr char kRemoteReadSize[] = "65536";
 
 void tellWriteFault(const WriteFault& fault) {
-  tell(fmt::format("{}: only {} of {} bytes written at position {}: {}", fault.path, fault.written,
-                   fault.wanted, fault.position,
-                   fault.error ? std::strerror(fault.error) : "the write fell short"));
+  report(fmt::format("{}: only {} of {} bytes written at position {}: {}", fault.path, fault.written,
+                     fault.wanted, fault.position,
+                     fault.error ? std::strerror(fault.error) : "the write fell short"));
 }
 
 }  // namespace
@@ -119,14 +119,14 @@ Session::Session(const CommonOptions& options)
       synced_(files_, options.sync, systemSyncer(),
               [this](const std::string& path) {
                 ++writeFaults_;
-                tell(toNativePath(path.c_str()) + ": can't be synced to the disk: " + std::strerror(errno));
+                report(toNativePath(path.c_str()) + ": can't be synced to the disk: " + std::strerror(errno));
               }),
       shortened_(files_),
-      context_(settings_, synced_, tell),
+      context_(settings_, synced_, report),
       module_(findModule(options.module), context_) {}
 
 Session::Variant::Variant(Settings settings, IFileService& files, ModuleLoader& module)
-    : context(std::move(settings), files, tell), adaptor(module.make(context)) {}
+    : context(std::move(settings), files, report), adaptor(module.make(context)) {}
 
 // Null if the module refuses.
 void* Session::open(IQVStreamAdaptor& adaptor, const std::string& file, u32 mode, IBackupConn* mirror) {
@@ -194,8 +194,8 @@ Session::Opened Session::openPlaying(IQVStreamAdaptor& adaptor, const std::strin
 Session::Opened Session::openAsModuleDoes(const std::string& file, const FileIdentity& identity) {
   const Opened opened = openPlaying(adaptorFor(file), file);
   if (!mayHideTags(opened.handle, identity)) return opened;
-  tell(fmt::format("{}: no sound tag in its last {} bytes (MaxBackFrameScan); searching the last {}", file,
-                   settings_.searchLimit(), Settings::kMostSearchLimit));
+  report(fmt::format("{}: no sound tag in its last {} bytes (MaxBackFrameScan); searching the last {}", file,
+                     settings_.searchLimit(), Settings::kMostSearchLimit));
   opened.adaptor->close(opened.handle);
   return openPlaying(farSeeing(), file);
 }
@@ -210,8 +210,8 @@ std::optional<Session::Opened> Session::openShortened(const Opened& found, const
   const WholeTags more = followTags(ReadOnlyFile(file), end, size);
   if (more.count == 0) return std::nullopt;
   if (foundNone) {
-    tell(fmt::format("{}: no sound tag in front of its torn end; of its first {} bytes all tags are whole",
-                     file, more.end));
+    report(fmt::format("{}: no sound tag in front of its torn end; of its first {} bytes all tags are whole",
+                       file, more.end));
   }
   shortened_.shorten(moduleFileName(toModulePath(file)), size, more.end);
   return openPlaying(shortSighted(), file);
@@ -233,15 +233,15 @@ bool Session::recordsAllCodecs() const {
 void Session::reportStats() const {
   if (!stats_) return;
   const FileCalls c = calls();
-  tell(fmt::format("opening: {} host calls, {} bytes read", openingCalls_, openingBytes_));
-  tell(fmt::format(
+  report(fmt::format("opening: {} host calls, {} bytes read", openingCalls_, openingBytes_));
+  report(fmt::format(
       "in all: {} host calls (open {}, close {}, read {}, write {}, fstat {}, stat {}), {} bytes read",
       c.total(), c.open, c.close, c.read, c.write, c.fstat, c.stat, c.bytesRead));
   const HttpRanges& http = RemoteFiles::shared().http();
   if (http.requests() > 0) {
-    tell(fmt::format("requests: {}, {} bytes received", http.requests(), http.bytesReceived()));
+    report(fmt::format("requests: {}, {} bytes received", http.requests(), http.bytesReceived()));
   }
-  if (c.write > 0) tell(fmt::format("written: {} bytes", c.bytesWritten));
+  if (c.write > 0) report(fmt::format("written: {} bytes", c.bytesWritten));
 }
 
 }  // namespace orv::host

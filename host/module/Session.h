@@ -20,7 +20,7 @@
 
 namespace orv::host {
 
-// What every subcommand can be told.
+// The options that every subcommand takes.
 struct CommonOptions {
   std::string module;  // Empty: look for it.
   Settings settings;

@@ -98,7 +98,7 @@ class Builder {
   }
 
  private:
-  // What the tags might tell, and don't, is believed if it has a form that they could tell it in.
+  // What the tags might say, and don't, is believed if it has a form in which they could say it.
   static bool isStale(std::string_view key, const KTData& value) {
     static const std::vector<TrueValue> known = everyTrueValue();
     const auto isOf = [&](const TrueValue& truth) { return lowerCase(key) == lowerCase(truth.key); };

@@ -16,7 +16,7 @@ namespace orv::host {
 std::vector<u8> buildMetadata(const Metadata* old, std::span<const TrueValue> truth,
                               std::span<const KeyFrame> index, std::size_t size = 0);
 
-// All that trueMetadata() may ever tell, with figures that mean nothing: metadata made of it has room for
+// All that trueMetadata() may ever hold, with figures that mean nothing: metadata made of it has room for
 // any.
 std::vector<TrueValue> everyTrueValue();
 // Those of `values` that the tags to come can't change.

@@ -91,7 +91,7 @@ u8 flagsOf(const StreamFacts& facts) {
   return static_cast<u8>((facts.audio.tags ? kFlagAudio : 0) | (facts.video.tags ? kFlagVideo : 0));
 }
 
-// Writes the tags. What it isn't told beforehand, it puts right at the end if it can.
+// Writes the tags. What isn't known beforehand, it puts right at the end if it can.
 class Writer final : public RepairedTags::Sink {
  public:
   Writer(OutputFile& out, const Knowledge* before, bool withIndex, u8 claimedFlags)

@@ -48,7 +48,7 @@ class RepairedTags {
   const RepairRules rules_;
   TimeFixer times_;
   Losses losses_;
-  // The first tags wait: an "onMetaData" may be among them, and they tell of the others.
+  // The first tags wait: an "onMetaData" may be among them, and they say what the others are.
   bool isSettled_ = false;
   std::vector<OwnedTag> waiting_;
   std::size_t waitingBytes_ = 0;

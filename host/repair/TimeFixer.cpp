@@ -8,7 +8,7 @@ namespace orv::host {
 
 namespace {
 
-constexpr i64 kUsualFrame = 20;  // Milliseconds; where nothing tells.
+constexpr i64 kUsualFrame = 20;  // Milliseconds; where nothing says otherwise.
 constexpr i64 kLatest = 0xFFFFFFFF;
 
 }  // namespace

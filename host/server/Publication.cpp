@@ -51,7 +51,7 @@ Publication::~Publication() {
   try {
     finish();
   } catch (const std::exception& fault) {
-    tell(fault.what());
+    report(fault.what());
   }
 }
 

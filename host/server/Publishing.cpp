@@ -85,7 +85,7 @@ void Publishing::work(std::size_t size, bool isLast) {
 void Publishing::worked(const std::optional<Refusal>& refusal, std::string summary, bool isLast) {
   isWorking_ = false;
   if (refusal || isLast) {
-    // Its file is closed before its publisher is told, and not on the network's thread.
+    // Its file is closed before its publisher gets an answer, and not on the network's thread.
     client_->core.ask(
         name_, [publication = std::move(publication_)]() mutable { return publication.reset(), true; },
         [self = shared_from_this(), refusal, summary](auto, auto) {

@@ -1,4 +1,4 @@
-// What a client of the server asks for, told from its request's first line alone. Everything here is bytes
+// What a client of the server asks for, read from its request's first line alone. Everything here is bytes
 // from anybody.
 
 #pragma once

@@ -36,7 +36,7 @@ Refusal ServerCore::refusalNow(const std::string& name) const {
     return {isFiles ? http::status::unprocessable_entity : http::status::internal_server_error,
             withoutPath(failure.what(), library.nativeName(name), name)};
   } catch (const std::exception& fault) {
-    tell(fmt::format("{}: {}", name, fault.what()));
+    report(fmt::format("{}: {}", name, fault.what()));
     return {http::status::internal_server_error, "the server failed"};
   }
 }

@@ -1,4 +1,4 @@
-// What the server can be told.
+// The options of the server.
 
 #pragma once
 

@@ -123,8 +123,8 @@ void SharedFile::recover(i64 from, i64 to, const DeliveredTags& delivered, Piece
   }
   around_.faults.recovered += found;
   if (from < std::exchange(toldTo_, std::max(toldTo_, to))) return;
-  tell(fmt::format("{}: damaged between byte {} and byte {}; tags found behind the damage: {}",
-                   stream_.name(), from, to - 1, found));
+  report(fmt::format("{}: damaged between byte {} and byte {}; tags found behind the damage: {}",
+                     stream_.name(), from, to - 1, found));
 }
 
 // Null where nothing stands behind `position` yet. What is damaged is gone past.
@@ -167,7 +167,7 @@ void SharedFile::fetch(i64 position) {
     if (!isOver_) piece = load(position);
   } catch (const std::exception& fault) {
     if (!mayGrow) ++around_.faults.failed;
-    tell(fault.what());
+    report(fault.what());
   }
   const bool isLive = mayGrow && !isOver_;
   if (piece) {

@@ -40,7 +40,7 @@ void Viewing::open() {
       });
 }
 
-// Of a live stream that has only just begun nothing can be told yet.
+// Of a live stream that has only just begun nothing is known yet.
 void Viewing::waitForFirst() {
   whenReady(0, [](Viewing& self, const PiecePtr&) { self.start(); });
 }

@@ -36,7 +36,7 @@ void wipeProgress() {
 
 }  // namespace
 
-void tell(const std::string& line) {
+void report(const std::string& line) {
   wipeProgress();
   // On a terminal, both are seen in the order in which they were written. An error shows at the next print.
   if (dataStream) std::fflush(dataStream);
@@ -44,7 +44,7 @@ void tell(const std::string& line) {
 }
 
 void note(const std::string& line) {
-  if (!quiet) tell(line);
+  if (!quiet) report(line);
 }
 
 void beQuiet() {

@@ -10,7 +10,7 @@
 namespace orv::host {
 
 // One line on standard error, with the program's name in front; wipes a progress line that stands there.
-void tell(const std::string& line);
+void report(const std::string& line);
 
 // The same for what is no error: nothing after beQuiet(), which ends progress lines too.
 void note(const std::string& line);

@@ -62,7 +62,7 @@ class CriticalSection {
     return holder() == currentThreadToken();
   }
 
-  // The thread that is inside; 0 when there is none.
+  // Returns the thread that is inside; 0 if there is none.
   ThreadToken holder() const {
     return holder_.load(std::memory_order_relaxed);
   }

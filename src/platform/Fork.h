@@ -14,7 +14,7 @@ void prepareForForks();
 // the module that called this is unloaded.
 void onForkedChild(void (*step)());
 
-// How many forks lie between this process and the one that its memory was made in.
+// Returns how many forks lie between this process and the one that its memory was made in.
 u32 forksBehindUs();
 
 // Keeps every other thread out of a section while the process forks, so that the child never finds it held

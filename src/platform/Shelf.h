@@ -28,7 +28,7 @@ class Shelf {
   Shelf(const Shelf&) = delete;
   Shelf& operator=(const Shelf&) = delete;
 
-  // Null when the shelf is empty.
+  // Returns null if the shelf is empty.
   Thing* take() {
     for (auto& place : places_) {
       if (!place.load(std::memory_order_relaxed)) continue;
@@ -37,7 +37,7 @@ class Shelf {
     return nullptr;
   }
 
-  // False when the shelf is full: the thing stays the caller's.
+  // Returns false if the shelf is full: the thing stays the caller's.
   bool put(Thing* thing) {
     if (!kShelvesKeep) return false;
     for (auto& place : places_) {

@@ -18,7 +18,7 @@ class ThreadLocal {
   ThreadLocal(const ThreadLocal&) = delete;
   ThreadLocal& operator=(const ThreadLocal&) = delete;
 
-  // Null on a thread that has set nothing.
+  // Returns null on a thread that has set nothing.
   void* get() const {
     const u32 taken = index_.load(std::memory_order_acquire);
     return taken == kNone ? nullptr : pthread_getspecific(taken);

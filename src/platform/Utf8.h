@@ -11,10 +11,10 @@ namespace orv::platform {
 
 constexpr std::size_t kMaxUtf8Bytes = 3;
 
-// The bytes of a sequence with this lead byte; 0 when none has it.
+// Returns the length of a sequence with this lead byte; 0 if no sequence has it.
 std::size_t utf8Length(u8 lead);
 
-// Bytes written to `out`, which has room for kMaxUtf8Bytes. Every unit can be encoded.
+// Encodes any unit into `out`, which has room for kMaxUtf8Bytes. Returns the number of bytes written.
 std::size_t encodeUtf8(char16_t unit, char* out);
 
 // Decodes the sequence that starts at `text` and reads no byte at or behind `text + size`. Gives its bytes

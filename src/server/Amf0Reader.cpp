@@ -108,7 +108,7 @@ void Amf0Reader::readTypedObject(KTData& value) {
   readMembers(*array);
 }
 
-// The count says nothing about what follows; it only tells how much room to take.
+// The count says nothing about what follows; it only says how much room to take.
 void Amf0Reader::readEcmaArray(KTData& value) {
   const u32 count = reading_.in.readU32();
   KTDataArray* const array = reading_.in.failed() ? nullptr : reading_.newObject(KTData::EcmaArray);

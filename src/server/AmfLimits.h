@@ -1,4 +1,4 @@
-// What the AMF reader grants to bytes that nobody vouches for. Going past a limit is a soft failure, as if
+// What the AMF reader grants to untrusted bytes. Going past a limit is a soft failure, as if
 // the bytes had ended there.
 
 #pragma once

@@ -33,16 +33,16 @@ class SingleMessage;
 
 class KTCSerializer : public KTParser {
  public:
-  // A writer.
+  // Makes a writer.
   KTCSerializer() : side_(std::in_place_type<orv::amf::Amf0Writer>, *this) {}
-  // A reader; the bytes must outlive it.
+  // Makes a reader; the bytes must outlive it.
   KTCSerializer(const u8* data, u32 length, bool throwOnError)
       : KTParser(data, length, throwOnError), side_(std::in_place_type<orv::amf::Amf0Reader>, *this) {}
-  // A reader over a payload. The first byte of types 15, 16 and 17 is skipped. A null message has no bytes.
+  // Makes a reader of a payload. Skips the first byte of types 15, 16 and 17. A null message has no bytes.
   KTCSerializer(const orv::SingleMessage* message, bool throwOnError);
 
-  // One AMF0 value, `value` being Undefined before. The tables are kept for the next one unless
-  // `resetTablesAfter` is set.
+  // Read into `value`, which must be Undefined, or write one AMF0 value. Keep the tables for the next value
+  // unless `resetTablesAfter` is set.
   void readValue(KTData& value, bool resetTablesAfter = false);
   void writeValue(const KTData& value, bool resetTablesAfter = false);
   // Forgets all arrays and classes; AMF3 strings stay.

@@ -18,7 +18,7 @@
 
 class KTCommand : public KTCSerializer {
  public:
-  // A writer of "_result", transaction 0, with a Null command object.
+  // Makes a writer of "_result", transaction 0, with a Null command object.
   KTCommand();
   // Read the payload of a message of type 20, 18, 17 or 15. In types 17 and 15 a byte 0 comes first: in a
   // message any byte is skipped; in raw bytes another one leaves every field Undefined, and a missing one is
@@ -26,18 +26,18 @@ class KTCommand : public KTCSerializer {
   // any other failure.
   KTCommand(const orv::SingleMessagePtr& message, bool throwOnError);
   KTCommand(u8 type, const u8* data, u32 length, bool throwOnError);
-  // A writer of the same content.
+  // Makes a writer of the same content.
   KTCommand(const KTCommand& other);
   KTCommand& operator=(const KTCommand&) = delete;
   ~KTCommand() = default;
 
-  // The place of the name in the table of reserved names; 0 for any other name.
+  // Returns the place of the name in the table of reserved names; 0 for any other name.
   i32 commandCode() const { return commandCode_; }
   const KTData& name() const { return name_; }
   const KTData& transactionId() const { return transactionId_; }
   const KTData& commandObject() const { return commandObject_; }
   u32 argCount() const { return static_cast<u32>(args_.size()); }
-  // Past the end, a shared Undefined.
+  // Returns a shared Undefined past the end.
   const KTData& arg(u32 index) const;
 
   void setName(const char* name) { name_.setString(name); }
@@ -51,20 +51,19 @@ class KTCommand : public KTCSerializer {
   // Append to the first argument, which is made if there is none; one that is no container stays as it is.
   void addObjectProperty(orv::KeyView key, const KTData& value) { addProperty(KTData::Object, key, value); }
   void addArrayProperty(orv::KeyView key, const KTData& value) { addProperty(KTData::EcmaArray, key, value); }
-  // As properties of the first argument: "level" and "code", "description" unless null or empty, "details"
+  // Adds properties to the first argument: "level" and "code", "description" unless null or empty, "details"
   // unless null.
   void setStatus(const char* level, const char* code, const char* description, const char* details);
 
-  // Into the serializer's buffer: everything, or the name and the arguments.
+  // Write everything, or the name and the arguments, into the serializer's buffer.
   void serialize();
   void serializeData();
   // Return a new message, of an AMF3 type with encoding 3; null if the bytes exceed a message's 24-bit
-  // length or there is no memory for them. To be called once: a second call would send the first one's bytes
-  // again.
+  // length or there is no memory for them. Call once: a second call would repeat the first one's bytes.
   KTMessagePtr toCommandMessage();
   KTMessagePtr toDataMessage();
 
-  // The code of a name, without regard to case.
+  // Returns the code of a name, without regard to case.
   static i32 codeOf(const KTData& name);
 
  private:

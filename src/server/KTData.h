@@ -90,7 +90,7 @@ class KTData {
   void setString(const char* text);      // A null text is empty.
   void setString(const char16_t* text);  // Converted to UTF-8; empty if that fails.
   void setText(std::string_view text);   // A String that may hold NULs.
-  // Takes over a text from array new, and deletes it.
+  // Copies a text that came from array new, and deletes it.
   void takeString(char* text);
   // `type` is a container type. `array` may be null.
   void setArray(KTDataArray* array, u8 type);
@@ -102,7 +102,7 @@ class KTData {
   // Keeps the content between two types of one form (the containers; String and Xml). Any other change drops
   // it and leaves the zero of the new form. `subtype` always stays.
   void setType(u8 type);
-  // The AMF3 marker that the value was read from or is to be written as; 6 if none applies.
+  // Returns the AMF3 marker that the value was read from or is to be written as; 6 if none applies.
   u8 subtype() const { return subtype_; }
   void setSubtype(u8 subtype) { subtype_ = subtype; }
 
@@ -114,7 +114,8 @@ class KTData {
     return type_ == Number ? payload_.number : otherToDouble();
   }  // Of a Date, seconds.
   float toFloat() const { return static_cast<float>(toDouble()); }
-  // The text of a String or an Xml; empty, never null, for other types. Valid until the value changes.
+  // Returns the text of a String or an Xml; empty, never null, for other types. Valid until the value
+  // changes.
   const char* asString() const { return text().data(); }
   std::string_view text() const;  // The same, with its length.
   i32 stringLength() const;       // -1 for all but a String.
@@ -126,7 +127,8 @@ class KTData {
 
   // Sets `text` to a String form of this value, for people; an array shows as its address.
   void toText(KTData& text) const;
-  // "Number", "EcmaArray" and so on, as the types are called here; "Unknown" for a code that names no type.
+  // Returns "Number", "EcmaArray" and so on, as the types are called here; "Unknown" for a code without a
+  // type.
   const char* typeName() const;
 
   static bool isString(u8 type) { return isOneOf(kStrings, type); }

@@ -19,7 +19,7 @@ class KTDataArray : public KTObject {
 
   // Room for `reserve` entries, at least 1, is taken with the first of them.
   explicit KTDataArray(u32 reserve = kUsualReserve);
-  // The same entries and type; arrays and blocks among the values are shared.
+  // Copies entries and type; shares arrays and blocks among the values.
   KTDataArray(const KTDataArray& other);
   KTDataArray& operator=(const KTDataArray&) = delete;
   // Takes down arrays inside arrays without calling itself, however deep they lie.
@@ -32,7 +32,7 @@ class KTDataArray : public KTObject {
     keys_.expect(count);
   }
 
-  // The marker of the form that the array was read from; 6 until it is set.
+  // Returns the marker of the form that the array was read from; 6 until it is set.
   i32 type() const { return type_; }
   void setType(i32 type) { type_ = type; }
 
@@ -50,26 +50,26 @@ class KTDataArray : public KTObject {
     return !isFull() && keys_.appendIndexWithinRoom() && take(value);
   }
 
-  // Past the end, a shared Undefined and the empty key. References hold until the array changes.
+  // Return a shared Undefined and the empty key past the end. References hold until the array changes.
   const KTData& valueAt(u32 index) const { return index < size() ? values_[index] : missing; }
   const KTString& keyAt(u32 index) const;
-  // Past the end, the array is first made longer.
+  // Make the array longer first where `index` lies past the end.
   KTData& valueAt(u32 index);
   KTString& keyAt(u32 index);
 
-  // The key as a view, which spares the making of a string; `indexText` may hold it.
+  // Returns the key as a view, which makes no string; `indexText` may hold it.
   std::string_view keyText(u32 index, orv::IndexText& indexText) const;
-  // True while every key is the decimal text of its index, as in a dense array.
+  // Returns true while every key is the decimal text of its index, as in a dense array.
   bool hasIndexKeys() const { return keys_.areIndices(); }
 
   // Returns the first entry of that key, without regard to case; the shared Undefined if there is none, or
   // the key is null.
   const KTData& find(const char* key) const;
 
-  // Whether both have the same count, type and keys, with regard to case, whatever their values.
+  // Returns whether both have the same count, type and keys, with regard to case, whatever their values.
   bool sameShape(const KTDataArray& other) const;
 
-  // Upper bounds of the heap bytes that one more entry takes; 0 while there is room.
+  // Return upper bounds of the heap bytes that one more entry takes; 0 while there is room.
   u64 growthCost(std::string_view key) const { return elementGrowthCost() + keys_.growthCost(key); }
   u64 elementGrowthCost() const;
 

@@ -16,18 +16,19 @@ class KTMessage : public orv::SingleMessage {
   // For a pool: the same, with no block until `resetPayload`.
   explicit KTMessage(KTPoolSide<KTMessage>* owner) : pool(owner) { refCount_.increment(); }
 
-  // A pooled message that only its pool still holds drops its block and its attachments and goes back there.
+  // Drops a count. A pooled message that only its pool still holds then drops its block and its attachments
+  // and goes back there.
   i32 release() override;
 
-  // An empty message with a fresh block for `size` bytes, whatever it carried before.
+  // Makes it an empty message with a fresh block for `size` bytes, whatever it carried before.
   void resetPayload(u32 size);
 
   void setTime(u32 time) { setHeaderTime(time); }  // Milliseconds.
   void setStreamId(u32 id) { orv::flv::writeU24(header.streamId, id); }
-  // The header's 24 bits; with `updateBlock` the block's own length too.
+  // Sets the header's 24 bits; with `updateBlock` the block's own length too.
   void setLength(u32 length, bool updateBlock);
 
-  // These return false, and leave the message as it was, if memory or the header's 24 bits don't suffice. The
+  // Return false, and leave the message as it was, if memory or the header's 24 bits don't suffice. The
   // block's bytes may move: nobody else may be reading them, through a shallow clone or a composite, and
   // `data` must not lie in them. Numbers are big-endian.
 

@@ -53,18 +53,18 @@ class KeyList {
   KeyList& operator=(const KeyList&) = delete;
 
   u32 size() const { return size_; }
-  // True while every key is the decimal text of its index; so is an empty list.
+  // Returns true while every key is the decimal text of its index, and for an empty list.
   bool areIndices() const { return form_ == Form::indices; }
 
-  // So many keys are likely to come.
+  // Takes a hint: so many keys are likely to come.
   void expect(u32 count) { expected_ = count; }
-  // An upper bound of the heap bytes that appending the key takes; 0 while there is room.
+  // Returns an upper bound of the heap bytes that appending the key takes; 0 while there is room.
   u64 growthCost(std::string_view key) const;
 
   // `key` must not lie in this list.
   void append(std::string_view key);
   void appendIndex();
-  // The same, if it takes no memory; else false, and nothing is changed.
+  // Append if that takes no memory; else return false and change nothing.
   bool appendWithinRoom(std::string_view key) {
     if (form_ != Form::packed || room() < key.size() + sizeof(u32)) return false;
     put(key);

@@ -15,7 +15,7 @@ class KTThreadOnlyMutex;
 
 namespace orv {
 
-// How many messages there were of each type.
+// Counts the messages of each type.
 class MessageTypeCounts {
  public:
   static constexpr u32 kTypes = 24;
@@ -51,7 +51,7 @@ class Message : public KTObject, private util::hidden::Noncopyable {
   virtual void countTypes(MessageTypeCounts& counts) const = 0;
 
   u8 type() const { return header.typeByte & flv::kTypeMask; }
-  // The bits of the type byte that aren't part of the type stay.
+  // Sets the type; the other bits of the type byte stay.
   void setType(u8 type) {
     header.typeByte = static_cast<u8>((header.typeByte & ~flv::kTypeMask) | (type & flv::kTypeMask));
   }
@@ -63,9 +63,9 @@ class Message : public KTObject, private util::hidden::Noncopyable {
   u32 streamId() const { return flv::readU24(header.streamId); }
   const u8* headerBytes() const { return &header.typeByte; }
 
-  // The block's own length; 0 without a block.
+  // Returns the block's own length; 0 without a block.
   u32 blockLength() const { return memory.get() ? static_cast<u32>(memory->length.read()) : 0; }
-  // The payload's bytes, null without a block, and how many of them there really are.
+  // Return the payload's bytes, null without a block, and how many of them there really are.
   const u8* payload() const { return memory.get() ? memory->data : nullptr; }
   u32 payloadSize() const;
 
@@ -96,7 +96,7 @@ class SingleMessage : public Message {
   ~SingleMessage() override = default;
 
   bool isKeyFrame() const override { return isVideoFrame(flv::kFrameTypeKey); }
-  // True for a video frame that only carries a command, and for everything that isn't video.
+  // Returns true for a video frame that only carries a command, and for everything that isn't video.
   bool isNonPicture() const override {
     return type() != flv::kTypeVideo || isVideoFrame(flv::kFrameTypeInfo);
   }

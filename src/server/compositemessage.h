@@ -80,8 +80,8 @@ class CompositeMessage : public Message {
   bool isDisposableFrame() const override { return false; }
   void countTypes(MessageTypeCounts& counts) const override { counts.add(typeCounts_); }
 
-  // Split before the first entry with a time of at least `time`, or before the entry at `index`. A part that
-  // would be the whole of this message is this message itself, and the other one null.
+  // Split before the first entry with a time of at least `time`, or before the entry at `index`. If one part
+  // would be the whole message, that part is this message itself, and the other is null.
   void splitAtTime(u32 time, CompositeMessagePtr& firstPart, CompositeMessagePtr& secondPart);
   void splitAtIndex(u32 index, CompositeMessagePtr& firstPart, CompositeMessagePtr& secondPart);
 
@@ -90,7 +90,7 @@ class CompositeMessage : public Message {
   CompositeMessage* followingPart();
   CompositeMessage* precedingPart();
 
-  // The entries that this message stands for; of a view, they run over the root's.
+  // Return the entries that this message stands for; those of a view run over the root's.
   Iterator begin() const { return firstEntry_; }
   Iterator end() const { return endEntry_; }
   u32 entryCount() const { return entryCount_; }

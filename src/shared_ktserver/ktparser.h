@@ -24,9 +24,9 @@ class KTParser {
   };
   static constexpr u32 kMaxShortText = 0xFFFF;
 
-  // A writer without a buffer yet.
+  // Makes a writer without a buffer yet.
   KTParser() : writing_(true) {}
-  // A reader. `data` must outlive it.
+  // Makes a reader. `data` must outlive it.
   KTParser(const u8* data, u32 length, bool throwOnError);
   KTParser(const KTParser&) = delete;
   KTParser& operator=(const KTParser&) = delete;
@@ -34,11 +34,11 @@ class KTParser {
   bool failed() const { return failed_; }
   bool writing() const { return writing_; }
   i32 position() const { return position_; }
-  // The readable length; of a writer, what its buffer holds before it must grow.
+  // Returns the readable length; of a writer, what its buffer holds before it must grow.
   i32 limit() const { return limit_; }
-  // Bytes that are left to read.
+  // Returns the number of bytes left to read.
   u32 remaining() const { return writing_ ? 0 : static_cast<u32>(limit_ - position_); }
-  // Of the objects that are written: 0 for AMF0, 3 for AMF3.
+  // Returns the encoding of the objects that are written: 0 for AMF0, 3 for AMF3.
   i32 encoding() const { return encoding_; }
   void setEncoding(i32 encoding) { encoding_ = encoding; }
 
@@ -47,37 +47,37 @@ class KTParser {
   u32 readU32() { return readNumber<u32>(); }
   i64 readInt64() { return static_cast<i64>(readNumber<u64>()); }
   double readDouble() { return std::bit_cast<double>(readNumber<u64>()); }
-  // A copy of the text with a NUL behind it. May throw std::bad_alloc, as copyBytes may.
+  // Returns a copy of the text with a NUL behind it. May throw std::bad_alloc, as copyBytes may.
   std::unique_ptr<char[]> readString(TextKind kind);
-  // The text where it lies in the buffer, without a NUL.
+  // Returns the text where it lies in the buffer, without a NUL.
   std::string_view viewString(TextKind kind) { return viewBytes(kind == kShortText ? readU16() : readU32()); }
   std::string_view viewBytes(u32 length) {
     const u8* const bytes = take(length);
     return {reinterpret_cast<const char*>(bytes), bytes ? length : 0};
   }
-  // The next `length` bytes where they lie; null after a failure.
+  // Returns the next `length` bytes where they lie; null after a failure.
   const u8* readBytes(u32 length) { return take(length); }
-  // A copy of them that the caller owns.
+  // Returns a copy of them that the caller owns.
   std::unique_ptr<u8[]> copyBytes(u32 length);
 
-  // Writing throws KTOutOfMemory if the buffer can't grow; of a text, its length may be written then. What is
-  // written must not lie in the buffer itself.
+  // Throw KTOutOfMemory if the buffer can't grow; the length of a text may have been written then. The source
+  // must not lie in the buffer itself.
   void writeU8(u8 value) { writeNumber(value); }
   void writeU16(u16 value) { writeNumber(value); }
   void writeU32(u32 value) { writeNumber(value); }
   void writeInt64(i64 value) { writeNumber(static_cast<u64>(value)); }
   void writeDouble(double value) { writeNumber(std::bit_cast<u64>(value)); }
-  // A short text is cut at 65,535 bytes, the most that its length can say.
+  // Cuts a short text at 65,535 bytes, the most that its length field can hold.
   void writeString(std::string_view text, TextKind kind);
   void writeBytes(const void* data, u32 length);
 
-  // What was written so far; the caller copies it before the writer goes.
+  // Returns what was written so far; valid until the writer writes more or ends.
   const u8* bytes() const { return buffer_; }
   i32 length() const { return position_; }
 
   // The one place for every short read and bad length.
   void fail();
-  // Goes sticky without throwing: no more is read. What a writer wrote stays.
+  // Makes all later reads fail, without throwing. What a writer wrote stays.
   void giveUp() {
     failed_ = true;
     if (!writing_) position_ = limit_;
@@ -146,7 +146,7 @@ class KTParser {
     std::memcpy(bytes + text.size() - kPiece, text.data() + text.size() - kPiece, kPiece);
   }
 
-  // The next `count` bytes, all to be filled; null on a reader.
+  // Returns the next `count` bytes, all to be filled; null on a reader.
   u8* room(u32 count) {
     if (!writing_) return refuseWrite();
     if (count > static_cast<u32>(limit_ - position_)) grow(count);
@@ -195,7 +195,7 @@ class KTParser::Pen {
   void put(Number value) {
     at_ = KTParser::put(at_, value);
   }
-  // Of at most kMaxShortText bytes, with its length.
+  // Puts a text of at most kMaxShortText bytes behind its length.
   void putShortText(std::string_view text) {
     put(static_cast<u16>(text.size()));
     at_ = putText(at_, text);

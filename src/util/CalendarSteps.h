@@ -15,10 +15,11 @@ namespace orv::util {
 // Returns false when the year doesn't fit its field.
 bool toBrokenDown(i64 seconds, orv::platform::Zone zone, std::tm* time);
 
-// The seconds of a local time. False, with `*seconds` untouched, when the calendar refuses it.
+// Converts a local time to seconds. Returns false, with `*seconds` untouched, if the calendar refuses it.
 bool fromBrokenDown(std::tm time, i64* seconds);
 
-// By strftime's conversions; a null format means "%c". Empty when the text has more than 511 characters.
+// Formats by strftime's conversions; a null format means "%c". Returns an empty text instead of one with more
+// than 511 characters.
 KTWideString timeText(const char16_t* format, const std::tm& time);
 
 }  // namespace orv::util

@@ -98,6 +98,6 @@ class ORVThreadMutexDelegate : public IWorker {
 // The cleanup of a thread's slot that holds a count of its worker.
 void releaseWorker(void* worker);
 
-// The fiber that runs on the calling thread, else the thread's own worker; a thread that has none gets a
-// delegate. Throws std::bad_alloc when there is no memory for it.
+// Returns the fiber that runs on the calling thread, else the thread's own worker; makes a delegate for a
+// thread that has none. Throws std::bad_alloc if there is no memory for it.
 IWorker* callingWorker();

@@ -11,9 +11,9 @@
 template <class Entry>
 class KTPoolSide {
  public:
-  // An entry of at least `size` bytes that only the pool holds: its count is 1.
+  // Returns an entry of at least `size` bytes that only the pool holds: its count is 1.
   virtual Entry* acquire(u32 size) = 0;
-  // Takes back an entry whose count has just fallen to 1. Called from any thread.
+  // Takes back an entry whose count has just fallen to 1. Any thread.
   virtual void recycle(Entry* entry) = 0;
 
  protected:
@@ -34,7 +34,8 @@ class KTMemory : public KTObject {
   KTMemory(u32 size, KTPoolSide<KTMemory>* owner);
   ~KTMemory() override;
 
-  // A pooled block that only its pool still holds goes back there; it stays alive, and the result is 1.
+  // Drops a count. A pooled block that only its pool still holds goes back there; it stays alive, and the
+  // result is 1.
   i32 release() override;
 
   // Makes room for `size` bytes. If there was less, the old bytes are lost; if the allocation fails, the
@@ -83,8 +84,8 @@ class KTBuffer {
   // Copies what fits behind `end` and returns that number. Never grows the block.
   u32 append(const void* source, u32 count);
 
-  // A copy of the bytes at `cursor` behind their length (32 bits, big-endian), which must all be there;
-  // `cursor` moves behind them. Returns the default view for a null cursor and a length of 0.
+  // Copies the bytes at `cursor`, which stand behind their length (32 bits, big-endian) and must all be
+  // there, and moves `cursor` behind them. Returns the default view for a null cursor or a length of 0.
   static KTBuffer fromBytes(const u8*& cursor);
 
   KTMemoryPtr memory;

@@ -17,8 +17,8 @@ class KTFiberMutex : public IMutex, private boost::noncopyable {
  public:
   KTFiberMutex();
 
-  // std::bad_alloc, with nothing locked, when a thread's first lock finds no memory for the thread's
-  // delegate.
+  // Always returns true. Throws std::bad_alloc, with nothing locked, if a thread's first lock finds no memory
+  // for the thread's delegate.
   bool lock() override;
   bool unlock() override;
   orv::platform::CriticalSection* nativeHandle() override { return &section_; }

@@ -26,11 +26,11 @@ class KTAtomicCounter {
   // Not atomic: only with exclusive access to the counter.
   void restart() { value_.store(0, std::memory_order_relaxed); }
 
-  // The decrement of a pooled entry's count, by somebody who owns one count of it and gives that up. Two
-  // counts are then the caller's and the pool's, which keeps its own for as long as the entry is out. Only
-  // the owner of a count may raise it, and the caller is doing this instead: nobody else can write to the
-  // word before the entry is back in the pool. So no interlocked instruction is needed. The acquiring load
-  // sees what earlier owners wrote; the pool's own hand-over makes the store visible to the next one.
+  // Decrements a pooled entry's count; the caller owns one of its counts and gives it up. At a count of 2 the
+  // other is the pool's own, which stays for as long as the entry is out. Only the owner of a count may raise
+  // it, so that nobody else writes to the word before the entry is back in the pool, and a plain store will
+  // do. The acquiring load sees what earlier owners wrote; the pool's own hand-over makes the store visible
+  // to the next one.
   orv::i32 decrementPooled() {
     if (value_.load(std::memory_order_acquire) != 2) return decrement();
     value_.store(1, std::memory_order_relaxed);
@@ -51,7 +51,7 @@ class KTObject {
 
   virtual orv::i32 getRefCount() { return refCount_.read(); }
   virtual orv::i32 addRef() { return refCount_.increment(); }
-  // The new count; 0 when the object destroyed itself.
+  // Drops a count. Returns the new count; 0 if the object destroyed itself.
   virtual inline orv::i32 release();
   virtual KTObject* self() { return this; }
   virtual ~KTObject() = default;

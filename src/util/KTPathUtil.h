@@ -9,19 +9,19 @@ namespace orv::util::paths {
 // The text behind the last backslash, or the whole path when there is none.
 KTWideString fileName(const KTWideString& path);
 
-// The text before the last backslash, which a drive root keeps; moduleDirectory() when there is none.
+// Returns the text before the last backslash, which a drive root keeps; moduleDirectory() if there is none.
 KTWideString parentDirectory(const KTWideString& path);
 
 // Drops one last backslash, except that of a drive root; a bare "C:" gains one.
 KTWideString stripTrailingSeparator(const KTWideString& path);
 
-// Whether the path has two backslashes in a row anywhere, or a colon at index 1. One backslash in front does
-// not make it absolute.
+// Returns whether the path has two backslashes in a row anywhere, or a colon at index 1. One backslash in
+// front does not make it absolute.
 bool isAbsolute(const KTWideString& path);
 
-// Every slash becomes a backslash.
+// Turns every slash into a backslash.
 KTWideString toBackslashes(const KTWideString& path);
-// Drops two leading backslashes, or else a colon at index 1; then every backslash becomes a slash.
+// Drops two leading backslashes, or else a colon at index 1; then turns every backslash into a slash.
 KTWideString toForwardSlashes(const KTWideString& path);
 
 // Puts `relative` under `base` in `*out`, with backslashes only unless `relative` is empty. A `relative` that

@@ -114,8 +114,8 @@ class KTPool final : public KTPoolSide<Entry>, private boost::noncopyable {
   explicit KTPool(const KTPoolSettings& settings);
   ~KTPool();
 
-  // An entry for at least `size` bytes that only the pool holds. std::bad_alloc changes nothing but that
-  // entries made before stay with the thread.
+  // Returns an entry for at least `size` bytes that only the pool holds. Throws std::bad_alloc; entries made
+  // before that stay with the thread.
   Entry* acquire(u32 size) override;
   void recycle(Entry* entry) override;
 
@@ -124,12 +124,12 @@ class KTPool final : public KTPoolSide<Entry>, private boost::noncopyable {
   u32 highMark() const { return highMark_.load(std::memory_order_relaxed); }
   KTPoolCounters counters();
 
-  // The calling thread's, made at first need; null when there is no room for it, and when another pool has
-  // the slot. Such a thread goes to the heap.
+  // Returns the calling thread's cache, made at first need; null if there is no room for it or another pool
+  // has the slot. Such a thread goes to the heap.
   KTPoolCache<Entry>* threadCache();
 
-  // The three roads from a thread into the pool. Each hands in the thread's counters first. The number of
-  // entries that were moved.
+  // Exchange entries between a thread and the pool. Each hands in the thread's counters first, and returns
+  // the number of entries moved.
   u64 takeBatch(u32 count, KTPoolCache<Entry>& cache, KTPoolStats& stats);
   u64 giveBack(KTPoolCache<Entry>& cache, KTPoolStats& stats);
   void sync(KTPoolStats& stats);

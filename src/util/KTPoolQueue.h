@@ -18,7 +18,7 @@ class KTPoolQueue {
     tail_ = entry;
   }
 
-  // Null from an empty queue, which is a fault of the caller.
+  // Takes the first entry. Returns null from an empty queue, which is a fault of the caller.
   Entry* pop() {
     KT_ASSERT(head_);
     Entry* const entry = head_;
@@ -29,7 +29,7 @@ class KTPoolQueue {
     return entry;
   }
 
-  // All of `other`, in their order.
+  // Appends all entries of `other`, in their order.
   void append(KTPoolQueue&& other) {
     if (other.empty()) return;
     (tail_ ? tail_->nextFree : head_) = other.head_;

@@ -20,13 +20,12 @@ int fflush(std::FILE* stream);
 i64 tell(std::FILE* stream);
 int seek(std::FILE* stream, i64 offset, int whence);
 
-// The next character, -1 at the end. With `utf8` set, one sequence of platform/Utf8.h's form; a bad one gives
-// its first byte, and the stream goes back to the byte behind it. Otherwise fgetwc, which takes the stream
-// for wide text from then on.
+// Returns the next character; -1 at the end. With `utf8` set, reads one sequence of platform/Utf8.h's form; a
+// bad one gives its first byte, and the stream goes back to the byte behind it. Otherwise calls fgetwc, which
+// makes the stream one of wide text from then on.
 i32 readWideChar(std::FILE* stream, bool utf8);
 
-// Goes past the byte-order mark of UTF-8; when there is none, the stream goes to its start, and the buffer
-// stays.
+// Skip the byte-order mark of UTF-8; if there is none, the stream goes to its start, and the buffer stays.
 void skipBom(std::FILE* stream);
 void skipBom(const char*& buffer, std::size_t& size);
 

@@ -21,10 +21,10 @@ class KTString : public orv::util::hidden::KTText<KTString, char> {
   static KTString fromNumber(const void* value);
   static KTString fromNumber(double value);
 
-  // Two lower-case digits for each byte, high nibble first.
+  // Returns two lower-case digits for each byte, high nibble first.
   static KTString hexOf(const void* bytes, orv::u32 length);
 
-  // The number at the front of the text; 0 if there is none, the nearest limit if it is out of range.
+  // Return the number at the front of the text; 0 if there is none, the nearest limit if it is out of range.
   orv::i32 toInt() const;
   orv::i32 toLong() const { return toInt(); }  // `long` has 32 bits.
   orv::i64 toInt64() const;

@@ -60,7 +60,7 @@ bool hasRoom(const Char* block, i32 length) {
          capacityFor(length) <= capacityFor(KTStringPool::length(block));
 }
 
-// As atoi reads it; texts longer than a header can tell of don't exist.
+// As atoi reads it; texts longer than a header can hold don't exist.
 i32 limitFromEnvironment() {
   const char* const value = std::getenv("ORV_STRING_POOL");
   if (!value) return 0;

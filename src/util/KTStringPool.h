@@ -33,10 +33,10 @@ class KTStringPool {
   static constexpr orv::i32 kMaxLength = 0xFFFFFF;
   enum Kind : orv::u8 { kPooled = 0, kPrivate = 1, kEmpty = 3 };
 
-  // Made at the first call, when the environment is read; lives as long as the process.
+  // Returns the pool, made at the first call, which reads the environment; it lives as long as the process.
   static KTStringPool& instance();
 
-  // The longest text that is pooled; 0 when the pool is off.
+  // Returns the length of the longest text that is pooled; 0 if the pool is off.
   orv::i32 limit() const { return poolLimit_; }
 
   template <class Char>
@@ -45,7 +45,7 @@ class KTStringPool {
   template <class Char>
   static void release(Char* block);
 
-  // These take over `block` and give the block that stands for it from now on. `text` may lie inside `block`.
+  // Take over `block` and return the block that replaces it. `text` may lie inside `block`.
   template <class Char>
   static Char* assign(Char* block, const Char* text, orv::i64 length);
   template <class Char>
@@ -57,7 +57,7 @@ class KTStringPool {
   template <class Char>
   static Char* truncate(Char* block, orv::i32 length);
 
-  // A private block with the two texts one behind the other; the empty text when both are empty.
+  // Returns a private block with the two texts one behind the other; the empty text if both are empty.
   template <class Char>
   static Char* join(std::basic_string_view<Char> first, std::basic_string_view<Char> second);
 
@@ -72,7 +72,7 @@ class KTStringPool {
   // second one gets 0 at once.
   orv::i64 sweep();
 
-  // What the pool did with texts of this length; all 0 above the limit.
+  // Returns what the pool did with texts of this length; all 0 above the limit.
   template <class Char>
   KTStringPoolCounts counts(orv::i32 length);
 
@@ -80,7 +80,7 @@ class KTStringPool {
   KTStringPool();
   ~KTStringPool() = delete;
 
-  // Null when texts of this length are not pooled.
+  // Returns null if texts of this length are not pooled.
   template <class Char>
   KTStringShelf<Char>* shelfFor(orv::i32 length);
 
@@ -124,7 +124,7 @@ KTStringPool::Kind KTStringPool::kind(const Char* block) {
   return static_cast<Kind>(orv::util::hidden::textHeader(block) & 0xFF);
 }
 
-// Never written to: the kind tells it apart from a private block.
+// Never written to: the kind sets it apart from a private block.
 template <class Char>
 Char* KTStringPool::empty() {
   return const_cast<Char*>(orv::util::hidden::EmptyText<Char>::block +

@@ -48,7 +48,7 @@ class KTStringShelf {
   KTStringShelf(const KTStringShelf&) = delete;
   KTStringShelf& operator=(const KTStringShelf&) = delete;
 
-  // The one block of this text, with one more holder.
+  // Returns the one block of this text, with one more holder.
   Char* take(Text text) {
     Bucket& bucket = bucketOf(text.size());
     const KTMutexGuard guard(bucket.lock);

@@ -50,25 +50,26 @@ class KTText {
   View view() const { return View(text_, static_cast<std::size_t>(length())); }
   i32 length() const { return KTStringPool::length(text_); }
   bool empty() const { return length() == 0; }
-  // 0 for an index outside the text.
+  // Returns 0 for an index outside the text.
   Char operator[](i32 index) const { return index >= 0 && index < length() ? text_[index] : Char(0); }
 
-  // Index of the first or the last match. An empty or null text is found at 0.
+  // Return the index of the first or the last match; -1 if there is none. An empty or null text is found at
+  // 0.
   i32 find(Char character) const;
   i32 find(const Char* text) const;
   i32 rfind(Char character) const;
   i32 rfind(const Char* text) const;
 
-  // Empty when `start` is past the end; a negative start counts as 0.
+  // Returns an empty text if `start` is past the end; a negative start counts as 0.
   Text substring(i32 start, i32 count = -1) const;
   Text left(i32 count) const { return substring(0, count); }
   // Drops white space at both ends of this text.
   Text& trim();
 
-  // By character value: -1, 0 or 1.
+  // Compare by character value. Return -1, 0 or 1.
   i32 compare(const Text& other) const { return compareViews(view(), other.view()); }
   i32 compare(const Char* text) const { return compareViews(view(), viewOf(text)); }
-  // Both up to the first NUL.
+  // Compare both up to the first NUL.
   bool equalsNoCase(const Text& other) const { return equalsNoCase(other.text_); }
   bool equalsNoCase(const Char* text) const;
 

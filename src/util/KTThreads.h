@@ -19,8 +19,8 @@ class IOnce : private boost::noncopyable {
 
 }  // namespace orv::util::hidden
 
-// Runs the action once for `flag`, which lives in static storage. Callers wait while another thread runs it.
-// An exception of the action reaches its caller, and the next call runs it again.
+// Runs the action once for `flag`, which lives in static storage. Waits while another thread runs it. Passes
+// on an exception of the action; the next call then runs it again.
 void runOnce(boost::once_flag& flag, orv::util::hidden::IOnce& action);
 
 // The worker of a thread of the library; made on that thread.

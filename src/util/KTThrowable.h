@@ -52,14 +52,14 @@ class ORV_EXPORT KTBreakConnection : public KTException {
 // goes on. This is the place for a breakpoint.
 void assertFailed(const char* file, int line);
 
-// Reports a condition that doesn't hold, and is its value: for a caller that then turns back.
+// Reports a condition that doesn't hold, and yields its value, so that the caller can turn back.
 #define KT_HOLDS(condition) ((condition) || (assertFailed(__FILE__, __LINE__), false))
 #define KT_ASSERT(condition) ((condition) ? void() : assertFailed(__FILE__, __LINE__))
 
 namespace orv::util {
 
-// The part of a source path that starts at the project's own folders; the whole path when it holds none of
-// them.
+// Returns the part of a source path that starts at the project's own folders; the whole path if it holds none
+// of them.
 const char* projectPath(const char* file);
 
 }  // namespace orv::util

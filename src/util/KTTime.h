@@ -21,7 +21,7 @@ class KTTimeSpan {
   KTTimeSpan() = default;
   explicit KTTimeSpan(double seconds) : seconds_(seconds) {}
   static KTTimeSpan fromUnits(i32 days, i32 hours, i32 minutes, i32 seconds);
-  // In local time; 0 when the calendar refuses the date.
+  // Converts a date in local time; returns 0 if the calendar refuses it.
   static KTTimeSpan fromDate(i32 year, i32 month, i32 day, i32 hour, i32 minute, i32 second);
   static KTTimeSpan now();
 
@@ -33,11 +33,11 @@ class KTTimeSpan {
   // 24 and 21 in the lower row. `relative` adds a bare number to the current time.
   static KTTimeSpan parse(const char* text, bool relative);
 
-  // The seconds by which local time lies behind UTC at this moment, daylight saving included.
+  // Returns the seconds by which local time lies behind UTC at this moment, daylight saving included.
   static i32 timezoneSeconds();
 
   double seconds() const { return seconds_; }
-  // An unknown unit adds nothing.
+  // Adds `count` units; nothing for an unknown unit.
   void addUnit(u32 unit, i32 count);
 
   // Fields of the local time.
@@ -53,7 +53,8 @@ class KTTimeSpan {
   // refuses changes nothing. The fraction of the second stays.
   void setField(Field field, i32 value);
 
-  // By strftime's conversions, "%c" when `format` is null; empty on failure and above 511 characters.
+  // Formats by strftime's conversions, "%c" if `format` is null. Returns an empty text on failure and above
+  // 511 characters.
   KTWideString toText(const char16_t* format = nullptr, bool utc = false) const;
   // "%D" days, and "%H", "%M", "%S" what is left below a day, an hour, a minute; "%%" is one "%". Another
   // letter prints nothing. A null format means "%Dd:%Hh:%Mm:%Ss".
@@ -94,7 +95,7 @@ class KTTimeValue {
   static KTTimeValue notATime();
   // Keeps the low 61 bits.
   static KTTimeValue fromUserValue(i64 number);
-  // Of a local time. A time that doesn't fit throws KTTimeValueError.
+  // Converts a local time. Throws KTTimeValueError if it doesn't fit.
   static KTTimeValue fromBrokenDownTime(const std::tm& time);
 
   i64 ticks() const { return ticks_; }
@@ -107,18 +108,19 @@ class KTTimeValue {
   bool isNotATime() const { return *this == notATime(); }
   bool isUserValue() const;
   bool isInvalid() const;
-  // None of the above.
+  // Returns true if none of the above does.
   bool isTime() const;
 
   // Throws KTTimeValueError for anything else than a user value.
   i64 userValue() const;
 
-  // What is no time throws KTTimeValueError.
+  // Throw KTTimeValueError for what is no time.
   std::tm toLocalTime() const;
   std::tm toUtcTime() const;
 
-  // As KTTimeSpan's, for times from 1970 up to 2 to the 32nd seconds; "<1970" and ">2038" outside. What is no
-  // time gives its own text: "-infinity", "+infinity", "notATime", "userSpecial(number)", "invalid".
+  // Formats as KTTimeSpan's does, for times from 1970 up to 2 to the 32nd seconds; returns "<1970" or ">2038"
+  // outside, and for what is no time "-infinity", "+infinity", "notATime", "userSpecial(number)" or
+  // "invalid".
   KTWideString toText(const char16_t* format = nullptr, bool utc = false) const;
   // As KTTimeSpan's, and the fraction of the second as "%m" milliseconds, "%u" microseconds, "%n"
   // nanoseconds.

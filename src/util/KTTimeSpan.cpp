@@ -29,7 +29,7 @@ int std::tm::*memberOf(KTTimeSpan::Field field) {
   return kMembers[static_cast<std::size_t>(field)];
 }
 
-// Of a date's year; far below any that the calendar knows when it can't be told in 32 bits.
+// Of a date's year; far below any that the calendar knows when it doesn't fit 32 bits.
 int yearsFrom1900(i32 year) {
   return static_cast<int>(std::max<i64>(i64{year} - 1900, std::numeric_limits<int>::min()));
 }

@@ -24,10 +24,10 @@ class KTWideString : public orv::util::hidden::KTText<KTWideString, char16_t> {
   static KTWideString fromNumber(const void* value);
   static KTWideString fromNumber(double value);
 
-  // From the console code page (platform/CodePage.h), up to the NUL.
+  // Converts from the console code page (platform/CodePage.h), up to the NUL.
   static KTWideString fromAnsi(const char* text);
 
-  // As KTString's, of the narrow text.
+  // Return what KTString's return for the narrow text.
   orv::i32 toInt() const;
   orv::i32 toLong() const { return toInt(); }
   orv::i64 toInt64() const;

@@ -77,7 +77,7 @@ class ORVFiber : public IWorker {
   // Nothing in the library does so.
   void bindToThread() { threadBound_.store(true, std::memory_order_relaxed); }
 
-  // These may be out of date when they return.
+  // Return a value that may be out of date already.
   int state() const { return state_.load(std::memory_order_relaxed); }
   u32 generation() const { return generation_.load(std::memory_order_relaxed); }
   u32 runningThread() const { return runningThread_.load(std::memory_order_relaxed); }  // 0: on none.

@@ -14,7 +14,7 @@ namespace orv::util {
 
 class WarmBlocks {
  public:
-  // At least `size` bytes of unspecified content. Any thread. Throws std::bad_alloc.
+  // Returns at least `size` bytes of unspecified content. Any thread. Throws std::bad_alloc.
   static u8* take(std::size_t size);
   // Takes back what `take` gave; null is ignored. Any thread.
   static void give(u8* block) noexcept;

@@ -37,9 +37,9 @@ class autofilebuffer {
   autofilebuffer(const autofilebuffer&) = delete;
   autofilebuffer& operator=(const autofilebuffer&) = delete;
 
-  // These read `size` bytes at `position` into `data`. Where fewer come, or the position is below 0, readSome
-  // returns how many came; readOrReport does too, and tells of the shortfall on standard output; readExactly
-  // tells and then throws orv::util::FileReadException. A position below 0 brings no text.
+  // Read `size` bytes at `position` into `data`. Where fewer come, or the position is below 0, readSome
+  // returns how many came; readOrReport does too, and reports the shortfall on standard output; readExactly
+  // reports it and throws orv::util::FileReadException. A position below 0 is not reported.
   //
   // A centred or backward read that runs past the end of the file doesn't come up short: it goes on with
   // bytes from earlier in the file until the count is full. A check of a tag's size fails on such bytes, and
@@ -58,8 +58,8 @@ class autofilebuffer {
   }
 
   u32 capacity() const { return capacity_; }
-  // Loads the block around `position` ahead of later reads. False if nothing came or `position` is below 0;
-  // inside a PassThroughScope nothing is loaded.
+  // Loads the block around `position` ahead of later reads. Returns false if nothing came or `position` is
+  // below 0. Loads nothing inside a PassThroughScope.
   bool prime(int fd, i64 position, Placement placement);
   // Forgets everything and gives the memory back; the next read takes it anew. This and reset() end a
   // PassThroughScope's effect.

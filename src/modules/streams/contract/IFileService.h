@@ -36,15 +36,15 @@ inline constexpr int ownerReadWrite = 0x180;   // permission mode
 
 class IFileService {
  public:
-  // A descriptor or -1.
+  // Returns a descriptor; -1 on failure.
   virtual int open(const char* path, int flags, int mode, int reserved) = 0;
   virtual int close(int fd, int reserved) = 0;
-  // Bytes read, perhaps fewer than asked; below 1, with `data` untouched, at the end of the file or on
-  // failure.
+  // Returns the number of bytes read, perhaps fewer than asked; below 1, with `data` untouched, at the end of
+  // the file or on failure.
   virtual int read(int fd, orv::i64 position, void* data, orv::u32 size) = 0;
-  // Bytes written, perhaps fewer than asked; below 1 on failure.
+  // Returns the number of bytes written, perhaps fewer than asked; below 1 on failure.
   virtual int write(int fd, orv::i64 position, const void* data, orv::u32 size) = 0;
-  // 0 on success, for these three. The results of close and mkdir are not looked at.
+  // Return 0 on success. The results of close and mkdir are ignored.
   virtual int fstat(int fd, FileStat* record, int reserved) = 0;
   virtual int stat(const char* path, FileStat* record, int reserved) = 0;
   virtual int unlink(const char* path, int reserved) = 0;

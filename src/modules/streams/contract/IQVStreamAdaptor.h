@@ -33,8 +33,8 @@ enum ContextType_t : orv::u32 { ContextTypeBefore = 1, ContextTypeAfter = 2 };
 // setUserData of the same stream. These four lock the stream, so that several threads may record into one
 // while another flushes it.
 //
-// A bad or short file gives a result, never an exception, with one exception: see record. Those of the host's
-// own sinks pass through, as does std::bad_alloc. Only close and setUserData take a null handle.
+// A bad or short file gives a result; only `record` throws over content. Exceptions of the host's own sinks
+// and std::bad_alloc pass through. Only close and setUserData take a null handle.
 class ORV_EXPORT IQVStreamAdaptor {
   ORV_INTERFACE_MEMBERS(IQVStreamAdaptor)
 
@@ -45,26 +45,26 @@ class ORV_EXPORT IQVStreamAdaptor {
   // recording, which makes the file and its header if there is none. `userData` is an orv::IBackupConn* or
   // null. On failure `handle` is left alone.
   virtual StreamLoadStatus open(const char* path, orv::u32 mode, void* userData, void*& handle) = 0;
-  // Attaches an orv::IBackupConn*, once and for good: it is counted, gets a copy of the whole file and from
-  // then on every write. Null, and a second one, change nothing.
+  // Attaches an orv::IBackupConn* for the rest of the stream's life: counts it, sends it a copy of the whole
+  // file and from then on every write. Null, and a second connection, change nothing.
   virtual void setUserData(void* handle, void* userData) = 0;
   virtual void close(void* handle) = 0;  // Flushes nothing.
   virtual bool erase(void* handle) = 0;  // Deletes the file. The handle must still be closed.
   virtual orv::u32 getMemoryOverhead(void* handle) const = 0;  // An estimate, in bytes.
 
-  // These three look at the file again if its modification time has changed since the last look; 0 if it
-  // can't be read any more. No other call notices that a file has grown.
+  // Scan the file again if its modification time has changed since the last scan. Return 0 if it can't be
+  // read any more. No other call notices that a file has grown.
   virtual orv::u32 getDuration(void* handle) const = 0;     // Time of the last tag.
   virtual orv::i64 getSize(void* handle) const = 0;         // Up to the end of the last whole tag.
   virtual orv::i64 getEndPosition(void* handle) const = 0;  // The same, but 0 for a file without a tag.
   // Byte 4 of the file: 1 has video, 4 has audio; a recording adds 8 for tags of other types.
   virtual orv::u32 getType(void* handle) const = 0;
 
-  // The segment that holds a byte position (`index`) or a time. False, with `bounds` untouched, where there
-  // is none, and where the tags around it can't be told.
+  // Find the segment that holds a byte position (`index`) or a time. Return false, with `bounds` untouched,
+  // if there is none or the tags around it can't be recognised.
   virtual bool findSegmentByIndex(void* handle, orv::i64 index, SegmentBounds* bounds) = 0;
   virtual bool findSegmentByTime(void* handle, orv::u32 time, SegmentBounds* bounds) = 0;
-  // Delivers the tags between the two positions; the times aren't looked at. False if it had to stop before
+  // Delivers the tags between the two positions; ignores the times. Returns false if it had to stop before
   // the end: what has been delivered until then is sound.
   virtual bool loadSegment(void* handle, SegmentBounds* bounds, ISegmentHolder* holder) = 0;
   virtual void onFreeSegment(void* handle, orv::u32 segment) = 0;  // Does nothing.
@@ -81,13 +81,14 @@ class ORV_EXPORT IQVStreamAdaptor {
   virtual orv::u32 getPermission() const = 0;  // 6: plays and records.
   virtual bool getAttribute(void* handle, AttrType_t attribute, void* value, orv::u32& size) const = 0;
 
-  // The head records of the last look, one by one: of each kind the one in effect at `position`. Only those
-  // of ContextTypeBefore exist, from position 0 on. True if there was one.
+  // Delivers the head records of the last scan one by one: of each kind the one in effect at `position`. Only
+  // those of ContextTypeBefore exist, from position 0 on. Returns true if there was one.
   virtual bool getMediaContexts(void* handle, ContextType_t type, orv::i64 position,
                                 IContextHolder* holder) const = 0;
-  // All of them in one piece. False, with no call, if there is none.
+  // Delivers all of them in one piece. Returns false, with no call, if there is none.
   virtual bool getAllMediaContexts(void* handle, IAllContextHolder* holder) const = 0;
 };
 
-// The module's one entry: 1 and an adaptor, or 0 and null. `context` must outlive the adaptor.
+// Makes the module's adaptor and returns 1; returns 0, with null, on failure. `context` must outlive the
+// adaptor.
 extern "C" ORV_EXPORT int IQVCreateAdaptor(IQVStreamContext* context, IQVStreamAdaptor** adaptor);

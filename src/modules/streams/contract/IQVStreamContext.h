@@ -15,11 +15,12 @@ class ORV_EXPORT IQVStreamContext {
 
   ORV_MEMBER virtual ~IQVStreamContext() {}
   virtual void reserved() = 0;  // Not called by this module.
-  // 0: the text stands NUL-terminated in *buffer, which has room for `size` bytes. Above 0: the room needed,
-  // terminator included; more than 1 MiB counts as no setting. Below 0: no such setting.
+  // Copies a setting's text, NUL-terminated, to *buffer, which has room for `size` bytes, and returns 0.
+  // Returns the room needed, terminator included, if that is more (above 1 MiB counts as no setting); a
+  // negative number if there is no such setting.
   virtual int getConfigValue(const char* key, char** buffer, orv::u32 size) = 0;
   // `text` is UTF-8 and valid during the call. `flag` is always 1.
   virtual void logMessage(const char* text, int level, int flag) = 0;
-  // The same service on every call. It belongs to the host.
+  // Returns the same service on every call. It belongs to the host.
   virtual IFileService* getFileService() = 0;
 };

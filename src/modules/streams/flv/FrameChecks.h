@@ -35,7 +35,7 @@ class FrameChecks {
   // All three.
   bool validateFrame(FrameSource& source, i64 position, FrameRecord* frame) const;
 
-  // What the bytes of a candidate alone tell: whether the checks could pass.
+  // Returns whether the checks could pass, by the bytes of a candidate alone.
   bool couldBeFrame(const TagHeader& header, i64 position) const {
     return limits_.types.test(header.typeByte()) &&
            i64{header.dataSize()} + kTagOverhead <= limits_.dataEnd - position;

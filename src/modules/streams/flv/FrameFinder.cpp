@@ -65,7 +65,7 @@ bool FrameFinder::findInView(SearchWindow& window, const SearchWindow::View& vie
 }
 
 // The highest position from `highest` down to `lowest`, all inside `view`, that could pass the checks as far
-// as its own few bytes tell; the one below `lowest` if none could. Nearly every candidate dies here, without
+// by its own few bytes; the one below `lowest` if none could. Nearly every candidate dies here, without
 // a call.
 i64 FrameFinder::likelyCandidate(const SearchWindow::View& view, i64 highest, i64 lowest) const {
   const i64 firstWithField = std::max(lowest, view.start + kSizeFieldSize);

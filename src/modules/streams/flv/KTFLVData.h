@@ -41,7 +41,7 @@ class KTFLVData : public KTFLVPersist {
 
   // Summarises the file. False if it can't be read or its first tag is none; what was found until then stays.
   bool scan(int fd);
-  u32 getModifiedTime() const;  // Low 32 bits; 0 if the host can't tell.
+  u32 getModifiedTime() const;  // Low 32 bits; 0 if the host doesn't know it.
   // These compare the file's modification time with that of the last scan and, on a change, look again.
   i64 getSize();
   i64 getEndPosition();
@@ -68,7 +68,7 @@ class KTFLVData : public KTFLVPersist {
   bool record(u16 type, const void* data, u32 size, u32 time);
   // Appends what is staged, brings the header's flags and the metadata up to date and closes the file.
   // `bounds` is set if all went that far. False, with what is staged kept, if the file isn't open, its end
-  // can't be told or its flags can't be written; false after all of it if the file then can't be read.
+  // isn't known or its flags can't be written; false after all of it if the file then can't be read.
   bool flushSegment(SegmentBounds* bounds);
 
   // The frame that holds `position`, in `range`. Takes the caller's open descriptor.

@@ -6,7 +6,7 @@
 
 namespace orv::flv {
 
-// Kinds of tag, as the file header's flags byte tells them. The last one is none of the published flags; it
+// Kinds of tag, as in the file header's flags byte. The last one is none of the published flags; it
 // stays in the file all the same and reaches the host by getType.
 inline constexpr u8 kSeenVideo = 1;
 inline constexpr u8 kSeenAudio = 4;  // With a payload.

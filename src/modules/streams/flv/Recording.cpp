@@ -30,7 +30,7 @@ bool Recording::noteMetadata(const RecordedMessage& message, KTFLVPersist& file,
   const KTMessagePtr parsed = parseMetadata(message);
   if (!parsed) return false;
   head->setMetadata(parsed, -1);
-  // Others may write before the flush, which alone knows the place. Where the end can't be told even now the
+  // Others may write before the flush, which alone knows the place. Where the end isn't known even now the
   // metadata stays without one and is never rewritten.
   if (file.seek(0, fromEnd) != -1) metadata_ = parsed;
   metadataOffset_ = buffer_.end;

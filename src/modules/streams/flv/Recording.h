@@ -31,7 +31,7 @@ class Recording {
   // for a tag.
   bool stage(const RecordedMessage& message);
   // For a data message of time 0, about to be staged: if it is an "onMetaData" it becomes the stream's, with
-  // a place that the flush will tell. Asks the host for the file's end. False if it is none; throws
+  // a place that the flush will fill in. Asks the host for the file's end. False if it is none; throws
   // KTBreakConnection if it can't be parsed.
   bool noteMetadata(const RecordedMessage& message, KTFLVPersist& file, HeadRecords* head);
 

@@ -41,7 +41,7 @@ bool KTFLVData::indexFitsFile(SummaryScan& scanned, const FrameRecord& oldFirst)
 }
 
 // What the read cache took before the file's last change may not answer for the file as it is now. A stamp of
-// 0 may mean that the host can't tell. True if it was dropped.
+// 0 may mean that the host doesn't know it. True if it was dropped.
 bool KTFLVData::dropStaleBlock(u32 stamp) {
   if (stamp == bufferStamp && stamp != 0) return false;
   fileBuffer.reset(-1, 0);

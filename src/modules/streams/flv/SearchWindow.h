@@ -41,7 +41,7 @@ class SearchWindow : public FrameSource {
   View view(i64 position);
   // The file doesn't give the bytes of a candidate at `position`: answers the lowest of the candidates below
   // for which that holds in a row, without asking for each; `position` + 1 if it does give them after all.
-  // The first time, the failure is told as any short read is.
+  // The first time, the failure is reported as any short read is.
   i64 skipUnreadable(i64 position);
   // Whether the few reads are used up.
   bool isInGrid() const { return !pages_.empty(); }
