@@ -17,7 +17,7 @@ packages_of() {
     package) echo dpkg-dev lintian ;;
     player) echo npm ;;
     nginx) echo nginx-light ;;
-    interop) echo ffmpeg flvmeta mediainfo curl chromium time ;;
+    interop) echo ffmpeg flvmeta mediainfo curl chromium time nginx-light openssl ;;
     *) echo "setup.sh: no such task: $1" >&2; exit 2 ;;
   esac
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <cstdlib>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -253,6 +254,10 @@ bool HttpRanges::attempt(Exchange& exchange) {
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits_.connect.count()));
   curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(limits_.request.count()));
   curl_easy_setopt(curl, CURLOPT_USERAGENT, "flvhost");
+  // As the curl program does; the library itself goes by the system's authorities alone.
+  if (const char* const authorities = std::getenv("SSL_CERT_FILE"); authorities && *authorities) {
+    curl_easy_setopt(curl, CURLOPT_CAINFO, authorities);
+  }
   curl_easy_setopt(curl, CURLOPT_RANGE, range.c_str());
   curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, reason);
   curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
