@@ -10,13 +10,13 @@ work=$(mktemp -d)
 trap 'kill $proxy 2>/dev/null || true; [ ! -f "$work/nginx.pid" ] || kill "$(cat "$work/nginx.pid")"; rm -rf "$work"' EXIT
 proxy=
 
-# A minute of film over and over, without an index.
-ffmpeg -v error -nostdin -f lavfi -i testsrc2=s=1280x720:r=25 -f lavfi -i sine=f=440 -t 60 -c:v libx264 \
-  -preset ultrafast -g 50 -b:v 6M -maxrate 6M -bufsize 2M -c:a aac -f flv "$work/minute.flv"
-ffmpeg -v error -nostdin -stream_loop -1 -i "$work/minute.flv" -c copy -fs "${mib}M" -flvflags no_duration_filesize \
-  "$work/film.flv"
-
-length=$("$flvhost" info --json "$work/film.flv" | python3 -c 'import json, sys; print(json.load(sys.stdin)["files"][0]["duration"]["ms"] // 1000)')
+# film NAME RATE PRESET SIZE: half a minute over and over, without an index.
+film() {
+  ffmpeg -v error -nostdin -f lavfi -i "testsrc2=s=$4:r=25" -f lavfi -i sine=f=440 -t 30 -c:v libx264 -preset "$3" -g 50 \
+    -b:v "$2" -maxrate "$2" -bufsize "$2" -c:a aac -f flv "$work/piece.flv"
+  ffmpeg -v error -nostdin -stream_loop -1 -i "$work/piece.flv" -c copy -fs $((mib << 20)) \
+    -flvflags no_duration_filesize "$work/$1.flv"
+}
 
 chmod 755 "$work"
 cat >"$work/nginx.conf" <<EOF
@@ -29,7 +29,6 @@ nginx -c "$work/nginx.conf"
 python3 "$here/delay.py" 18902 18901 "$delay" &
 proxy=$!
 sleep 1
-url=http://127.0.0.1:18902/film.flv
 
 # measure NAME COMMAND...: of each start; requests and bytes are nginx's own count.
 measure() {
@@ -49,10 +48,20 @@ measure() {
   done
 }
 seek() { "$flvhost" seek "$url" "$1"; }
-seekFew() { "$flvhost" seek "$url" "$1" --set "FrameTypes=8 9 18"; }
+seekAll() { "$flvhost" seek "$url" "$1" --set "FrameTypes=9 8 20 17 18 15 41 40 52 49 50 47"; }
 
-echo "a film of $mib MiB, $length s, without an index; $delay ms a request"
-measure "flvhost seek" seek
-measure "flvhost seek, types 8 9 18" seekFew
 seekFfmpeg() { timeout 120 ffmpeg -v error -nostdin -ss "$1" -i "$url" -frames:v 1 -c copy -f null -; }
-measure "ffmpeg -ss" seekFfmpeg
+
+# The first is what is streamed as a rule; the second has large frames, and poor coding that repeats itself.
+for what in "common 2M veryfast 1280x720" "large 6M ultrafast 1280x720"; do
+  film $what
+  name=${what%% *}
+  url=http://127.0.0.1:18902/$name.flv
+  length=$("$flvhost" info --json "$work/$name.flv" |
+    python3 -c 'import json, sys; print(json.load(sys.stdin)["files"][0]["duration"]["ms"] // 1000)')
+  echo "$what: $mib MiB, $length s, without an index; $delay ms a request"
+  measure "flvhost seek" seek
+  measure "flvhost seek, all types" seekAll
+  measure "ffmpeg -ss" seekFfmpeg
+  rm "$work/$name.flv"
+done

@@ -13,6 +13,9 @@ constexpr std::size_t kMostBlocks = 4096;  // 16 MiB an object.
 constexpr i64 kSmallRead = 1024;
 constexpr i64 kPageRead = 32 << 10;
 constexpr i64 kAroundPage = 48 << 10;
+// The module looks for the tags at both ends of a segment of this length, and they want some room.
+constexpr i64 kSegment = 256 << 10;
+constexpr i64 kAroundSegment = 64 << 10;
 constexpr u32 kFirstReadAhead = 64 << 10;
 constexpr u32 kMostReadAhead = 1 << 20;
 
@@ -109,6 +112,11 @@ void RemoteFile::fetchAround(i64 position, std::size_t size, bool goesForward) {
     if (!goesForward) begin = frontier_;
     end = std::max<i64>(end, begin + readAhead_);
     frontier_ = std::min(roundUp(end), state_.size);
+  } else if (length > kSmallRead && length <= kPageRead && seekers_ > 0) {
+    // A page lies in front of the place that is looked for, mostly where a segment begins.
+    const i64 segment = (position + length - 1) / kSegment * kSegment;
+    begin = std::max<i64>(0, std::min(begin, segment - kAroundSegment));
+    end = std::max(end, segment + kSegment + kAroundSegment);
   } else if (length > kSmallRead && length <= kPageRead) {
     begin = std::max<i64>(0, begin - kAroundPage);
     end += kAroundPage;

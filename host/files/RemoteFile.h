@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <list>
 #include <map>
@@ -46,6 +47,18 @@ class RemoteFile {
   // Has the bytes from `begin` to `end` near, as far as one request brings them. For the sake of speed alone:
   // a failure shows when they are read.
   void fetch(i64 begin, i64 end);
+  // While one lives, whoever reads a page in the middle of the object looks for a place that will be played,
+  // and gets the module's whole segment at once.
+  class Seeking {
+   public:
+    explicit Seeking(RemoteFile& file) : file_(file) { ++file_.seekers_; }
+    ~Seeking() { --file_.seekers_; }
+    Seeking(const Seeking&) = delete;
+    Seeking& operator=(const Seeking&) = delete;
+
+   private:
+    RemoteFile& file_;
+  };
   // Reads up to `size` bytes of the state with `stamp`; fewer at its end alone. Throws RemoteChanged,
   // HttpFault.
   std::size_t read(u32 stamp, i64 position, u8* out, std::size_t size);
@@ -68,6 +81,7 @@ class RemoteFile {
   HttpRanges& http_;
   const std::string url_;
   const std::chrono::milliseconds freshFor_;
+  std::atomic<int> seekers_{0};
   mutable std::mutex mutex_;
   // Under mutex_.
   ObjectState state_;

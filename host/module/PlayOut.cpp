@@ -49,13 +49,6 @@ StartCandidates candidatesIn(Stream& stream, const SegmentBounds& bounds, u32 ti
   return found;
 }
 
-// None at the start of the file, and behind a damage.
-std::optional<SegmentBounds> segmentBefore(Stream& stream, const SegmentBounds& bounds) {
-  if (bounds.startPosition <= 0) return std::nullopt;
-  const auto before = stream.segmentAtPosition(bounds.startPosition - 1);
-  return before && before->startPosition < bounds.startPosition ? before : std::nullopt;
-}
-
 struct KeyFrameSearch {
   std::optional<PlayStart> keyFrame;
   bool sawVideo = false;
@@ -70,8 +63,9 @@ KeyFrameSearch searchKeyFrame(Stream& stream, SegmentBounds bounds, u32 time) {
     search.keyFrame = found.keyFrame;
     search.sawVideo |= found.hasVideo;
     search.reachedFront = bounds.startPosition <= 0;
-    const auto before = segmentBefore(stream, bounds);
-    if (search.keyFrame || !before) return search;
+    if (search.keyFrame) return search;
+    const auto before = stream.segmentBefore(bounds);
+    if (!before) return search;
     bounds = *before;
   }
 }
@@ -329,7 +323,7 @@ std::vector<OwnedTag> setupsBefore(Stream& stream, const PlayStart& start) {
     CodecSetups found;
     noteBefore(found, *bounds);
     later.addOlder(found);
-    bounds = segmentBefore(stream, *bounds);
+    bounds = stream.segmentBefore(*bounds);
   }
   later.addOlder(head);
   return later.tags();

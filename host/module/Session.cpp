@@ -19,6 +19,10 @@ constexpr u32 kOpenForPlaying = 0;
 constexpr u32 kOpenForRecording = 1;
 // A request takes as long as many bytes do, but not as many as the module reads of a disk at a time.
 constexpr char kRemoteReadSize[] = "65536";
+// Audio, video and AMF0 data. Wherever bytes look like a tag's start, the module looks at the place where
+// that tag would end, far away: a request each. With fewer types there are fewer such places.
+constexpr char kFrameTypes[] = "FrameTypes";
+constexpr char kCommonTypes[] = "8 9 18";
 
 void tellWriteFault(const WriteFault& fault) {
   report(fmt::format("{}: only {} of {} bytes written at position {}: {}", fault.path, fault.written,
@@ -55,6 +59,8 @@ auto Stream::untilSettled(Query query) {
 }
 
 std::optional<SegmentBounds> Stream::segmentAtTime(u32 time) {
+  std::optional<RemoteFile::Seeking> seeking;
+  if (remote_) seeking.emplace(*remote_);
   return untilSettled([&]() -> std::optional<SegmentBounds> {
     SegmentBounds bounds{};
     if (!adaptor_.findSegmentByTime(handle_, time, &bounds)) return std::nullopt;
@@ -68,6 +74,14 @@ std::optional<SegmentBounds> Stream::segmentAtPosition(i64 position) {
     if (!adaptor_.findSegmentByIndex(handle_, position, &bounds)) return std::nullopt;
     return bounds;
   });
+}
+
+std::optional<SegmentBounds> Stream::segmentBefore(const SegmentBounds& bounds) {
+  if (bounds.startPosition <= 0) return std::nullopt;
+  std::optional<RemoteFile::Seeking> seeking;
+  if (remote_) seeking.emplace(*remote_);
+  const auto before = segmentAtPosition(bounds.startPosition - 1);
+  return before && before->startPosition < bounds.startPosition ? before : std::nullopt;
 }
 
 bool Stream::load(const SegmentBounds& bounds, const MessageHolder::Handler& handler) {
@@ -132,7 +146,7 @@ Session::Variant::Variant(Settings settings, IFileService& files, ModuleLoader& 
 void* Session::open(IQVStreamAdaptor& adaptor, const std::string& file, u32 mode, IBackupConn* mirror) {
   const std::string path = toModulePath(file);
   context_.nameFile(moduleFileName(path), file);
-  for (Variant* const variant : {farSeeing_.get(), shortSighted_.get(), remote_.get()}) {
+  for (Variant* const variant : {farSeeing_.get(), shortSighted_.get(), remoteCommon_.get(), remote_.get()}) {
     if (variant) variant->context.nameFile(moduleFileName(path), file);
   }
   const FileCalls before = calls();
@@ -151,14 +165,25 @@ bool Session::mayHideTags(void* handle, const FileIdentity& identity) const {
          identity.size - adaptor.getSize(handle) > limit;
 }
 
-IQVStreamAdaptor& Session::adaptorFor(const std::string& file) {
-  if (!isRemote(file)) return module_.adaptor();
-  if (!remote_) {
-    Settings settings = settings_;
-    settings.setDefault("AutoBufferReadSize", kRemoteReadSize);
-    remote_ = std::make_unique<Variant>(std::move(settings), synced_, module_);
-  }
-  return *remote_->adaptor;
+// `types` null: all that the module knows.
+std::unique_ptr<Session::Variant> Session::remoteVariant(const char* types) {
+  Settings settings = settings_;
+  settings.setDefault("AutoBufferReadSize", kRemoteReadSize);
+  if (types) settings.setDefault(kFrameTypes, types);
+  return std::make_unique<Variant>(std::move(settings), synced_, module_);
+}
+
+// An object whose first and last tags aren't of the common types, or whose end is torn, is opened anew with
+// all: its ends are in the cache by then.
+Session::Opened Session::openRemote(const std::string& file, i64 size) {
+  if (!remoteCommon_) remoteCommon_ = remoteVariant(kCommonTypes);
+  IQVStreamAdaptor& common = *remoteCommon_->adaptor;
+  void* const handle = open(common, file, kOpenForPlaying, nullptr);
+  if (handle && (common.getEndPosition(handle) == size || settings_.find(kFrameTypes)))
+    return {&common, handle};
+  if (handle) common.close(handle);
+  if (!remote_) remote_ = remoteVariant(nullptr);
+  return openPlaying(*remote_->adaptor, file);
 }
 
 IQVStreamAdaptor& Session::farSeeing() {
@@ -192,7 +217,8 @@ Session::Opened Session::openPlaying(IQVStreamAdaptor& adaptor, const std::strin
 }
 
 Session::Opened Session::openAsModuleDoes(const std::string& file, const FileIdentity& identity) {
-  const Opened opened = openPlaying(adaptorFor(file), file);
+  const Opened opened =
+      isRemote(file) ? openRemote(file, identity.size) : openPlaying(module_.adaptor(), file);
   if (!mayHideTags(opened.handle, identity)) return opened;
   report(fmt::format("{}: no sound tag in its last {} bytes (MaxBackFrameScan); searching the last {}", file,
                      settings_.searchLimit(), Settings::kMostSearchLimit));

@@ -46,6 +46,8 @@ class Stream {
   u32 memoryOverhead() const { return adaptor_.getMemoryOverhead(handle_); }
   std::optional<SegmentBounds> segmentAtTime(u32 time);
   std::optional<SegmentBounds> segmentAtPosition(i64 position);
+  // None at the start of the file, and behind a damage.
+  std::optional<SegmentBounds> segmentBefore(const SegmentBounds& bounds);
   // False if the segment is damaged; what came before the damage was delivered. Of an object on a web server
   // each segment comes from one of its states; throws Failure if it can't be read.
   bool load(const SegmentBounds& bounds, const MessageHolder::Handler& handler);
@@ -141,7 +143,8 @@ class Session {
   Opened openPlaying(IQVStreamAdaptor& adaptor, const std::string& file);
   IQVStreamAdaptor& farSeeing();
   IQVStreamAdaptor& shortSighted();
-  IQVStreamAdaptor& adaptorFor(const std::string& file);
+  Opened openRemote(const std::string& file, i64 size);
+  std::unique_ptr<Variant> remoteVariant(const char* types);
 
   const bool stats_;
   const Settings settings_;
@@ -156,7 +159,10 @@ class Session {
   // Made when first needed.
   std::unique_ptr<Variant> farSeeing_;     // With the largest limits.
   std::unique_ptr<Variant> shortSighted_;  // Over shortened_.
-  std::unique_ptr<Variant> remote_;        // With smaller reads, for objects on web servers.
+  // For objects on web servers, with smaller reads; the first one takes nothing for a tag but what most files
+  // consist of.
+  std::unique_ptr<Variant> remoteCommon_;
+  std::unique_ptr<Variant> remote_;
 };
 
 }  // namespace orv::host

@@ -187,6 +187,22 @@ TEST(RemoteFile, theCommandsPlayObjectsLikeFiles) {
   EXPECT_THAT(unreachable.err, HasSubstr("x.flv?...: Failed to connect"));
 }
 
+// Plain tags, and encrypted ones, whose types are looked for where the common ones don't do.
+TEST(RemoteFile, aSeekTakesFewRequests) {
+  const FlvBuilder film = movie(5000);
+  for (const u8 bit : {u8{0}, flv::kFilterBit}) {
+    Bytes bytes = film.bytes();
+    for (const auto& tag : film.tags()) bytes[static_cast<std::size_t>(tag.position)] |= bit;
+    const TempDir dir;
+    WebServer server(
+        [&](const Request& request) { return WebServer::partial(request, str(bytes), "\"a\""); });
+    const std::string local = flvhost({"seek", dir.file("film.flv", bytes), "61.5"}).out;
+    EXPECT_THAT(flvhost({"seek", server.url(), "61.5"}).out, HasSubstr(local.substr(local.find("\n  tag"))))
+        << bit;
+    if (!bit) EXPECT_LE(server.requests(), 3) << "the object's two ends, and one segment";
+  }
+}
+
 TEST(RemoteFile, aGrowingObjectIsFollowedWithNothingLostOrTwice) {
   const FlvBuilder film = movie(2000);
   std::size_t shown = 900'000;
