@@ -474,7 +474,9 @@ TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
   }
   EXPECT_THAT(publisher.until("flush"), HasSubstr("200 OK"));
   std::filesystem::rename(dir.path("live.flv"), part(kParts - 1));
-  if (kFreesMemory) EXPECT_LT(memory[3], memory[1] + 1024) << "pages after 24 and after 12 hours";
+  if (kFreesMemory) {
+    EXPECT_LT(memory[3], memory[1] + 1024) << "pages after 24 and after 12 hours";
+  }
 
   u32 next = 0;
   for (u32 i = 0; i < kParts; ++i) {
