@@ -2,23 +2,11 @@
 
 #include "modules/streams/flv/KTFLVData.h"
 
-#include <atomic>
 #include <cstring>
 
 #include "modules/streams/flv/OpenFile.h"
 
 namespace orv::flv {
-namespace {
-
-// The host's file service. A host has one, so that every stream stores the same value.
-std::atomic<IFileService*> moduleFileService{nullptr};
-
-}  // namespace
-
-IFileService* KTFLVData::fileService() {
-  return moduleFileService.load(std::memory_order_relaxed);
-}
-
 KTFLVData::KTFLVData(const KTWideString& path, const FLVConfig& config, const IBackupConnPtr& conn,
                      IQVStreamContext* streamContext, IFileService* service)
     : KTFLVPersist(path + u".flv", conn, service),
@@ -33,9 +21,7 @@ KTFLVData::KTFLVData(const KTWideString& path, const FLVConfig& config, const IB
       context(streamContext),
       fileBuffer(config.autoBufferReadSize, service),
       badData(streamContext, streamPath, config.retryCorruptedFLVs),
-      codecs(config.recordAllCodecs) {
-  moduleFileService.store(service, std::memory_order_relaxed);
-}
+      codecs(config.recordAllCodecs) {}
 
 KTFLVData::~KTFLVData() {
   KTFLVPersist::close();

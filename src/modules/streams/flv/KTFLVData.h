@@ -78,7 +78,6 @@ class KTFLVData : public KTFLVPersist {
   // Opening (KTFLVData.cpp)
   bool checkHeader(int fd);
   void logPath(const char16_t* format, int level);
-  static IFileService* fileService();
 
   // Refresh
   bool dropStaleBlock(u32 stamp);

@@ -41,6 +41,9 @@ class KTFLVPersist {
 
  protected:
   const KTString& narrowPath() const { return filePathNarrow_; }
+  // The reading side uses it too: a host that has several in one process may drop one while streams of
+  // another live.
+  IFileService* fileService() const { return fileService_; }
 
  private:
   void sendCopy(const KTString& name, int fd);
