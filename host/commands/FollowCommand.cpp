@@ -10,6 +10,7 @@
 #include "host/flv/FlvWriter.h"
 #include "host/module/Follower.h"
 #include "host/module/PlayOut.h"
+#include "host/module/SetupSearch.h"
 #include "host/text/Console.h"
 #include "host/text/TimeText.h"
 
@@ -102,7 +103,7 @@ void FollowRun::begin() {
     if (record.trackId != kTrackControl) writer_->tag(record.tag);
   });
   if (start.position == 0 && start.skip == 0) return;
-  for (const OwnedTag& kept : setupsBefore(stream_, start)) {
+  for (const OwnedTag& kept : SetupSearch(stream_).before(start.position, start.skip).tags()) {
     Tag setup = kept.view();
     setup.time = start.time;
     writer_->tag(setup);

@@ -79,13 +79,14 @@ void RecordRun::lookAtTail() {
     }
     report(what + "; they stay, and players stumble over them");
   }
-  if (options_.times == AppendedTimes::goOn && tail.hasTags) tail_ = std::move(tail);
+  if (tail.hasTags) tail_ = std::move(tail);
 }
 
 Recording& RecordRun::recording() {
   if (!recording_) {
     recording_.emplace(session_, target_,
-                       RecordingOptions{std::chrono::milliseconds(options_.flushEvery), std::move(tail_)});
+                       RecordingOptions{std::chrono::milliseconds(options_.flushEvery), std::move(tail_),
+                                        options_.times == AppendedTimes::goOn});
   }
   return *recording_;
 }

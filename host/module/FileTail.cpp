@@ -1,9 +1,10 @@
 #include "host/module/FileTail.h"
 
 #include <algorithm>
+#include <limits>
 
-#include "host/flv/CodecSetups.h"
 #include "host/flv/FlvNames.h"
+#include "host/module/SetupSearch.h"
 
 namespace orv::host {
 
@@ -43,29 +44,23 @@ FileTail readTail(Session& session, const std::string& file) {
   stream.headRecords([&](const HeadRecord& record) {
     if (record.trackId != kTrackControl) tail.head.emplace_back(record.tag);
   });
-  CodecSetups setups;
   FrameClock video, audio;
   tail.lastTime = stream.duration();
-  const auto first = stream.segmentAtPosition(0);
-  const auto last = stream.segmentAtPosition(tail.playableEnd - 1);
-  const auto load = [&](const std::optional<SegmentBounds>& bounds, auto visit) {
-    if (bounds) stream.load(*bounds, [&](const Message& message) { forEachTag(message, visit); });
-  };
-  if (first && last && first->startPosition != last->startPosition) {
-    load(first, [&](const Tag& tag) { setups.note(tag); });
+  if (const auto last = stream.segmentAtPosition(tail.playableEnd - 1)) {
+    stream.load(*last, [&](const Message& message) {
+      forEachTag(message, [&](const Tag& tag) {
+        tail.lastTime = std::max(tail.lastTime, tag.time);
+        if (tag.isVideo()) video.note(tag.time);
+        if (tag.isAudio()) audio.note(tag.time);
+      });
+    });
   }
-  load(last, [&](const Tag& tag) {
-    setups.note(tag);
-    tail.lastTime = std::max(tail.lastTime, tag.time);
-    if (tag.isVideo()) video.note(tag.time);
-    if (tag.isAudio()) audio.note(tag.time);
-  });
   if (video.isKnown()) {
     tail.frameTime = video.frame();
   } else if (audio.isKnown()) {
     tail.frameTime = audio.frame();
   }
-  tail.setups = setups.tags();
+  tail.setups = SetupSearch(stream).before(tail.playableEnd - 1, std::numeric_limits<u64>::max()).tags();
   return tail;
 }
 

@@ -6,10 +6,10 @@
 #include <utility>
 
 #include "host/flv/ClipMetadata.h"
-#include "host/flv/CodecSetups.h"
 #include "host/flv/FlvNames.h"
 #include "host/module/LostTags.h"
 #include "host/module/SegmentWalk.h"
+#include "host/module/SetupSearch.h"
 #include "host/text/Console.h"
 #include "host/text/Failure.h"
 #include "host/text/TimeText.h"
@@ -69,9 +69,6 @@ KeyFrameSearch searchKeyFrame(Stream& stream, SegmentBounds bounds, u32 time) {
     bounds = *before;
   }
 }
-
-// How far back a set-up record that has replaced the head's is looked for.
-constexpr int kMostSegmentsBack = 32;
 
 // The time of the first medium among the first segment's tags.
 u32 firstTimeIn(Stream& stream) {
@@ -165,7 +162,8 @@ void Player::sendHead() {
       writer_->tag(record.tag);
     }
   });
-  if (!startsAtFront()) codecSetups_ = setupsBefore(stream_, plan_.start);
+  if (startsAtFront()) return;
+  codecSetups_ = SetupSearch(stream_).before(plan_.start.position, plan_.start.skip).tags();
 }
 
 // What can't be rebuilt would be false, and stays out.
@@ -307,26 +305,6 @@ PlayStart findPlayStart(Stream& stream, u32 time) {
 
 std::optional<PlayStart> findKeyFrame(Stream& stream, const SegmentBounds& bounds, u32 time) {
   return searchKeyFrame(stream, bounds, time).keyFrame;
-}
-
-std::vector<OwnedTag> setupsBefore(Stream& stream, const PlayStart& start) {
-  CodecSetups head, later;
-  const auto noteBefore = [&](CodecSetups& setups, const SegmentBounds& bounds) {
-    const bool holdsStart = bounds.startPosition <= start.position && bounds.endPosition >= start.position;
-    forEachTagIn(stream, bounds, [&](const Tag& tag, u64 ordinal) {
-      if (!holdsStart || ordinal < start.skip) setups.note(tag);
-    });
-  };
-  if (const auto first = stream.segmentAtPosition(0)) noteBefore(head, *first);
-  auto bounds = stream.segmentAtPosition(start.position);
-  for (int i = 0; bounds && i < kMostSegmentsBack && later.count() < head.count(); ++i) {
-    CodecSetups found;
-    noteBefore(found, *bounds);
-    later.addOlder(found);
-    bounds = stream.segmentBefore(*bounds);
-  }
-  later.addOlder(head);
-  return later.tags();
 }
 
 u8 expectedFlags(Stream& stream) {

@@ -27,10 +27,6 @@ std::optional<PlayStart> findKeyFrame(Stream& stream, const SegmentBounds& bound
 // file ends before `time`.
 PlayStart findPlayStart(Stream& stream, u32 time);
 
-// The codec set-up records that are valid at a start: those of the first segment, or those that have replaced
-// them not too far before the start.
-std::vector<OwnedTag> setupsBefore(Stream& stream, const PlayStart& start);
-
 struct PlayPlan {
   PlayStart start;
   std::optional<u32> end;   // Tags of this time and later don't go out.

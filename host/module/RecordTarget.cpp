@@ -146,6 +146,15 @@ bool RecordTarget::wasMoved() const {
          named.st_ino != locked->st_ino;
 }
 
+std::string RecordTarget::presentName() const {
+  if (!wasMoved()) return file_;
+  std::error_code error;
+  const auto path = std::filesystem::read_symlink(fmt::format("/proc/self/fd/{}", lock_.get()), error);
+  const auto open = lock_.status();
+  const auto named = error ? std::nullopt : lookUp(path.native());
+  return named && open && named->isSame({open->st_dev, open->st_ino, 0}) ? path.native() : "";
+}
+
 RecordStream RecordTarget::reopen(Session& session) {
   lock_.close();
   copyLock_.close();

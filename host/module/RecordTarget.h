@@ -31,6 +31,10 @@ class RecordTarget {
   RecordStream open(Session& session);
   // Whether the file was moved away since it was opened, as log rotation does it.
   bool wasMoved() const;
+  // The file that is open, for looks at it.
+  const Descriptor& descriptor() const { return lock_; }
+  // What it is called by now; empty if it was removed.
+  std::string presentName() const;
   // Opens a new file of the old name after a move. The mirror has moved the old copy aside.
   RecordStream reopen(Session& session);
 

@@ -60,7 +60,7 @@ std::string RecordTally::refusedText() const {
 
 Recording::Recording(Session& session, RecordTarget& target, RecordingOptions options)
     : session_(session), target_(target), options_(std::move(options)) {
-  if (const auto& old = options_.continues) {
+  if (const auto& old = options_.behind) {
     head_ = old->head;
     for (const OwnedTag& setup : old->setups) setups_.note(setup.view());
   }
@@ -104,19 +104,20 @@ bool Recording::waits(const Tag& tag) {
 void Recording::begin(u32 firstTime) {
   stream_.emplace(target_.open(session_));
   requireSoundFile();
-  if (const auto& old = options_.continues) shift_ = i64{old->lastTime} + old->frameTime - firstTime;
+  notes_.begin(target_.file(), target_.descriptor(), setups_);
+  if (const auto* const old = joined()) shift_ = i64{old->lastTime} + old->frameTime - firstTime;
   for (const OwnedTag& tag : std::exchange(waiting_, {})) keep(tag.view());
 }
 
 // Set-up records and texts may bear a time far before the first frame's.
 u32 Recording::placedTime(u32 time) const {
-  if (!options_.continues) return time;
-  const i64 join = i64{options_.continues->lastTime} + options_.continues->frameTime;
+  if (!joined()) return time;
+  const i64 join = i64{joined()->lastTime} + joined()->frameTime;
   return static_cast<u32>(std::max(join, time + shift_));
 }
 
 void Recording::keep(const Tag& tag) {
-  if (options_.continues && isMetadata(tag)) return;  // The file has its own; a second one only confuses.
+  if (joined() && isMetadata(tag)) return;  // The file has its own; a second one only confuses.
   Tag placed = tag;
   placed.time = placedTime(tag.time);
   record(placed);
@@ -155,6 +156,7 @@ bool Recording::stage(const Tag& tag) {
     return false;
   }
   requireSoundFile();
+  notes_.staged(tag);
   if (stagedBytes_ == 0) stagedSince_ = Clock::now();
   stagedBytes_ += tag.size + flv::kTagOverhead;
   return true;
@@ -165,8 +167,10 @@ void Recording::goOnInNewFile(u32 time) {
   report(target_.file() + ": was moved away; recording goes on in a new file");
   stream_.reset();
   stagedBytes_ = 0;
+  notes_.end(target_.presentName());
   stream_.emplace(target_.reopen(session_));
   requireSoundFile();
+  notes_.begin(target_.file(), target_.descriptor(), {});
   for (const OwnedTag& tag : head_) stage(tag.view());
   for (const OwnedTag& setup : setups_.tags()) {
     Tag tag = setup.view();
@@ -214,12 +218,14 @@ void Recording::flush() {
   if (!done) throw hostFault(target_.file() + ": the module can't flush what was recorded");
   ++tally_.flushes;
   stagedBytes_ = 0;
+  notes_.flushed(target_.descriptor());
 }
 
 void Recording::finish() {
   if (!stream_ && !waiting_.empty() && tally_.refusedTags() == 0) begin(waiting_.front().view().time);
   flush();
   erased_ = stream_ && isEmpty() && !target_.appends() && stream_->erase();
+  if (stream_) notes_.end(erased_ ? "" : target_.presentName());
 }
 
 bool Recording::isReadable() const {

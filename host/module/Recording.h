@@ -11,6 +11,7 @@
 #include "host/flv/CodecSetups.h"
 #include "host/module/FileTail.h"
 #include "host/module/RecordTarget.h"
+#include "host/module/SetupNotes.h"
 
 namespace orv::host {
 
@@ -38,8 +39,10 @@ struct RecordTally {
 
 struct RecordingOptions {
   std::chrono::milliseconds flushInterval{1000};
-  // How the file appended to ends: times go on behind it. Without it they are recorded as they come.
-  std::optional<FileTail> continues;
+  // How the file appended to ends.
+  std::optional<FileTail> behind;
+  // Times go on behind that end, and the stream's metadata are left out. Else all is recorded as it comes.
+  bool continues = true;
 };
 
 // Where bytes of the file are at stake, it isn't touched before the first medium has come that is kept; what
@@ -63,6 +66,8 @@ class Recording {
   std::string summaryText() const;  // What came of it, for a person, in a few words.
 
   const RecordTally& tally() const { return tally_; }
+  // Where the file's set-up records stand, as of the last flush.
+  const SetupList& setupList() const { return notes_.list(); }
   // Whether there is nothing to play in what was recorded, because of what was refused or because nothing
   // came.
   bool isEmpty() const {
@@ -76,6 +81,10 @@ class Recording {
   bool waits(const Tag& tag);
   void begin(u32 firstTime);
   void keep(const Tag& tag);
+  // Null where times are as they come.
+  const FileTail* joined() const {
+    return options_.behind && options_.continues ? &*options_.behind : nullptr;
+  }
   u32 placedTime(u32 time) const;
   void remember(const Tag& tag);
   void record(const Tag& tag);
@@ -95,6 +104,7 @@ class Recording {
   // What a new file needs first.
   std::vector<OwnedTag> head_;
   CodecSetups setups_;
+  SetupNotes notes_;
   bool waitsForKeyFrame_ = false;
   RecordTally tally_;
   bool erased_ = false;

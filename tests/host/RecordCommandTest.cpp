@@ -205,6 +205,76 @@ TEST_F(RecordCommandTest, aFileThatIsMovedAwayIsFollowedByAWholeOne) {
   }
 }
 
+// Set-ups that change in the middle of a file: players find those of their place, with any list of places
+// beside it.
+TEST_F(RecordCommandTest, setupsThatChangeAreFoundFromAnyPlace) {
+  constexpr u32 kStretch = 600;  // Tags, of more bytes than a segment has.
+  FlvBuilder stream(flv::kFileHeaderSize, 5);
+  const auto avc = [](u8 i) { return Bytes{0x17, 0, 0, 0, 0, i}; };
+  const auto aac = [](u8 i) { return Bytes{0xAF, 0, i}; };
+  std::vector<std::size_t> changes;
+  const auto setup = [&](u32 time, u8 type, const Bytes& data, bool isNew = true) {
+    if (isNew) changes.push_back(stream.tags().size());
+    stream.tag(type, time, data);
+  };
+  for (u32 i = 0; i < 4 * kStretch; ++i) {
+    const u32 time = i * 20;
+    if (i % 300 == 0) setup(time, 9, avc(u8(i / kStretch)), i % kStretch == 0);  // Each is sent twice.
+    if (i == 0 || i == 2 * kStretch) setup(time, 8, aac(i ? 2 : 0));
+    Bytes frame = orv::test::payload(9, 1000, i);
+    frame[0] = i % 50 ? 0x27 : 0x17, frame[1] = 1;
+    stream.tag(9, time, frame);
+  }
+  const auto list = [&](std::vector<std::size_t> places, i64 shift = 0) {
+    std::string text = "flvhost set-ups 1\ncovers 0 " + std::to_string(stream.bytes().size()) + "\n";
+    for (const std::size_t at : places) {
+      const auto& tag = stream.tags()[at];
+      for (const i64 number : {tag.position + shift, i64{tag.time}, i64{tag.size}, i64{tag.type}})
+        text += std::to_string(number) + " ";
+      text += tag.type == 9 ? "7\n" : "10\n";
+    }
+    return text;
+  };
+  const auto found = [&](const std::string& name, u32 stretch) {
+    const TagList tags = tagsOf(
+        flvhost({"play", name, "-o", "-", "--from", std::to_string(stretch * 12 + 9), "--to", "99"}).out);
+    return std::pair{tags[0].data, tags[1].data};
+  };
+
+  const std::size_t half = changes[3], appended = changes[4];
+  const auto place = [&](std::size_t tag) { return stream.bytes().begin() + stream.tags()[tag].position; };
+  const std::string beside = file + ".setups";
+  EXPECT_EQ(flvhost({"record", file, "--keep-metadata"}, {stream.bytes().begin(), place(appended)}).exitCode,
+            0);
+  EXPECT_NE(str(TempDir::read(beside)), "");
+  const Bytes rest = join(FlvBuilder().bytes(), {place(appended), stream.bytes().end()});
+  EXPECT_EQ(flvhost({"record", file, "--append=as-is", "--flush-every", "1ms"}, rest).exitCode, 0);
+  ASSERT_TRUE(TempDir::read(file) == stream.bytes());
+  EXPECT_EQ(str(TempDir::read(beside)), list(changes));
+
+  const std::string huge = list({changes[0]}).substr(0, 40) + "99999999999999999999 1 1 9 7\n";
+  for (const std::string& text : {list(changes), list(changes, 1), list({changes[0]}, 700'000), huge,
+                                  std::string("flvhost set-ups 1\n"), std::string()}) {
+    std::ofstream(beside) << text;
+    for (u32 i = 0; i < 4; ++i) {
+      EXPECT_EQ(found(file, i), (std::pair{avc(u8(i)), aac(i < 2 ? 0 : 2)})) << text << i;
+    }
+  }
+  std::ofstream(beside) << list({changes[0], changes[1], changes.back()});
+  EXPECT_EQ(found(file, 2), (std::pair{avc(0), aac(0)})) << "what it says is believed, and saves reading";
+
+  Running run({"record", file, "--keep-metadata", "--overwrite", "--flush-every", "1ms"});
+  run.feed({stream.bytes().begin(), place(half)});
+  ASSERT_TRUE(comesToHold({stream.bytes().begin(), place(half)}));
+  std::filesystem::rename(file, copy);
+  run.feed({place(half), stream.bytes().end()});
+  EXPECT_EQ(run.wait().exitCode, 0);
+  EXPECT_THAT(str(TempDir::read(copy + ".setups")), HasSubstr("flvhost"));
+  EXPECT_EQ(found(copy, 1), (std::pair{avc(1), aac(0)}));
+  EXPECT_EQ(tagsOf(str(TempDir::read(file)))[0].data, avc(1)) << "what held where the old file ended";
+  EXPECT_EQ(found(file, 3), (std::pair{avc(3), aac(2)}));
+}
+
 // A second one would tear the tags of the first.
 TEST_F(RecordCommandTest, oneFileIsRecordedByOneAtATime) {
   const FlvBuilder stream = liveStream();
