@@ -57,8 +57,8 @@ void Checker::run(const ProgressSink& onProgress) {
 void Checker::checkHeader() {
   const auto& header = walker_.header();
   if (!header) return findings_.add(Code::noHeader, "doesn't start as an FLV file does", 0);
-  if (header->version != 1) {
-    findings_.add(Code::headerVersion, fmt::format("version {}", header->version), 3);
+  if (header->version != kVersion) {
+    findings_.add(Code::headerVersion, fmt::format("version {}", header->version), kVersionPosition);
   }
   if (header->size != flv::kFileHeaderSize) {
     findings_.add(Code::headerSize, fmt::format("claims {} bytes", header->size), flv::kHeaderSizePosition);

@@ -53,6 +53,7 @@ class FollowRun {
   void play(const Tag& tag);
   bool isIdle(Clock::time_point lastGrowth) const;
   void showProgress();
+  void requireTags();
   ExitCode conclude();
 
   const FollowOptions& options_;
@@ -126,9 +127,15 @@ void FollowRun::showProgress() {
   progress_.show(fmt::format("{}  {} tags", timeText(follower_.tally().lastTime), follower_.tally().tags));
 }
 
+// A header alone is a recording that has just begun.
+void FollowRun::requireTags() {
+  if (!follower_.isGone() && checkReadable(options_.file).size > stream_.size()) stream_.requirePlayable();
+}
+
 ExitCode FollowRun::conclude() {
   if (!hasBegun_) begin();
   if (writer_) writer_->finish();
+  requireTags();
   const FollowTally& tally = follower_.tally();
   note(fmt::format("{}: {} tags, {} bytes of data, {} to {}", stream_.name(), tally.tags, tally.bytes,
                    timeText(tally.firstTime), timeText(tally.lastTime)));

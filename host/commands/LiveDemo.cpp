@@ -57,9 +57,7 @@ class TagComparison {
 
  private:
   // Head records come as media contexts; a video frame of type 0 isn't played.
-  static bool mayStayOut(const Tag& tag) {
-    return (tag.isData() && tag.time == 0) || (tag.isVideo() && tag.size > 0 && tag.data[0] >> 4 == 0);
-  }
+  static bool mayStayOut(const Tag& tag) { return (tag.isData() && tag.time == 0) || tag.isEmptyFrame(); }
 
   std::deque<OwnedTag> pending_;
   u64 equal_ = 0;
@@ -140,13 +138,15 @@ bool LiveDemo::run() {
 
 void LiveDemo::recordSource() {
   const ReadOnlyFile file(source_);
-  FlvReader reader([this](const Tag& tag) { take(tag); });
+  FlvReader reader([this](const Tag& tag) { take(tag); },
+                   [this](u64 position, u64 size) { report(damageText(source_, position, size)); });
   std::vector<u8> chunk(64 << 10);
   for (i64 at = 0; at < kMostRecorded;) {
     const std::size_t size = file.read(at, chunk.data(), chunk.size());
     if (size == 0 || !reader.feed(chunk.data(), size)) break;
     at += static_cast<i64>(size);
   }
+  reader.finish();
   flushAndFollow();
 }
 

@@ -117,7 +117,7 @@ void RecordRun::take(const Tag& tag) {
 // The stream goes on at the next tag, as a repair would.
 void RecordRun::noteDamage(u64 position, u64 size) {
   ++damages_;
-  report(fmt::format("{}: damaged; {} bytes from byte {} on are left out", kInputName, size, position));
+  report(damageText(kInputName, position, size));
 }
 
 // False at the end of the input, and where it can't be followed farther.

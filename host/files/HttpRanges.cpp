@@ -20,13 +20,15 @@ constexpr long kMostRedirects = 5;
 constexpr std::size_t kMostHeaderBytes = 64 << 10;  // Of all answers to one request, redirects included.
 constexpr i64 kLargestObject = i64{1} << 60;
 
-constexpr long kOk = 200;
-constexpr long kPartial = 206;
-constexpr long kNotModified = 304;
-constexpr long kNotFound = 404;
-constexpr long kGone = 410;
-constexpr long kRangeNotSatisfiable = 416;
-constexpr long kTooManyRequests = 429;
+enum Status : long {
+  kOk = 200,
+  kPartial = 206,
+  kNotModified = 304,
+  kNotFound = 404,
+  kGone = 410,
+  kRangeNotSatisfiable = 416,
+  kTooManyRequests = 429,
+};
 
 bool startsWithNoCase(std::string_view text, std::string_view prefix) {
   return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;

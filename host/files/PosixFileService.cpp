@@ -14,8 +14,6 @@ namespace orv::host {
 
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
-
 // The flags of the contract in this platform's numbers, -1 for any other. None truncates: a file that may be
 // truncated is empty already, and one that holds bytes must not lose them between a check and the opening.
 int nativeFlags(int flags) {
@@ -54,7 +52,6 @@ PosixFileService::~PosixFileService() {
 }
 
 int PosixFileService::open(const char* path, int flags, int, int) {
-  counters_.open.fetch_add(1, kRelaxed);
   const int native = nativeFlags(flags);
   if (native < 0) {
     errno = EINVAL;
@@ -88,7 +85,6 @@ int PosixFileService::admit(const Descriptor& file, int flags, const std::string
 }
 
 int PosixFileService::close(int fd, int) {
-  counters_.close.fetch_add(1, kRelaxed);
   {
     // First: once closed, the number may come back from an open on another thread.
     const std::lock_guard lock(writersMutex_);
@@ -98,16 +94,12 @@ int PosixFileService::close(int fd, int) {
 }
 
 int PosixFileService::read(int fd, i64 position, void* data, u32 size) {
-  counters_.read.fetch_add(1, kRelaxed);
   const Transfer done = readAt(fd, position, data, servedSize(size));
-  counters_.bytesRead.fetch_add(done.bytes, kRelaxed);
   return answerOf(done);
 }
 
 int PosixFileService::write(int fd, i64 position, const void* data, u32 size) {
-  counters_.write.fetch_add(1, kRelaxed);
   const Transfer done = writeAt(fd, position, data, servedSize(size));
-  counters_.bytesWritten.fetch_add(done.bytes, kRelaxed);
   afterWrite(fd, {{}, position, size, static_cast<u32>(done.bytes), done.error});
   return answerOf(done);
 }
@@ -129,7 +121,6 @@ std::shared_ptr<PosixFileService::Writer> PosixFileService::writerOf(int fd) {
 }
 
 int PosixFileService::fstat(int fd, FileStat* record, int) {
-  counters_.fstat.fetch_add(1, kRelaxed);
   struct stat status {};
   if (::fstat(fd, &status) != 0) return -1;
   fill(record, status);
@@ -137,7 +128,6 @@ int PosixFileService::fstat(int fd, FileStat* record, int) {
 }
 
 int PosixFileService::stat(const char* path, FileStat* record, int) {
-  counters_.stat.fetch_add(1, kRelaxed);
   struct stat status {};
   if (::stat(toNativePath(path).c_str(), &status) != 0) return -1;
   fill(record, status);
@@ -153,19 +143,12 @@ void PosixFileService::fill(FileStat* record, const struct stat& status) {
 }
 
 int PosixFileService::unlink(const char* path, int) {
-  counters_.unlink.fetch_add(1, kRelaxed);
   return ::unlink(toNativePath(path).c_str());
 }
 
 void PosixFileService::mkdir(const char* path) {
-  counters_.mkdir.fetch_add(1, kRelaxed);
   std::error_code ignored;  // The module reads no result: it finds out when it opens the file.
   std::filesystem::create_directories(toNativePath(path), ignored);
-}
-
-FileCalls PosixFileService::calls() const {
-  const auto& c = counters_;
-  return {c.open, c.close, c.read, c.write, c.fstat, c.stat, c.unlink, c.mkdir, c.bytesRead, c.bytesWritten};
 }
 
 }  // namespace orv::host

@@ -14,13 +14,6 @@
 
 namespace orv::host {
 
-// How often each operation was called, and the bytes that went through.
-struct FileCalls {
-  u64 open, close, read, write, fstat, stat, unlink, mkdir;
-  u64 bytesRead, bytesWritten;
-  u64 total() const { return open + close + read + write + fstat + stat + unlink + mkdir; }
-};
-
 // The first write of an open file that failed or fell short.
 struct WriteFault {
   std::string path;  // Native.
@@ -51,13 +44,7 @@ class PosixFileService final : public IFileService {
   // Makes missing parents too.
   void mkdir(const char* path) override;
 
-  FileCalls calls() const;
-
  private:
-  struct Counters {
-    std::atomic<u64> open{0}, close{0}, read{0}, write{0}, fstat{0}, stat{0}, unlink{0}, mkdir{0};
-    std::atomic<u64> bytesRead{0}, bytesWritten{0};
-  };
   // A file that is open for writing.
   struct Writer {
     std::string path;
@@ -72,7 +59,6 @@ class PosixFileService final : public IFileService {
   void fill(FileStat* record, const struct stat& status);
 
   const FaultHook onWriteFault_;
-  Counters counters_;
   ChangeStamps stamps_;
   std::mutex writersMutex_;
   std::map<int, std::shared_ptr<Writer>> writers_;  // By descriptor, under writersMutex_.

@@ -12,8 +12,6 @@ namespace orv::host {
 
 namespace {
 
-constexpr u8 kVersion = 1;
-
 std::string printable(const std::vector<u8>& bytes) {
   std::string text;
   for (const u8 byte : bytes) {
@@ -47,13 +45,13 @@ std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) 
 
 std::string explainHeader(const std::vector<u8>& head) {
   if (head.empty()) return "is empty (0 bytes)";
-  if (std::memcmp(head.data(), "FLV", std::min<std::size_t>(head.size(), 3)) != 0) {
+  if (std::memcmp(head.data(), kSignature.data(), std::min(head.size(), kSignature.size())) != 0) {
     return fmt::format(
         "isn't an FLV file: it starts with \"{}\"",
         printable({head.begin(), head.begin() + std::min<long>(4, static_cast<long>(head.size()))}));
   }
-  if (head.size() > 3 && head[3] != kVersion) {
-    return fmt::format("has FLV version {}; only version 1 can be played", head[3]);
+  if (head.size() > kVersionPosition && head[kVersionPosition] != kVersion) {
+    return fmt::format("has FLV version {}; only version 1 can be played", head[kVersionPosition]);
   }
   if (head.size() < flv::kFileHeaderSize) {
     return fmt::format("ends inside its header, after {} bytes", head.size());

@@ -17,32 +17,40 @@ struct CodecName {
 };
 
 constexpr CodecName kVideoCodecs[] = {
-    {2, "H.263 (Sorenson)"},   {3, "Screen video"},       {4, "VP6"},
-    {5, "VP6 with alpha"},     {6, "Screen video 2"},     {kCodecAvc, "H.264"},
-    {kCodecHevc, "H.265"},     {fourCc("avc1"), "H.264"}, {fourCc("hvc1"), "H.265"},
-    {fourCc("vvc1"), "H.266"}, {fourCc("av01"), "AV1"},   {fourCc("vp08"), "VP8"},
-    {fourCc("vp09"), "VP9"},
+    {kH263, "H.263 (Sorenson)"},
+    {kScreenVideo, "Screen video"},
+    {kVp6, "VP6"},
+    {kVp6WithAlpha, "VP6 with alpha"},
+    {kScreenVideo2, "Screen video 2"},
+    {kAvc, "H.264"},
+    {kHevc, "H.265"},
+    {kExtendedAvc, "H.264"},
+    {kExtendedHevc, "H.265"},
+    {kExtendedVvc, "H.266"},
+    {kAv1, "AV1"},
+    {kVp8, "VP8"},
+    {kVp9, "VP9"},
 };
 
 constexpr CodecName kAudioCodecs[] = {
-    {0, "PCM"},
-    {1, "ADPCM"},
-    {2, "MP3"},
-    {3, "PCM"},
-    {4, "Nellymoser 16 kHz"},
-    {5, "Nellymoser 8 kHz"},
-    {6, "Nellymoser"},
-    {7, "G.711 A-law"},
-    {8, "G.711 mu-law"},
-    {kCodecAac, "AAC"},
-    {11, "Speex"},
-    {14, "MP3 8 kHz"},
-    {fourCc("Opus"), "Opus"},
-    {fourCc("fLaC"), "FLAC"},
-    {fourCc("ac-3"), "AC-3"},
-    {fourCc("ec-3"), "E-AC-3"},
-    {fourCc(".mp3"), "MP3"},
-    {fourCc("mp4a"), "AAC"},
+    {kPcm, "PCM"},
+    {kAdpcm, "ADPCM"},
+    {kMp3, "MP3"},
+    {kPcmLittleEndian, "PCM"},
+    {kNellymoser16kHz, "Nellymoser 16 kHz"},
+    {kNellymoser8kHz, "Nellymoser 8 kHz"},
+    {kNellymoser, "Nellymoser"},
+    {kALaw, "G.711 A-law"},
+    {kMuLaw, "G.711 mu-law"},
+    {kAac, "AAC"},
+    {kSpeex, "Speex"},
+    {kMp38kHz, "MP3 8 kHz"},
+    {kOpus, "Opus"},
+    {kFlac, "FLAC"},
+    {kAc3, "AC-3"},
+    {kEac3, "E-AC-3"},
+    {kExtendedMp3, "MP3"},
+    {kExtendedAac, "AAC"},
 };
 
 const char* nameIn(std::span<const CodecName> table, CodecId id) {
@@ -60,16 +68,10 @@ std::string fourCcText(CodecId id) {
   return text;
 }
 
-// The rate and channels that the tag byte states mean something with these codecs alone; the others say them
-// in their data or have fixed ones.
-bool statesFormat(const MediaHead& head) {
-  return !head.isVideo && !head.isExtended && (*head.codec <= 3 || *head.codec == 6);
-}
-
 std::string formatText(u8 first) {
   constexpr const char* kRates[] = {"5.5", "11", "22", "44.1"};
-  return fmt::format(", {} kHz, {}, {} bit", kRates[first >> 2 & 3], first & 1 ? "stereo" : "mono",
-                     first & 2 ? 16 : 8);
+  return fmt::format(", {} kHz, {}, {} bit", kRates[rateIndexOf(first)], isStereo(first) ? "stereo" : "mono",
+                     sampleBitsOf(first));
 }
 
 }  // namespace
@@ -134,7 +136,8 @@ std::string codecText(const Tag& tag) {
   const auto head = mediaHead(tag);
   if (!head) return "encrypted";
   const std::string name = codecNameText(*head) + (head->isMultitrack ? ", multitrack" : "");
-  return head->codec && statesFormat(*head) ? name + formatText(tag.data[0]) : name;
+  const bool isStated = !head->isVideo && !head->isExtended && head->codec && statesFormat(*head->codec);
+  return isStated ? name + formatText(tag.data[0]) : name;
 }
 
 std::string flagsText(u32 flags) {

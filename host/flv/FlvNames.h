@@ -8,10 +8,6 @@
 
 namespace orv::host {
 
-// Bits of the type flags in the file header.
-inline constexpr u8 kFlagAudio = 4;
-inline constexpr u8 kFlagVideo = 1;
-
 const char* tagTypeName(u8 type);  // "audio", "video", "data", ...
 bool isKnownType(u8 type);
 // Null for a number that names no codec.

@@ -180,4 +180,8 @@ std::string FlvReader::explainEnd() const {
   return fmt::format("ends inside a tag; {} bytes of it came and are left out", pending_.size());
 }
 
+std::string damageText(const std::string& name, u64 position, u64 size) {
+  return fmt::format("{}: damaged; {} bytes from byte {} on are left out", name, size, position);
+}
+
 }  // namespace orv::host

@@ -59,4 +59,7 @@ class FlvReader {
   std::string fault_;
 };
 
+// The report of such bytes in the stream `name`.
+std::string damageText(const std::string& name, u64 position, u64 size);
+
 }  // namespace orv::host

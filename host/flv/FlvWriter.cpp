@@ -2,14 +2,14 @@
 
 #include <array>
 
-#include "host/flv/FlvNames.h"
+#include "host/flv/FlvNumbers.h"
 
 namespace orv::host {
 
 void FlvWriter::header(u8 flags) {
   flags_ = flags;
-  const u8 bytes[flv::kFirstTagPosition] = {'F', 'L', 'V', 1, flags, 0, 0, 0, flv::kFileHeaderSize};
-  write(bytes, sizeof bytes);
+  const auto bytes = fileHeader(flags);
+  write(bytes.data(), bytes.size());
 }
 
 void FlvWriter::write(const void* data, std::size_t size) {

@@ -4,22 +4,6 @@ namespace orv::host {
 
 namespace {
 
-constexpr u8 kVideoIsExtended = 0x80;
-constexpr u8 kAudioIsExtended = 9;  // In the place of a codec.
-constexpr u8 kFrameKey = 1;
-constexpr u8 kFrameCommand = 5;
-
-// Packet types of the extended form; audio and video share those that both have.
-constexpr u8 kSequenceStart = 0;
-constexpr u8 kCodedFrames = 1;
-constexpr u8 kSequenceEnd = 2;
-constexpr u8 kCodedFramesX = 3;  // Without a composition time, which is 0.
-constexpr u8 kMetadata = 4;
-constexpr u8 kTransportSequenceStart = 5;
-constexpr u8 kAudioMultitrack = 5;
-constexpr u8 kVideoMultitrack = 6;
-constexpr u8 kModifier = 7;
-
 constexpr u8 kOneTrack = 0;
 
 // Reads bytes in order. After the first one that isn't there, all are 0 and ended() is true.
@@ -60,11 +44,11 @@ i32 signed24(u32 bits) {
 // The codecs that show pictures in another order than they decode them.
 bool hasCompositionTime(CodecId videoCodec) {
   switch (videoCodec) {
-    case kCodecAvc:
-    case kCodecHevc:
-    case fourCc("avc1"):
-    case fourCc("hvc1"):
-    case fourCc("vvc1"):
+    case kAvc:
+    case kHevc:
+    case kExtendedAvc:
+    case kExtendedHevc:
+    case kExtendedVvc:
       return true;
     default:
       return false;
@@ -79,7 +63,7 @@ i32 readCompositionTime(PayloadBytes& bytes) {
 
 void readClassic(PayloadBytes& bytes, MediaHead& head) {
   head.packet = Packet::frames;
-  if (head.isVideo ? !hasCompositionTime(*head.codec) : *head.codec != kCodecAac) return;
+  if (head.isVideo ? !hasCompositionTime(*head.codec) : *head.codec != kAac) return;
   const u32 type = bytes.number(1);
   head.packet = bytes.ended()                          ? Packet::unknown
                 : type == kSequenceStart               ? Packet::setup
@@ -95,7 +79,7 @@ u8 skipModifiers(PayloadBytes& bytes, u8 packetType) {
     u32 size = bytes.number(1) + 1;
     if (size == 256) size = bytes.number(2) + 1;
     bytes.skip(size);
-    packetType = bytes.number(1) & 15;
+    packetType = packetTypeOf(bytes.number(1));
   }
   return packetType;
 }
@@ -127,7 +111,7 @@ void readExtended(PayloadBytes& bytes, u8 packetType, MediaHead& head) {
   if (head.isMultitrack) {
     const u32 types = bytes.number(1);
     tracks = static_cast<u8>(types >> 4);
-    packetType = types & 15;
+    packetType = packetTypeOf(types);
   }
   const CodecId codec = bytes.number(4);
   if (bytes.ended()) return;
@@ -140,26 +124,27 @@ void readExtended(PayloadBytes& bytes, u8 packetType, MediaHead& head) {
 }
 
 void readVideo(PayloadBytes& bytes, u8 first, MediaHead& head) {
-  const bool isExtended = (first & kVideoIsExtended) != 0;
-  const u8 frameType = isExtended ? first >> 4 & 7 : first >> 4;
-  if (!isExtended) head.codec = first & 15;
-  if (frameType == kFrameCommand) {
+  const bool isExtended = (flv::frameTypeOf(first) & flv::kExtendedVideo) != 0;
+  const u8 frameType = flv::frameTypeOf(first) & static_cast<u8>(~flv::kExtendedVideo);
+  if (!isExtended) head.codec = flv::videoCodecOf(first);
+  if (frameType == flv::kFrameTypeInfo) {
     head.isExtended = isExtended;
     head.packet = Packet::command;
     return;
   }
   if (isExtended) {
-    readExtended(bytes, first & 15, head);
+    readExtended(bytes, packetTypeOf(first), head);
   } else {
     readClassic(bytes, head);
   }
-  head.hasKeyMark = frameType == kFrameKey;
+  head.hasKeyMark = frameType == flv::kFrameTypeKey;
   head.isKeyFrame = head.hasKeyMark && head.packet == Packet::frames;
 }
 
 void readAudio(PayloadBytes& bytes, u8 first, MediaHead& head) {
-  if (first >> 4 == kAudioIsExtended) return readExtended(bytes, first & 15, head);
-  head.codec = first >> 4;
+  const u8 format = flv::soundFormatOf(first);
+  if (format == flv::kSoundFormatExtended) return readExtended(bytes, packetTypeOf(first), head);
+  head.codec = format;
   readClassic(bytes, head);
 }
 
@@ -167,8 +152,8 @@ void readAudio(PayloadBytes& bytes, u8 first, MediaHead& head) {
 
 bool MediaHead::needsSetup() const {
   if (!codec) return false;
-  if (isVideo) return hasCompositionTime(*codec) || *codec == fourCc("av01");
-  return *codec == kCodecAac || *codec == fourCc("mp4a");
+  if (isVideo) return hasCompositionTime(*codec) || *codec == kAv1;
+  return *codec == kAac || *codec == kExtendedAac;
 }
 
 std::optional<MediaHead> mediaHead(const Tag& tag) {

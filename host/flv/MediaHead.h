@@ -1,28 +1,14 @@
 // What the first bytes of an audio or video tag say, in the classic form (a codec of 4 bits) and in the
-// extended
-// ("enhanced") one: a packet type, then the codec as four characters.
+// extended ("enhanced") one: a packet type, then the codec as four characters.
 
 #pragma once
 
 #include <optional>
 
+#include "host/flv/FlvNumbers.h"
 #include "host/flv/Tags.h"
 
 namespace orv::host {
-
-// A codec: the classic number, 0 to 15, or four characters, the first in the high byte. Metadata name codecs
-// by the same numbers.
-using CodecId = u32;
-inline constexpr CodecId kMaxClassicCodec = 15;
-inline constexpr CodecId kCodecAvc = 7;
-inline constexpr CodecId kCodecHevc = 12;  // In no published table, but in wide use; laid out like AVC.
-inline constexpr CodecId kCodecAac = 10;
-
-constexpr CodecId fourCc(const char (&text)[5]) {
-  CodecId id = 0;
-  for (int i = 0; i < 4; ++i) id = id << 8 | static_cast<u8>(text[i]);
-  return id;
-}
 
 enum class Packet : u8 {
   frames,

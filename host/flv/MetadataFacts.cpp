@@ -12,15 +12,9 @@ constexpr char kName[] = "onMetaData";
 constexpr double kDurationTolerance = 0.5;  // No tag says how long the last one lasts.
 constexpr double kTimeTolerance = 0.001;
 constexpr double kRates[] = {5512, 11025, 22050, 44100};
-constexpr CodecId kNellymoser = 6;
 
 double seconds(u32 time) {
   return time / 1000.0;
-}
-
-// The first audio byte holds the true rate and width of these codecs.
-bool statesFormat(const StreamFacts& facts) {
-  return facts.audioFormat && (*facts.audioFormat >> 4 <= 3 || *facts.audioFormat >> 4 == kNellymoser);
 }
 
 }  // namespace
@@ -42,11 +36,10 @@ std::vector<TrueValue> trueMetadata(const StreamFacts& facts, std::optional<i64>
   add(facts.pictures.has_value(), "height", facts.pictures ? facts.pictures->height : 0);
   add(facts.video.codec.has_value(), "videocodecid", facts.video.codec.value_or(0));
   add(facts.audio.codec.has_value(), "audiocodecid", facts.audio.codec.value_or(0));
-  if (statesFormat(facts)) {
-    const u8 format = *facts.audioFormat;
-    add(true, "audiosamplerate", kRates[format >> 2 & 3], 50);
-    add(true, "audiosamplesize", format & 2 ? 16 : 8);
-    values.push_back({"stereo", format & 1 ? 1.0 : 0, true});
+  if (const auto format = facts.audioFormat; format && statesFormat(flv::soundFormatOf(*format))) {
+    add(true, "audiosamplerate", kRates[rateIndexOf(*format)], 50);
+    add(true, "audiosamplesize", sampleBitsOf(*format));
+    values.push_back({"stereo", isStereo(*format) ? 1.0 : 0, true});
   }
   add(fileSize.has_value(), "filesize", static_cast<double>(fileSize.value_or(0)));
   return values;

@@ -311,13 +311,13 @@ std::optional<PictureSize> hevcRecordSize(Bytes record) {
 
 std::optional<PictureSize> setupSize(CodecId codec, Bytes record) {
   switch (codec) {
-    case kCodecAvc:
-    case fourCc("avc1"):
+    case kAvc:
+    case kExtendedAvc:
       return avcRecordSize(record);
-    case kCodecHevc:
-    case fourCc("hvc1"):
+    case kHevc:
+    case kExtendedHevc:
       return hevcRecordSize(record);
-    case fourCc("av01"):
+    case kAv1:
       return record.size() > kAv1Record ? av1UnitsSize(record.subspan(kAv1Record)) : std::nullopt;
     default:
       return std::nullopt;
@@ -326,19 +326,19 @@ std::optional<PictureSize> setupSize(CodecId codec, Bytes record) {
 
 std::optional<PictureSize> keyFrameSize(CodecId codec, Bytes frame) {
   switch (codec) {
-    case 2:
+    case kH263:
       return h263Size(frame);
-    case 3:
-    case 6:
+    case kScreenVideo:
+    case kScreenVideo2:
       return screenSize(frame);
-    case 4:
-    case 5:
-      return vp6Size(frame, codec == 5);
-    case fourCc("vp08"):
+    case kVp6:
+    case kVp6WithAlpha:
+      return vp6Size(frame, codec == kVp6WithAlpha);
+    case kVp8:
       return vp8Size(frame);
-    case fourCc("vp09"):
+    case kVp9:
       return vp9Size(frame);
-    case fourCc("av01"):
+    case kAv1:
       return av1UnitsSize(frame);
     default:
       return std::nullopt;

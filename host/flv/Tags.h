@@ -30,6 +30,8 @@ struct Tag {
   bool isAudio() const { return plainType() == flv::kTypeAudio; }
   bool isVideo() const { return plainType() == flv::kTypeVideo; }
   bool isData() const { return plainType() == flv::kTypeDataAmf0 || plainType() == flv::kTypeDataAmf3; }
+  // A frame of type 0, which the module never delivers.
+  bool isEmptyFrame() const { return isVideo() && size > 0 && flv::frameTypeOf(data[0]) == 0; }
   // All but the stream id.
   bool hasContentOf(const Tag& other) const {
     return type == other.type && time == other.time && size == other.size &&

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "host/flv/FlvNumbers.h"
+
 namespace orv::host {
 
 namespace {
 
-constexpr u8 kSignature[] = {'F', 'L', 'V', 1};
 constexpr u32 kLargestFileHeader = 1 << 20;  // A larger one is taken for damage.
 constexpr u32 kNearMs = 3'600'000;           // Between neighbours; a live stream may well pause.
 
@@ -34,7 +35,7 @@ bool areNear(u32 a, u32 b) {
 
 bool isSignature(std::span<const u8> bytes) {
   return bytes.size() >= flv::kFileHeaderSize &&
-         std::memcmp(bytes.data(), kSignature, sizeof kSignature) == 0;
+         std::memcmp(bytes.data(), fileHeader(0).data(), flv::kTypeFlagsPosition) == 0;
 }
 
 // The bytes of `part` at the front of a size field that is cut short agree with this size as far as they go.
@@ -67,10 +68,12 @@ Walker::Walker(ByteSource& source, Payloads payloads)
 
 void Walker::readHeader() {
   const std::span<const u8> bytes = view(0, flv::kFirstTagPosition);
-  if (bytes.size() < flv::kFileHeaderSize || std::memcmp(bytes.data(), kSignature, 3) != 0) return;
+  if (bytes.size() < flv::kFileHeaderSize ||
+      std::memcmp(bytes.data(), kSignature.data(), kSignature.size()) != 0)
+    return;
   const u32 size = flv::readU32(&bytes[flv::kHeaderSizePosition]);
   const u32 field = bytes.size() >= flv::kFirstTagPosition ? flv::readU32(&bytes[flv::kFileHeaderSize]) : 0;
-  header_ = {bytes[3], bytes[flv::kTypeFlagsPosition], size, field};
+  header_ = {bytes[kVersionPosition], bytes[flv::kTypeFlagsPosition], size, field};
   position_ = flv::kFirstTagPosition;
   if (size <= flv::kFileHeaderSize || size > kLargestFileHeader) return;
   const i64 first = i64{size} + flv::kSizeFieldSize;

@@ -37,8 +37,8 @@ bool isPlayableType(const Tag& tag) {
 // looks into plain tags only.
 const char* classicRefusal(const Tag& tag) {
   if (tag.size == 0) return nullptr;
-  if (tag.type == flv::kTypeVideo && (tag.data[0] & 15) == kCodecAvc) return "H.264";
-  if (tag.type == flv::kTypeAudio && tag.data[0] >> 4 == kCodecAac) return "AAC";
+  if (tag.type == flv::kTypeVideo && flv::videoCodecOf(tag.data[0]) == kAvc) return "H.264";
+  if (tag.type == flv::kTypeAudio && flv::soundFormatOf(tag.data[0]) == kAac) return "AAC";
   return nullptr;
 }
 

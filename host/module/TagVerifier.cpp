@@ -80,7 +80,7 @@ void TagVerifier::checkTag(const Tag& tag, bool inAggregate) {
 }
 
 bool TagVerifier::mayBeLeftOut(const Tag& tag) {
-  if (tag.isVideo() && tag.size > 0 && tag.data[0] >> 4 == 0) {
+  if (tag.isEmptyFrame()) {
     ++droppedFrames_;
     return true;
   }

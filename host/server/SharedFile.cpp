@@ -74,8 +74,7 @@ SharedFile::Start SharedFile::start(std::optional<ViewTime> from, std::optional<
   if (from) start.place = findPlayStart(stream_, begin);
   if (to) start.end = absolute(*to, duration);
 
-  const u8 header[flv::kFirstTagPosition] = {
-      'F', 'L', 'V', 1, expectedFlags(stream_), 0, 0, 0, flv::kFileHeaderSize};
+  const auto header = fileHeader(expectedFlags(stream_));
   Piece head;
   stream_.headRecords([&](const HeadRecord& record) {
     if (record.trackId != kTrackControl) head.add(record.tag);
@@ -85,7 +84,7 @@ SharedFile::Start SharedFile::start(std::optional<ViewTime> from, std::optional<
     tag.time = begin;
     head.add(tag);
   }
-  start.head.assign(header, header + sizeof header);
+  start.head.assign(header.begin(), header.end());
   start.head.insert(start.head.end(), head.bytes.begin(), head.bytes.end());
   return start;
 }
