@@ -44,15 +44,9 @@ TEST(ModulePath, anyNameCanBeGivenToTheModuleAndComesBack) {
   }
 }
 
-TEST(ModulePath, relativeNamesCountFromTheWorkingDirectory) {
+TEST(ModulePath, relativeNamesAndBarePercentSignsAreTakenAsTheyStand) {
   EXPECT_EQ(toModulePath("two words.flv"), toModulePath(std::filesystem::current_path() / "two words.flv"));
-  EXPECT_THROW(toModulePath(""), Failure);
-}
-
-// A host's other callers name files without escapes.
-TEST(ModulePath, percentWithoutTwoDigitsStandsForItself) {
-  EXPECT_EQ(toNativePath("\\a%\\50%x\\%4"), "/a%/50%x/%4");
-  EXPECT_EQ(toNativePath("\\f\xC3\xBC.flv"), "/f\xC3\xBC.flv");
+  EXPECT_EQ(toNativePath("\\a%\\50%x\\%4\\f\xC3\xBC.flv"), "/a%/50%x/%4/f\xC3\xBC.flv");
 }
 
 class PosixFileServiceTest : public testing::Test {
@@ -68,10 +62,8 @@ class PosixFileServiceTest : public testing::Test {
   }
 
   TempDir dir;
-  std::vector<WriteFault> faults;
   static inline i64 ahead;  // Of the system's clock.
-  PosixFileService service{[this](const WriteFault& fault) { faults.push_back(fault); },
-                           [] { return systemTime() + ahead; }};
+  PosixFileService service{{}, [] { return systemTime() + ahead; }};
 };
 
 TEST_F(PosixFileServiceTest, eachFlagWordOpensAsTheContractSays) {
@@ -113,29 +105,6 @@ TEST_F(PosixFileServiceTest, eachFlagWordOpensAsTheContractSays) {
   EXPECT_TRUE(std::filesystem::exists(dir.path("new.bin")));
 }
 
-TEST_F(PosixFileServiceTest, readsAndWritesAtPositionsAndCountsThem) {
-  const int fd = open("a.flv", createTruncate);
-  EXPECT_EQ(service.write(fd, 3, "defg", 4), 4);
-  EXPECT_EQ(service.write(fd, 0, "abc", 3), 3);
-  char text[16] = {};
-  EXPECT_EQ(service.read(fd, 2, text, sizeof text), 5);
-  EXPECT_STREQ(text, "cdefg");
-  EXPECT_EQ(service.read(fd, 7, text, 4), 0);
-  EXPECT_LT(service.read(fd, -1, text, 4), 1);
-  EXPECT_LT(service.read(-1, 0, text, 4), 1);
-  FileStat record{};
-  ASSERT_EQ(service.fstat(fd, &record, 0), 0);
-  EXPECT_EQ(record.size, 7);
-  EXPECT_EQ(service.close(fd, 0), 0);
-  EXPECT_NE(service.fstat(fd, &record, 0), 0);
-
-  const FileCalls calls = service.calls();
-  EXPECT_EQ(calls.read, 4u);
-  EXPECT_EQ(calls.bytesRead, 5u);
-  EXPECT_EQ(calls.bytesWritten, 7u);
-  EXPECT_EQ(calls.total(), 10u);
-}
-
 TEST_F(PosixFileServiceTest, statAndFstatAgreeAndAWriteInPlaceShows) {
   const int fd = open("a.flv", createTruncate);
   service.write(fd, 0, "abc", 3);
@@ -152,30 +121,6 @@ TEST_F(PosixFileServiceTest, statAndFstatAgreeAndAWriteInPlaceShows) {
   EXPECT_EQ(record.modificationTime, stamp("a.flv"));
   EXPECT_EQ(service.unlink(module("a.flv").c_str(), 0), 0);
   EXPECT_NE(service.unlink(module("a.flv").c_str(), 0), 0);
-}
-
-TEST_F(PosixFileServiceTest, theFirstWriteThatFallsShortIsToldOnce) {
-  std::signal(SIGXFSZ, SIG_IGN);
-  const int fd = open("a.flv", createTruncate);
-  const Bytes data(600);
-  {
-    const FileSizeLimit limit(1000);
-    EXPECT_EQ(service.write(fd, 0, data.data(), 600), 600);
-    EXPECT_EQ(service.write(fd, 600, data.data(), 600), 400);
-    EXPECT_EQ(service.write(fd, 1000, data.data(), 600), -1);
-  }
-  service.close(fd, 0);
-  ASSERT_EQ(faults.size(), 1u);
-  EXPECT_EQ(faults[0].path, dir.path("a.flv"));
-  EXPECT_EQ(faults[0].position, 600);
-  EXPECT_EQ(faults[0].wanted, 600u);
-  EXPECT_EQ(faults[0].written, 400u);
-  EXPECT_EQ(faults[0].error, EFBIG);
-}
-
-TEST_F(PosixFileServiceTest, mkdirMakesParents) {
-  service.mkdir(toModulePath(dir.path("a b/c%d/e.flv")).c_str());
-  EXPECT_TRUE(std::filesystem::is_directory(dir.path("a b/c%d/e")));
 }
 
 // A file that was last changed long ago.

@@ -113,12 +113,5 @@ TEST_F(FollowCommandTest, waitsForTheFileAndStartsWhereAsked) {
   }
 }
 
-TEST_F(FollowCommandTest, anEmptyRecordingIsALegalStream) {
-  dir.file("live.flv", part(0, 0));
-  const Outcome result = flvhost({"follow", file, "-o", "-", "--until-idle", "0"});
-  EXPECT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_EQ(result.out, str(part(0, 0)));
-}
-
 }  // namespace
 }  // namespace orv::host
