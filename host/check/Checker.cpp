@@ -56,7 +56,7 @@ void Checker::run(const ProgressSink& onProgress) {
 
 void Checker::checkHeader() {
   const auto& header = walker_.header();
-  if (!header) return findings_.add(Code::noHeader, "doesn't start as an FLV file does", 0);
+  if (!header) return findings_.add(Code::noHeader, "does not start with an FLV header", 0);
   if (header->version != kVersion) {
     findings_.add(Code::headerVersion, fmt::format("version {}", header->version), kVersionPosition);
   }
@@ -127,7 +127,7 @@ void Checker::checkKeyFrame(const WalkedTag& tag, const MediaHead& head) {
   const u32 time = tag.tag.time;
   if (!head.isKeyFrame) {
     if (!keyFrameTime_ && !isWithoutKeyFrame_) {
-      add(Code::noKeyFrame, tag, "the first frame of video isn't a key frame");
+      add(Code::noKeyFrame, tag, "the first frame of video is not a key frame");
       isWithoutKeyFrame_ = true;
     }
     return;
@@ -158,7 +158,8 @@ void Checker::noteIndexed(const WalkedTag& tag, const std::optional<MediaHead>& 
 }
 
 void Checker::reportBeside(const KeyFrame& entry) {
-  findings_.add(Code::indexBeside, fmt::format("no key frame of {} s there", entry.seconds), entry.position);
+  findings_.add(Code::indexBeside, fmt::format("no key frame of {} s at this position", entry.seconds),
+                entry.position);
 }
 
 void Checker::checkFlags() {
@@ -168,7 +169,7 @@ void Checker::checkFlags() {
       static_cast<u8>((facts_.audio.tags ? kFlagAudio : 0) | (facts_.video.tags ? kFlagVideo : 0));
   if ((header->flags & (kFlagAudio | kFlagVideo)) == flags) return;
   findings_.add(Code::headerFlags,
-                fmt::format("say {}, where {} is there", flagsText(header->flags), flagsText(flags)),
+                fmt::format("say {}; the tags: {}", flagsText(header->flags), flagsText(flags)),
                 flv::kTypeFlagsPosition);
 }
 

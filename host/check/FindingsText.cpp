@@ -1,16 +1,11 @@
 #include "host/check/FindingsText.h"
-
-#include <fmt/format.h>
+#include "host/text/CountText.h"
 
 #include <nlohmann/json.hpp>
 
 namespace orv::host {
 
 using Json = nlohmann::ordered_json;
-
-std::string countText(u64 count, const char* what) {
-  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
-}
 
 std::string verdictText(const Findings& findings) {
   std::string text;

@@ -9,8 +9,6 @@
 
 namespace orv::host {
 
-// "1 tag", "2 tags"
-std::string countText(u64 count, const char* what);
 // "2 errors, 1 note", or "sound".
 std::string verdictText(const Findings& findings);
 // {"code", "severity", "position", "time" in milliseconds, "text"}; a place or time that isn't known is left

@@ -45,8 +45,8 @@ bool TimeCheck::goesBack(const Track& track, const WalkedTag& tag) {
   }
   const u32 before = std::max(track.last.value_or(0), last_.value_or(0));
   if (time >= before || before - time <= kInterleaveMs) return false;
-  findings_.add(Code::timeBackward, fmt::format("{} ms before what came earlier", before - time),
-                tag.position, time);
+  findings_.add(Code::timeBackward, fmt::format("{} ms before an earlier tag", before - time), tag.position,
+                time);
   return true;
 }
 

@@ -10,6 +10,7 @@
 #include "host/files/FileSource.h"
 #include "host/module/FileSummary.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/Printable.h"
 #include "host/text/TimeText.h"
 

@@ -27,7 +27,7 @@ constexpr char kFileHelp[] = "An FLV file, or the http address of one";
 // The time that `text` names from its byte `at` on. Throws Failure.
 u32 timeOf(const std::string& text, std::size_t at = 0) {
   const std::optional<u32> time = parseTime(std::string_view(text).substr(at));
-  if (!time) throw hostFault(text + ": not a time; give [HH:]MM:SS[.mmm] or S[.mmm][s|ms]");
+  if (!time) throw hostFault(text + ": is not a time; give [HH:]MM:SS[.mmm] or S[.mmm][s|ms]");
   return *time;
 }
 
@@ -173,7 +173,7 @@ CLI::App* CommandLine::addCommand(const char* name, const char* description, con
   CLI::App* const command = addPlainCommand(name, description, example);
   command
       ->add_option("--module", common.module,
-                   "The storage module (default $FLVADAPTOR_MODULE, or near flvhost)")
+                   "Load this storage module (default $FLVADAPTOR_MODULE, or the one near flvhost)")
       ->type_name("PATH");
   command
       ->add_option_function<std::string>(
@@ -255,14 +255,14 @@ void CommandLine::addRecord() {
       "stream is reported and left out.",
       "ffmpeg -re -i in.mp4 -c copy -f flv - | flvhost record live.flv", record_.common);
   command->add_option("FILE", record_.file, "The FLV file to record into")->required();
-  addTime(command, "--flush-every", "Flush interval (default 1s)",
+  addTime(command, "--flush-every", "Write to FILE this often (default 1s)",
           [this](u32 time) { record_.flushEvery = time; });
   command->add_option("--backup", record_.backup, "Mirror FILE to COPY at each flush")->type_name("COPY");
   CLI::Option* const append =
       command
           ->add_flag(
               "--append{continue}", appendedTimes_,
-              "Append to FILE; times go on behind its last tag, or stay as they come with --append=as-is")
+              "Append to FILE; times continue from its last tag, or stay as they come with --append=as-is")
           ->check(CLI::IsMember({"continue", "as-is"}));
   command
       ->add_flag_callback(
@@ -271,9 +271,8 @@ void CommandLine::addRecord() {
       ->excludes(append);
   command
       ->add_option("--sync", record_.sync,
-                   "Sync FILE, but not its copy: none (default): when the system does; interval: every 5s or "
-                   "so; flush: "
-                   "with each flush, so that a power cut costs nothing that was flushed")
+                   "Sync FILE, but not its copy: none (default), when the system does; interval, about every "
+                   "5s; flush, with each flush, so that a power cut loses nothing that was flushed")
       ->transform(CLI::Transformer(std::map<std::string, Sync>{
           {"none", Sync::none}, {"flush", Sync::flush}, {"interval", Sync::interval}}))
       ->option_text("none|flush|interval");
@@ -282,7 +281,7 @@ void CommandLine::addRecord() {
                    "Record all codecs (default), or classic: leave out H.264 and AAC")
       ->check(CLI::IsMember({"all", Settings::kClassic}))
       ->option_text("all|classic");
-  command->add_flag("--force", record_.force, "With --append: append behind an end that is torn");
+  command->add_flag("--force", record_.force, "With --append, append even behind a torn end");
   command->add_flag_callback(
       "--keep-metadata", [this] { record_.reserveMetadata = false; },
       "Record the stream's onMetaData as it comes. Without this, the keys that each flush brings up to date "
@@ -311,12 +310,12 @@ void CommandLine::addFollow() {
       ->type_name("OUT");
   command->add_flag_callback(
       "--force", [this] { follow_.existing = Existing::replace; }, "Replace OUT if it exists");
-  addTime(command, "--until-idle", "Stop once the file hasn't grown for this long; 0 plays what is there",
+  addTime(command, "--until-idle", "Stop once the file has not grown for this long; 0 plays what is there",
           [this](u32 time) { follow_.untilIdle = time; });
   command
       ->add_option_function<std::string>(
           "--from", [this](const std::string& text) { setFollowStart(text); },
-          "Start at the last key frame at or before this time, or with -TIME so long before the end")
+          "Start at the last key frame at or before this time or, with -TIME, that long before the end")
       ->type_name("[-]TIME");
   command->add_flag("--wait", follow_.wait, "Wait for FILE to appear");
   command->callback([this] { chosen_ = [this] { return runFollow(follow_); }; });
@@ -348,8 +347,7 @@ void CommandLine::addCheck() {
       "check", "Checks every byte of the files: damage, times, codecs, metadata.", "flvhost check *.flv");
   command->add_option("FILE", check_.files, "FLV files or http addresses; - for standard input")->required();
   command->add_flag("--json", check_.json, "Print one JSON document");
-  command->footer(command->get_footer() + "\n\nErrors alone make the exit code 1. What it can find:\n" +
-                  codesText());
+  command->footer(command->get_footer() + "\n\nErrors alone make the exit code 1. Findings:\n" + codesText());
   command->callback([this] { chosen_ = [this] { return runCheck(check_); }; });
 }
 
@@ -376,7 +374,7 @@ void CommandLine::addRepair() {
   command->add_flag("--keyframes", repair_.keyFrames,
                     "Add the index of key frames that many players seek by");
   command->add_flag("--fix-times", repair_.fixTimes,
-                    "Mend times that jump, run back or don't start at 0, as where two files were joined");
+                    "Mend times that jump, run back or do not start at 0, as where two files were joined");
   command->add_flag("--drop-unknown", repair_.dropUnknown, "Leave out tags of no known type");
   command->callback([this] { chosen_ = [this] { return runRepair(repair_); }; });
 }
@@ -425,7 +423,7 @@ void CommandLine::addServe() {
                  "  ffmpeg -re -i x.mp4 -c copy -f flv http://127.0.0.1:8080/live.flv",
                  serve_.library.common);
   serve_.library.folder = ".";
-  command->add_option("DIR", serve_.library.folder, "The folder (default: the working directory)");
+  command->add_option("DIR", serve_.library.folder, "The folder to serve (default: the working directory)");
   command
       ->add_option_function<std::string>(
           "--listen",
@@ -433,33 +431,36 @@ void CommandLine::addServe() {
             const std::size_t colon = text.rfind(':');
             const std::string port = colon == std::string::npos ? "" : text.substr(colon + 1);
             u16 number = 0;
-            if (!CLI::detail::lexical_cast(port, number)) throw hostFault(text + ": isn't ADDRESS:PORT");
+            if (!CLI::detail::lexical_cast(port, number)) throw hostFault(text + ": is not ADDRESS:PORT");
             std::string address = text.substr(0, colon);
             if (address.starts_with('[') && address.ends_with(']'))
               address = address.substr(1, address.size() - 2);
             serve_.address = address;
             serve_.port = number;
           },
-          "Where to listen (default 127.0.0.1:8080; port 0: any free one)")
+          "Listen here (default 127.0.0.1:8080; port 0 takes any free one)")
       ->type_name("ADDRESS:PORT");
   command->add_flag("--allow-publish", serve_.allowPublish, "Let clients record streams with PUT or POST");
-  command->add_option("--token", serve_.token, "What publishers have to know (default: nothing)")
+  command->add_option("--token", serve_.token, "Require this token of publishers (default: none)")
       ->type_name("TEXT");
   command
       ->add_option("--mirror", serve_.library.mirrorFolder,
                    "Keep a second copy of each recording in this folder")
       ->type_name("FOLDER");
-  addTime(command, "--flush-every", "Flush interval of recordings (default 1s)",
+  addTime(command, "--flush-every", "Write to each recorded file this often (default 1s)",
           [this](u32 time) { serve_.library.flushInterval = std::chrono::milliseconds(time); });
   command
       ->add_option_function<u32>(
           "--cache", [this](u32 mebibytes) { serve_.library.cacheBytes = std::size_t{mebibytes} << 20; },
-          "Memory for loaded segments (default 64)")
+          "Keep up to this many MiB of loaded segments in memory (default 64)")
       ->type_name("MIB");
-  command->add_option("--threads", serve_.moduleThreads, "Threads that call the module (default 4)")
+  command->add_option("--threads", serve_.moduleThreads, "Call the module on this many threads (default 4)")
       ->check(CLI::Range(1, 64));
-  command->add_option("--most-connections", serve_.mostConnections, "Refuse more (default 1000)");
-  command->add_option("--player", serve_.playerFile, "The page's player: mpegts.js from npm (see make serve)")
+  command->add_option("--most-connections", serve_.mostConnections,
+                      "Refuse more connections than this (default 1000)");
+  command
+      ->add_option("--player", serve_.playerFile,
+                   "Play on the page with this script: mpegts.js from npm (see make serve)")
       ->type_name("SCRIPT");
   command->callback([this] { chosen_ = [this] { return runServe(serve_); }; });
 }
@@ -491,7 +492,7 @@ int runCommandLine(int argc, const char* const* argv) {
   } catch (const KTOutOfMemory&) {
     report("out of memory");
   } catch (const KTBreakConnection&) {
-    report("the data can't be parsed");
+    report("cannot parse the data");
     return static_cast<int>(ExitCode::fileFault);
   } catch (const KTThrowable&) {
     report("the module failed");

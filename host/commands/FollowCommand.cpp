@@ -12,6 +12,7 @@
 #include "host/module/PlayOut.h"
 #include "host/module/SetupSearch.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/TimeText.h"
 
 namespace orv::host {
@@ -137,8 +138,7 @@ ExitCode FollowRun::conclude() {
   if (writer_) writer_->finish();
   requireTags();
   const FollowTally& tally = follower_.tally();
-  note(fmt::format("{}: {} tags, {} bytes of data, {} to {}", stream_.name(), tally.tags, tally.bytes,
-                   timeText(tally.firstTime), timeText(tally.lastTime)));
+  note(stream_.name() + ": " + runText(tally.tags, tally.bytes, tally.firstTime, tally.lastTime));
   session_.reportStats();
   return follower_.isGone() || tally.damaged > 0 ? ExitCode::fileFault : ExitCode::good;
 }

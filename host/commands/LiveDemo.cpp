@@ -14,6 +14,7 @@
 #include "host/module/Recording.h"
 #include "host/module/SeekAnswer.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/TimeText.h"
 
 namespace orv::host {
@@ -175,9 +176,9 @@ void LiveDemo::flushAndFollow() {
 
 bool LiveDemo::showComparison() {
   const bool good = comparison_.isGood() && follower_.tally().damaged == 0;
-  print(fmt::format("  followed  {} tags in {} looks: {}; {} kept aside as head records or left out\n",
-                    follower_.tally().tags, looks_, good ? "each one as it went in" : "NOT as they went in",
-                    comparison_.keptAside()));
+  print(fmt::format("  followed  {} in {}: {}; {} kept aside as head records or left out\n",
+                    countText(follower_.tally().tags, "tag"), countText(looks_, "look"),
+                    good ? "each one as it went in" : "NOT as they went in", comparison_.keptAside()));
   return good;
 }
 

@@ -223,7 +223,7 @@ void write(const std::string& folder, const std::string& name, const std::string
   std::ofstream out(path, std::ios::binary);
   out << text;
   out.close();
-  if (!out) throw hostFault(path + ": can't be written");
+  if (!out) throw hostFault(path + ": cannot be written");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "host/module/PlayOut.h"
 #include "host/module/PlayText.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/TimeText.h"
 
 namespace orv::host {
@@ -46,27 +47,28 @@ void report(const PlayOptions& options, const PlayTally& tally, const std::optio
 }  // namespace
 
 std::string sentText(const PlayTally& tally) {
-  return fmt::format("{} tags, {} bytes of data, {} to {}", tally.sent.tags, tally.sent.bytes,
-                     timeText(tally.firstTime), timeText(tally.lastTime));
+  return runText(tally.sent.tags, tally.sent.bytes, tally.firstTime, tally.lastTime);
 }
 
 std::string tallyText(const PlayTally& tally) {
   const PlayTally::Kind total = tally.total();
   std::string text = fmt::format("  played    {}\n", sentText(tally));
-  text += fmt::format(
-      "  delivered {} tags, {} bytes of data in {} segments, {} messages, {} of them aggregates\n",
-      total.tags, total.bytes, tally.segments, tally.messages, tally.aggregates);
+  text += fmt::format("  delivered {}, {} of data in {}, {}, {} of them aggregates\n",
+                      countText(total.tags, "tag"), countText(total.bytes, "byte"),
+                      countText(tally.segments, "segment"), countText(tally.messages, "message"),
+                      tally.aggregates);
   for (const auto& [type, kind] : tally.kinds) {
-    text += fmt::format("  {:<9} {} tags, {} bytes of data\n", fmt::format("{} {}", tagTypeName(type), type),
-                        kind.tags, kind.bytes);
+    text += fmt::format("  {:<9} {}, {} of data\n", fmt::format("{} {}", tagTypeName(type), type),
+                        countText(kind.tags, "tag"), countText(kind.bytes, "byte"));
   }
   return text;
 }
 
 std::string verdictText(const TagVerifier& verifier) {
-  if (verifier.faults() > 0) return fmt::format("{} faults; {}", verifier.faults(), verifier.firstFault());
-  std::string text =
-      fmt::format("{} tags, {} bytes of the file: each one equal", verifier.tags(), verifier.bytes());
+  if (verifier.faults() > 0)
+    return fmt::format("{}; {}", countText(verifier.faults(), "fault"), verifier.firstFault());
+  std::string text = fmt::format("{}, {} of the file: each one equal", countText(verifier.tags(), "tag"),
+                                 countText(verifier.bytes(), "byte"));
   if (verifier.headRecords()) text += fmt::format("; head records kept aside: {}", verifier.headRecords());
   if (verifier.droppedFrames()) text += fmt::format("; empty frames left out: {}", verifier.droppedFrames());
   return text;

@@ -73,11 +73,11 @@ void RecordRun::lookAtTail() {
   FileTail tail = readTail(session_, target_.file());
   if (tail.torn() > 0) {
     const std::string what =
-        fmt::format("{}: its last {} bytes hold no whole tag that can be found", target_.file(), tail.torn());
+        fmt::format("{}: no whole tag in its last {} bytes", target_.file(), tail.torn());
     if (!options_.force) {
-      throw fileFault(what + "; flvhost repair makes a sound file of it, --force appends behind them");
+      throw fileFault(what + "; flvhost repair makes a sound file of it, --force appends all the same");
     }
-    report(what + "; they stay, and players stumble over them");
+    report(what + "; they stay, and may stop players");
   }
   if (tail.hasTags) tail_ = std::move(tail);
 }

@@ -6,6 +6,7 @@
 #include "host/files/ByteProgress.h"
 #include "host/files/FileSource.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/TimeText.h"
 
 namespace orv::host {
@@ -22,13 +23,13 @@ FileIdentity identityOf(const std::string& name) {
 
 std::string summary(const RepairResult& result, const RepairOptions& options) {
   const RepairedTags::Losses& losses = result.losses;
-  std::string text =
-      fmt::format("{} tags, {} long", result.facts.tagCount(), timeText(result.facts.duration()));
+  std::string text = fmt::format("{}, {} long", countText(result.facts.tagCount(), "tag"),
+                                 timeText(result.facts.duration()));
   if (losses.breaks > 0) {
-    text += fmt::format("; {} damaged places left out, {} bytes", losses.breaks, losses.bytes);
+    text += fmt::format("; {} left out, {} bytes", countText(losses.breaks, "damaged place"), losses.bytes);
   }
   if (losses.unknownTypes > 0) {
-    text += fmt::format("; {} tags of no known type {}", losses.unknownTypes,
+    text += fmt::format("; {} of unknown type {}", countText(losses.unknownTypes, "tag"),
                         options.dropUnknown ? "left out" : "kept; --drop-unknown leaves them out");
   }
   return text;
@@ -39,7 +40,7 @@ std::string summary(const RepairResult& result, const RepairOptions& options) {
 ExitCode runRepair(const RepairOptions& options) {
   const auto source = openSource(options.input);
   if (options.keyFrames && source->size() < 0) {
-    throw hostFault("an index of key frames needs a file that can be read twice, not a pipe");
+    throw hostFault("--keyframes needs a file, which can be read twice, not a pipe");
   }
   OutputFile out(options.output, options.existing, identityOf(options.input));
   const RepairJob job{{options.fixTimes, options.dropUnknown}, options.keyFrames};

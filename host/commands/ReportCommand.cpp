@@ -14,6 +14,7 @@
 #include "host/report/ReportPage.h"
 #include "host/report/Timeline.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/TimeText.h"
 
 namespace orv::host {
@@ -120,7 +121,7 @@ Segments segmentsOf(const ReportOptions& options) {
           {bounds->startTime, bounds->endTime, bounds->endPosition - bounds->startPosition + 1});
     }
   } catch (const Failure& failure) {
-    segments.remark = std::string("The storage module can't play this file: ") + failure.what() + ".";
+    segments.remark = std::string("The storage module cannot play this file: ") + failure.what() + ".";
   }
   return segments;
 }

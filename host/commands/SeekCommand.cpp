@@ -27,13 +27,13 @@ Failure notFound(Stream& stream, u32 time) {
   const auto first = stream.segmentAtPosition(0);
   if (time > last) {
     return fileFault(
-        fmt::format("{}: {} lies behind its end at {}", stream.name(), timeText(time), timeText(last)));
+        fmt::format("{}: {} is after its end at {}", stream.name(), timeText(time), timeText(last)));
   }
   if (first && time < first->startTime) {
-    return fileFault(fmt::format("{}: {} lies before its start at {}", stream.name(), timeText(time),
+    return fileFault(fmt::format("{}: {} is before its start at {}", stream.name(), timeText(time),
                                  timeText(first->startTime)));
   }
-  return fileFault(fmt::format("{}: {} can't be found in it", stream.name(), timeText(time)));
+  return fileFault(fmt::format("{}: no segment found at {}", stream.name(), timeText(time)));
 }
 
 }  // namespace

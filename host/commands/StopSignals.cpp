@@ -22,7 +22,7 @@ int openSignals() {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, signal);
   // The kernel drops ignored signals before they get here.
   const int fd = pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0 ? signalfd(-1, &set, SFD_CLOEXEC) : -1;
-  if (fd < 0) throw hostFault(std::string("signals can't be waited for: ") + std::strerror(errno));
+  if (fd < 0) throw hostFault(std::string("cannot wait for signals: ") + std::strerror(errno));
   return fd;
 }
 

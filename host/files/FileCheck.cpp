@@ -45,7 +45,7 @@ FileIdentity checkReadable(const std::string& name) {
   if (!status) throw hostFault(name + ": " + std::strerror(errno));
   if (S_ISDIR(status->st_mode)) throw hostFault(name + ": is a directory");
   if (!S_ISREG(status->st_mode)) {
-    throw hostFault(name + ": isn't a regular file, so it can't be read at a position");
+    throw hostFault(name + ": is not a regular file, so it cannot be read at any position");
   }
   return {status->st_dev, status->st_ino, status->st_size};
 }

@@ -304,14 +304,14 @@ void HttpRanges::judge(Exchange& exchange) const {
   }
   if (status == kOk) {
     fail(
-        "the server doesn't send ranges (it answered 200 to a range request), so nothing can be sought in "
-        "it");
+        "the server does not send ranges (it answers 200 to a range request), so it cannot be read at any "
+        "position");
   }
   if (status == kNotModified || (status != kPartial && status != kRangeNotSatisfiable)) {
     fail(fmt::format("the server answers {} to a range request", status));
   }
   if (exchange.isEncoded) fail("the server sends it compressed, so positions mean nothing");
-  if (!exchange.range || exchange.range->total < 0) fail("the server doesn't say how long it is");
+  if (!exchange.range || exchange.range->total < 0) fail("the server does not say how long it is");
   exchange.state.size = exchange.range->total;
   if (status == kRangeNotSatisfiable) {
     exchange.bytes.clear();
@@ -321,13 +321,13 @@ void HttpRanges::judge(Exchange& exchange) const {
   const bool isRange = exchange.range->first == exchange.position &&
                        exchange.range->last - exchange.range->first + 1 == wanted;
   if (!isRange) fail("the server sends another range than the one asked for");
-  if (isCutShort) fail("the server sends more than it was asked for");
+  if (isCutShort) fail("the server sends more than was asked for");
   if (static_cast<i64>(exchange.bytes.size()) != wanted) fail("the server sends less than it promised");
 }
 
 RangeAnswer HttpRanges::get(const std::string& url, i64 position, u32 size, const ObjectState* known) {
   if (url.substr(0, url.find('/', url.find("//") + 2)).find('@') != std::string::npos) {
-    throw HttpFault("an address with credentials in it isn't used; put them into ~/.netrc", false);
+    throw HttpFault("the address holds credentials; put them into ~/.netrc instead", false);
   }
   Exchange exchange{url, position, size, known, 0, {}, {}, false, false, {}, {}, 0, CURLE_OK, {}};
   auto pause = limits_.backOff;

@@ -22,7 +22,7 @@ constexpr mode_t kMode = 0666;  // The user's mask takes its share.
 int MirrorFile::fail(const char* what, int error) {
   behind_ = true;
   file_.close();
-  onFault_(fmt::format("{}: {}: {}; the copy isn't kept any longer", names_.copy, what,
+  onFault_(fmt::format("{}: {}: {}; the copy is no longer kept", names_.copy, what,
                        error ? std::strerror(error) : "the write fell short"));
   return -1;
 }
@@ -39,7 +39,7 @@ bool MirrorFile::isSourceItself() const {
 bool MirrorFile::isOpen() {
   if (file_) return true;
   file_ = Descriptor::open(names_.copy, O_RDWR | O_CREAT, kMode);
-  if (!file_) return fail("can't be opened", errno), false;
+  if (!file_) return fail("cannot be opened", errno), false;
   if (isSourceItself()) return fail("is the recorded file itself", EINVAL), false;
   return true;
 }
@@ -52,7 +52,7 @@ bool MirrorFile::moveAside() {
       return true;
     }
     if (errno == ENOENT) return true;  // Moved away as the recording was.
-    if (errno != EEXIST) return fail("can't be moved aside", errno), false;
+    if (errno != EEXIST) return fail("cannot be moved aside", errno), false;
   }
 }
 
@@ -64,13 +64,13 @@ int MirrorFile::open(const KTString& name, int flags, int) {
   if (!isOpen()) return -1;
   hasBegun_ = true;
   cursor_ = 0;
-  if (isNew && ::ftruncate(file_.get(), 0) != 0) return fail("can't be emptied", errno);
+  if (isNew && ::ftruncate(file_.get(), 0) != 0) return fail("cannot be emptied", errno);
   return 0;
 }
 
 int MirrorFile::close(const KTString& name) {
   if (!serves(name)) return -1;
-  if (!file_.close()) return fail("can't be closed", errno);
+  if (!file_.close()) return fail("cannot be closed", errno);
   return 0;
 }
 
@@ -78,13 +78,13 @@ int MirrorFile::write(const KTString& name, const void* data, u32 size) {
   if (!serves(name) || !isOpen()) return -1;
   const Transfer done = writeAt(file_.get(), cursor_, data, size);
   cursor_ += static_cast<i64>(done.bytes);
-  return done.bytes == size ? static_cast<int>(size) : fail("can't be written", done.error);
+  return done.bytes == size ? static_cast<int>(size) : fail("cannot be written", done.error);
 }
 
 int MirrorFile::seek(const KTString& name, i64 offset, int whence) {
   if (!serves(name) || !isOpen()) return -1;
   const i64 base = whence == SEEK_END ? ::lseek(file_.get(), 0, SEEK_END) : 0;
-  if (base < 0) return fail("has no end to be found", errno);
+  if (base < 0) return fail("cannot be measured", errno);
   cursor_ = base + offset;
   return 0;
 }
@@ -92,7 +92,7 @@ int MirrorFile::seek(const KTString& name, i64 offset, int whence) {
 int MirrorFile::unlink(const KTString& name) {
   if (!serves(name)) return -1;
   file_.close();
-  if (::unlink(names_.copy.c_str()) != 0 && errno != ENOENT) return fail("can't be removed", errno);
+  if (::unlink(names_.copy.c_str()) != 0 && errno != ENOENT) return fail("cannot be removed", errno);
   return 0;
 }
 

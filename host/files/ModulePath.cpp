@@ -46,10 +46,10 @@ bool isRemote(std::string_view name) {
 }
 
 std::string toModulePath(const std::string& native) {
-  if (native.empty()) throw hostFault("an empty file name");
+  if (native.empty()) throw hostFault("the file name is empty");
   std::string absolute = isRemote(native) ? native : std::filesystem::absolute(native).native();
   if (absolute.find('\\') != std::string::npos) {
-    throw hostFault(absolute + ": a name with a backslash can't be given to the module");
+    throw hostFault(absolute + ": the module cannot open a name with a backslash");
   }
   const bool endsInFlv = absolute.ends_with(kEnding);
   if (endsInFlv) absolute.resize(absolute.size() - kEnding.size());

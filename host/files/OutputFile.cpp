@@ -58,7 +58,7 @@ OutputFile::OutputFile(const std::string& name, Existing existing, const FileIde
 
 void OutputFile::openStandardOutput(const FileIdentity& input) {
   const int data = dataDescriptor();
-  if (isatty(data)) throw hostFault("media isn't written to a terminal; give a file or a pipe");
+  if (isatty(data)) throw hostFault("media is not written to a terminal; give a file or a pipe");
   file_ = Descriptor::duplicate(data);
   const auto status = file_.status();
   if (!status) fail(errno);

@@ -23,22 +23,22 @@ std::string printable(const std::vector<u8>& bytes) {
 
 std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) {
   if (headerSize < flv::kFileHeaderSize || headerSize > size) {
-    return fmt::format("has a header that claims {} bytes, in a file of {}", headerSize, size);
+    return fmt::format("its header claims {} bytes, in a file of {} bytes", headerSize, size);
   }
   const i64 position = i64{headerSize} + flv::kSizeFieldSize;
   const std::vector<u8> bytes = file.read(position, flv::kTagHeaderSize);
   if (bytes.size() < flv::kTagHeaderSize) return "ends inside its first tag";
   const flv::TagHeader tag{bytes.data()};
   if (!isKnownType(tag.typeByte())) {
-    return fmt::format("has no valid first tag: type {} at byte {} is none of audio, video, data",
-                       tag.typeByte(), position);
+    return fmt::format("its first tag, at byte {}, is of type {}, which is none of audio, video, data",
+                       position, tag.typeByte());
   }
   if (tag.dataSize() > size - position - flv::kTagOverhead) {
-    return fmt::format("has a first tag of {} bytes at byte {} that doesn't fit the {} bytes of the file",
-                       tag.dataSize(), position, size);
+    return fmt::format("its first tag, at byte {}, claims {} bytes, in a file of {} bytes", position,
+                       tag.dataSize(), size);
   }
-  return fmt::format("has a first tag, of type {} at byte {}, that the module doesn't take", tag.typeByte(),
-                     position);
+  return fmt::format("its first tag, at byte {}, is of type {}, which the module refuses", position,
+                     tag.typeByte());
 }
 
 }  // namespace
@@ -47,11 +47,11 @@ std::string explainHeader(const std::vector<u8>& head) {
   if (head.empty()) return "is empty (0 bytes)";
   if (std::memcmp(head.data(), kSignature.data(), std::min(head.size(), kSignature.size())) != 0) {
     return fmt::format(
-        "isn't an FLV file: it starts with \"{}\"",
+        "is not an FLV file: it starts with \"{}\"",
         printable({head.begin(), head.begin() + std::min<long>(4, static_cast<long>(head.size()))}));
   }
   if (head.size() > kVersionPosition && head[kVersionPosition] != kVersion) {
-    return fmt::format("has FLV version {}; only version 1 can be played", head[kVersionPosition]);
+    return fmt::format("is of FLV version {}; only version 1 can be played", head[kVersionPosition]);
   }
   if (head.size() < flv::kFileHeaderSize) {
     return fmt::format("ends inside its header, after {} bytes", head.size());
@@ -70,8 +70,8 @@ std::string explainRefusal(const std::string& name) {
 
 std::string explainNothingPlayable(const std::string& name, i64 firstTag) {
   const i64 size = checkReadable(name).size;
-  if (size <= firstTag) return "has a header and no tags";
-  return fmt::format("has nothing playable: no whole tag is found in the {} bytes behind its header",
+  if (size <= firstTag) return "holds a header and no tags";
+  return fmt::format("holds nothing playable: no whole tag in the {} bytes behind its header",
                      size - firstTag);
 }
 

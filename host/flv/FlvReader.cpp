@@ -80,7 +80,7 @@ void FlvReader::completeHeader() {
   fault_ = explainHeader(pending_);
   const u32 size = flv::readU32(pending_.data() + flv::kHeaderSizePosition);
   if (fault_.empty() && size < flv::kFileHeaderSize) {
-    fault_ = fmt::format("has a header that claims {} bytes", size);
+    fault_ = fmt::format("its header claims {} bytes", size);
   }
   pending_.clear();
   want(Step::gap, u64{size} - flv::kFileHeaderSize + flv::kSizeFieldSize);

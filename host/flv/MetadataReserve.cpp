@@ -108,7 +108,7 @@ void MetadataReserve::take(const Tag& tag) {
 void MetadataReserve::settleWith(const Tag& metadata) {
   release();
   const std::optional<std::vector<u8>> payload = withReservedKeys(metadata);
-  if (!payload) report("the stream's onMetaData can't be brought up to date; it is recorded as it came");
+  if (!payload) report("the stream's onMetaData cannot be brought up to date; it is recorded as it came");
   Tag tag = metadata;
   if (payload) tag.data = payload->data(), tag.size = static_cast<u32>(payload->size());
   sink_(tag);

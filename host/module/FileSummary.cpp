@@ -12,6 +12,7 @@
 #include "host/flv/FlvNames.h"
 #include "host/flv/Walker.h"
 #include "host/module/SegmentWalk.h"
+#include "host/text/CountText.h"
 #include "host/text/Printable.h"
 #include "host/text/TimeText.h"
 #include "server/KTCommand.h"
@@ -203,8 +204,8 @@ Json claimsJson(const std::vector<Claim>& claims) {
 std::string playableText(const FileSummary& s) {
   if (s.endPosition == 0) return s.bytesBehind() == 0 ? "nothing: the file holds no tags" : "nothing";
   if (s.count && s.count->damages > 0) {
-    return fmt::format("to byte {}, but damaged in {} places; {} bytes behind", s.playableEnd,
-                       s.count->damages, s.bytesBehind());
+    return fmt::format("to byte {}, but damaged in {}; {} bytes behind", s.playableEnd,
+                       countText(s.count->damages, "place"), s.bytesBehind());
   }
   if (s.bytesBehind() == 0) return "all of it";
   if (s.hidden.count == 0) {

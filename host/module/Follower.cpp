@@ -33,7 +33,7 @@ void Follower::load(const Handler& handler) {
     if (!whole) {
       ++tally_.damaged;
       loadLost(bounds->startPosition, bounds->endPosition + 1, delivered, handler);
-      report(fmt::format("{}: damaged between byte {} and byte {}; what can't be read there is left out",
+      report(fmt::format("{}: damaged between bytes {} and {}; what cannot be read there is left out",
                          stream_.name(), bounds->startPosition, bounds->endPosition));
     }
     position_ = walk.position();
@@ -69,7 +69,7 @@ bool Follower::isReplaced() const {
 bool Follower::isGone() {
   if (!gone_ && isReplaced()) {
     gone_ = true;
-    report(stream_.name() + ": was removed, replaced or cut; following ends");
+    report(stream_.name() + ": was removed, replaced or cut; no longer followed");
   }
   return gone_;
 }

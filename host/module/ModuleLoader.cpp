@@ -30,7 +30,7 @@ std::string findModule(const std::string& given) {
     const fs::path candidate = place / kLibrary;
     if (fs::exists(candidate, error)) return candidate.native();
   }
-  throw hostFault(std::string(kLibrary) + " isn't found near " + here.native() +
+  throw hostFault(std::string(kLibrary) + " is not found near " + here.native() +
                   "; name it with --module or FLVADAPTOR_MODULE");
 }
 
@@ -41,15 +41,15 @@ void ModuleLoader::Unloader::operator()(void* library) const {
 // A name without a slash would be looked for in the system's library folders instead.
 ModuleLoader::ModuleLoader(const std::string& path, IQVStreamContext& context)
     : file_(fs::absolute(path).native()), library_(dlopen(file_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-  if (!library_) throw hostFault(std::string("the module can't be loaded: ") + dlerror());
+  if (!library_) throw hostFault(std::string("cannot load the module: ") + dlerror());
   adaptor_ = make(context);
 }
 
 std::unique_ptr<IQVStreamAdaptor> ModuleLoader::make(IQVStreamContext& context) const {
   const auto create = reinterpret_cast<Factory>(dlsym(library_.get(), kFactory));
-  if (!create) throw hostFault(file_ + " isn't a storage module: it has no " + kFactory);
+  if (!create) throw hostFault(file_ + ": is not a storage module: it has no " + kFactory);
   IQVStreamAdaptor* adaptor = nullptr;
-  if (create(&context, &adaptor) != 1 || !adaptor) throw hostFault(file_ + ": the module doesn't start");
+  if (create(&context, &adaptor) != 1 || !adaptor) throw hostFault(file_ + ": the module does not start");
   return std::unique_ptr<IQVStreamAdaptor>(adaptor);
 }
 

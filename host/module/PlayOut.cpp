@@ -145,7 +145,7 @@ PlayTally Player::run() {
     report(fmt::format("{}: tags found behind damage: {}", stream_.name(), tally_.recovered));
   }
   if (tally_.unknownTags > 0) {
-    report(fmt::format("{}: tags of no known type left out: {}", stream_.name(), tally_.unknownTags));
+    report(fmt::format("{}: tags of unknown type left out: {}", stream_.name(), tally_.unknownTags));
   }
   if (verifier_ && startsAtFront() && walk.isComplete()) verifier_->endFile();
   completeMetadata();
@@ -205,7 +205,7 @@ void Player::playSegment(const SegmentBounds& bounds) {
   }
   ++tally_.damagedSegments;
   playLost(bounds.startPosition, bounds.endPosition + 1);
-  report(fmt::format("{}: damaged between byte {} and byte {}; what can't be read there is left out",
+  report(fmt::format("{}: damaged between bytes {} and {}; what cannot be read there is left out",
                      stream_.name(), bounds.startPosition, bounds.endPosition));
 }
 
@@ -292,7 +292,7 @@ PlayStart findPlayStart(Stream& stream, u32 time) {
     }
     const std::optional<SegmentBounds> first = stream.segmentAtPosition(0);
     if (first && time < first->startTime) return {};
-    throw fileFault(fmt::format("{}: {} can't be found in it", stream.name(), timeText(time)));
+    throw fileFault(fmt::format("{}: no segment found at {}", stream.name(), timeText(time)));
   }
 
   const StartCandidates found = candidatesIn(stream, *bounds, time);

@@ -33,7 +33,7 @@ std::optional<FileIdentity> lookAt(const std::string& name) {
     if (errno == ENOENT) return std::nullopt;
     throw hostFault(name + ": " + std::strerror(errno));
   }
-  if (!S_ISREG(status.st_mode)) throw hostFault(name + ": isn't a regular file");
+  if (!S_ISREG(status.st_mode)) throw hostFault(name + ": is not a regular file");
   return FileIdentity{status.st_dev, status.st_ino, status.st_size};
 }
 
@@ -74,7 +74,8 @@ void RecordTarget::admitCopy() {
   if (::access(folder.c_str(), W_OK | X_OK) != 0) throw hostFault(copy_ + ": " + std::strerror(errno));
   if (const auto found = lookAt(copy_)) admitExistingCopy(*found);
   if (appends() && !copyIsEqual_ && size_ > kMostToCopy) {
-    throw hostFault(fmt::format("{}: has 4 GiB or more; copy it to {} yourself, then go on", file_, copy_));
+    throw hostFault(
+        fmt::format("{}: holds 4 GiB or more; copy it to {} yourself, then append", file_, copy_));
   }
 }
 
@@ -82,14 +83,14 @@ void RecordTarget::admitExistingCopy(const FileIdentity& identity) {
   if (exists_ && identity.isSame(*lookAt(file_))) throw hostFault(copy_ + ": is the recorded file itself");
   copyLock_ = lock(copy_, O_RDWR);
   if (identity.size == 0) return;
-  if (onto_ == Onto::newFile) throw hostFault(copy_ + ": holds bytes; --overwrite replaces it");
+  if (onto_ == Onto::newFile) throw hostFault(copy_ + ": is not empty; --overwrite replaces it");
   if (onto_ == Onto::overwrite) {
-    if (!looksLikeFlv(copy_)) throw hostFault(copy_ + ": isn't an FLV file; it isn't overwritten");
+    if (!looksLikeFlv(copy_)) throw hostFault(copy_ + ": is not an FLV file; --overwrite leaves it alone");
     return;
   }
   copyIsEqual_ = appends() && holdSameBytes(file_, copy_);
   if (!copyIsEqual_) {
-    throw hostFault(fmt::format("{}: isn't equal to {}; remove it, and it is made anew", copy_, file_));
+    throw hostFault(fmt::format("{}: differs from {}; remove it to have it made anew", copy_, file_));
   }
 }
 
@@ -107,12 +108,12 @@ void RecordTarget::lockNewCopy() {
   if (copy_.empty() || copyLock_) return;
   copyLock_ = lock(copy_, O_RDWR | O_CREAT);
   const auto status = copyLock_.status();
-  if (status && status->st_size > 0) throw hostFault(copy_ + ": holds bytes; --overwrite replaces it");
+  if (status && status->st_size > 0) throw hostFault(copy_ + ": is not empty; --overwrite replaces it");
 }
 
 void RecordTarget::eraseOld(Session& session) {
   RecordStream old = session.openForRecording(file_, nullptr);
-  if (!old.erase()) throw hostFault(file_ + ": can't be erased: " + std::strerror(errno));
+  if (!old.erase()) throw hostFault(file_ + ": cannot be erased: " + std::strerror(errno));
 }
 
 void RecordTarget::makeMirror() {
@@ -174,7 +175,7 @@ void RecordTarget::catchUp(RecordStream& stream) {
   stream.attach(mirror_.get());
   const auto copied = lookAt(copy_);
   if (!copied || copied->size != size_) {
-    throw hostFault(fmt::format("{}: could not be made equal to {}; nothing is recorded", copy_, file_));
+    throw hostFault(fmt::format("{}: cannot be made equal to {}; nothing is recorded", copy_, file_));
   }
 }
 

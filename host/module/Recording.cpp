@@ -8,6 +8,7 @@
 #include "host/flv/FlvNames.h"
 #include "host/flv/MetadataReserve.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/Failure.h"
 #include "host/text/TimeText.h"
 #include "util/KTThrowable.h"
@@ -150,7 +151,7 @@ void Recording::record(const Tag& tag) {
 // Returns false for what the module can't read.
 bool Recording::stage(const Tag& tag) {
   try {
-    if (!stream_->record(tag)) throw hostFault(target_.file() + ": can't be opened again for recording");
+    if (!stream_->record(tag)) throw hostFault(target_.file() + ": cannot be opened again for recording");
   } catch (const KTBreakConnection&) {
     refuse(tag, "unreadable metadata");
     return false;
@@ -164,7 +165,7 @@ bool Recording::stage(const Tag& tag) {
 
 // What was just staged is for a file that lacks everything before it, and is dropped with the stream.
 void Recording::goOnInNewFile(u32 time) {
-  report(target_.file() + ": was moved away; recording goes on in a new file");
+  report(target_.file() + ": was moved away; recording continues in a new file");
   stream_.reset();
   stagedBytes_ = 0;
   notes_.end(target_.presentName());
@@ -195,7 +196,7 @@ void Recording::refuse(const Tag& tag, const std::string& what) {
   if (what == "H.264" || what == "AAC") {
     report(fmt::format("{}: {} is left out, as --codecs classic asks", target_.file(), what));
   } else {
-    report(fmt::format("{}: tags can't be recorded and are left out: {}", target_.file(), what));
+    report(fmt::format("{}: tags cannot be recorded and are left out: {}", target_.file(), what));
   }
 }
 
@@ -215,7 +216,7 @@ void Recording::flush() {
   SegmentBounds bounds{};
   const bool done = stream_->flush(bounds);
   requireSoundFile();
-  if (!done) throw hostFault(target_.file() + ": the module can't flush what was recorded");
+  if (!done) throw hostFault(target_.file() + ": the module cannot flush what was recorded");
   ++tally_.flushes;
   stagedBytes_ = 0;
   notes_.flushed(target_.descriptor());
@@ -234,7 +235,7 @@ bool Recording::isReadable() const {
     const Stream stream = session_.open(target_.file());
     const i64 lost = stream.identity().size - stream.size();
     if (lost <= 0 && stream.endPosition() > 0) return true;
-    report(fmt::format("{}: its last {} bytes can't be read again; flvhost repair makes a sound file of it",
+    report(fmt::format("{}: its last {} bytes cannot be read back; flvhost repair makes a sound file of it",
                        target_.file(), lost));
   } catch (const Failure& failure) {
     report(failure.what());
@@ -243,11 +244,9 @@ bool Recording::isReadable() const {
 }
 
 std::string Recording::summaryText() const {
-  std::string text = isEmpty()
-                         ? "nothing could be recorded"
-                         : fmt::format("{} tags, {} bytes of data, {} to {}, in {} flush{}", tally_.tags,
-                                       tally_.bytes, timeText(tally_.firstTime), timeText(tally_.lastTime),
-                                       tally_.flushes, tally_.flushes == 1 ? "" : "es");
+  std::string text = isEmpty() ? "nothing could be recorded"
+                               : runText(tally_.tags, tally_.bytes, tally_.firstTime, tally_.lastTime) +
+                                     ", in " + countText(tally_.flushes, "flush", "es");
   if (erased_) text += ", and no file is left";
   if (!stream_ && target_.holdsBytes()) text += ", and the file stays as it was";
   if (tally_.undecodable > 0) text += fmt::format("; {} without a key frame left out", tally_.undecodable);

@@ -46,8 +46,8 @@ std::optional<SegmentBounds> SegmentWalk::findBehindDamage() {
 
 void SegmentWalk::tellGaps() const {
   for (const Gap& gap : gaps_) {
-    report(fmt::format("{}: damaged; no segment can be found from byte {} to byte {}", stream_.name(),
-                       gap.begin, gap.end - 1));
+    report(fmt::format("{}: damaged; no segment found between bytes {} and {}", stream_.name(), gap.begin,
+                       gap.end - 1));
   }
 }
 

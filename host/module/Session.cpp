@@ -130,11 +130,12 @@ Session::Session(const CommonOptions& options)
         ++writeFaults_;
         tellWriteFault(fault);
       }),
-      synced_(files_, options.sync, systemSyncer(),
-              [this](const std::string& path) {
-                ++writeFaults_;
-                report(toNativePath(path.c_str()) + ": can't be synced to the disk: " + std::strerror(errno));
-              }),
+      synced_(
+          files_, options.sync, systemSyncer(),
+          [this](const std::string& path) {
+            ++writeFaults_;
+            report(toNativePath(path.c_str()) + ": cannot be synced to the disk: " + std::strerror(errno));
+          }),
       shortened_(files_),
       context_(settings_, synced_, report),
       module_(findModule(options.module), context_) {}
@@ -220,8 +221,8 @@ Session::Opened Session::openAsModuleDoes(const std::string& file, const FileIde
   const Opened opened =
       isRemote(file) ? openRemote(file, identity.size) : openPlaying(module_.adaptor(), file);
   if (!mayHideTags(opened.handle, identity)) return opened;
-  report(fmt::format("{}: no sound tag in its last {} bytes (MaxBackFrameScan); searching the last {}", file,
-                     settings_.searchLimit(), Settings::kMostSearchLimit));
+  report(fmt::format("{}: no whole tag in its last {} bytes (MaxBackFrameScan); searching the last {} bytes",
+                     file, settings_.searchLimit(), Settings::kMostSearchLimit));
   opened.adaptor->close(opened.handle);
   return openPlaying(farSeeing(), file);
 }
@@ -236,8 +237,7 @@ std::optional<Session::Opened> Session::openShortened(const Opened& found, const
   const WholeTags more = followTags(ReadOnlyFile(file), end, size);
   if (more.count == 0) return std::nullopt;
   if (foundNone) {
-    report(fmt::format("{}: no sound tag in front of its torn end; of its first {} bytes all tags are whole",
-                       file, more.end));
+    report(fmt::format("{}: no whole tag at its torn end; its tags are whole up to byte {}", file, more.end));
   }
   shortened_.shorten(moduleFileName(toModulePath(file)), size, more.end);
   return openPlaying(shortSighted(), file);

@@ -74,7 +74,7 @@ bool isTypeList(std::string_view text) {
   return count > 0;
 }
 
-// Returns what would do in place of `value`; empty if it does.
+// Returns what `value` must be; empty if it is.
 std::string refusal(const Known& known, const std::string& value, u32 leastSegment) {
   switch (known.kind) {
     case Kind::boolean:
@@ -82,14 +82,14 @@ std::string refusal(const Known& known, const std::string& value, u32 leastSegme
     case Kind::integer:
       return parse<i32>(value) ? "" : "a number";
     case Kind::types:
-      return isTypeList(value) ? "" : "numbers from 0 to 255 with blanks between them";
+      return isTypeList(value) ? "" : "numbers from 0 to 255, separated by blanks";
     case Kind::codecs:
       return value == "all" || value == Settings::kClassic ? "" : "all or classic";
     case Kind::size:
       break;
   }
   const u32 least = known.isAtLeastSegment ? leastSegment : known.least;
-  if (least > known.most) return fmt::format("nothing while {} is above {}", kLeastSegment, known.most);
+  if (least > known.most) return fmt::format("left out while {} is above {}", kLeastSegment, known.most);
   const auto number = parse<u32>(value);
   if (number && *number >= least && *number <= known.most) return "";
   return fmt::format("a number from {} to {}", least, known.most);
@@ -104,7 +104,7 @@ void Settings::assign(const std::string& assignment) {
   if (!host::find(key)) {
     std::string keys;
     for (const Known& known : kKnown) keys += fmt::format("{}{}", keys.empty() ? "" : ", ", known.key);
-    throw hostFault(fmt::format("--set {}: no such setting; there are {}", key, keys));
+    throw hostFault(fmt::format("--set {}: no such setting; the settings are {}", key, keys));
   }
   values_[key] = assignment.substr(equals + 1);
 }
@@ -137,8 +137,7 @@ const Settings& Settings::checked() const {
   for (const Known& known : kKnown) {
     const std::string* const value = find(std::string(known.key));
     const std::string wanted = value ? refusal(known, *value, leastSegment) : "";
-    if (!wanted.empty())
-      throw hostFault(fmt::format("--set {}={}: the module takes {}", known.key, *value, wanted));
+    if (!wanted.empty()) throw hostFault(fmt::format("--set {}={}: must be {}", known.key, *value, wanted));
   }
   return *this;
 }

@@ -69,7 +69,7 @@ std::optional<SetupList> SetupList::read(const std::string& media) {
 
 void SetupList::write(const std::string& media) const {
   const std::string name = fileFor(media), bytes = text();
-  if (!mayBeReplaced(name)) throw hostFault(name + ": isn't a list of set-ups; it isn't replaced");
+  if (!mayBeReplaced(name)) throw hostFault(name + ": is not a list of set-ups; it is not replaced");
   OutputFile out(name, Existing::replace, FileIdentity{});
   out.write(bytes.data(), bytes.size());
   out.close();

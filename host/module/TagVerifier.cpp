@@ -40,7 +40,7 @@ void TagVerifier::readSegment(i64 start, i64 end) {
   segment_.resize(static_cast<std::size_t>(std::max<i64>(end - start, 0)));
   const std::size_t filled = file_.read(start, segment_.data(), segment_.size());
   if (filled < segment_.size())
-    fault(fmt::format("the file can't be read at byte {}", start + static_cast<i64>(filled)));
+    fault(fmt::format("the file cannot be read at byte {}", start + static_cast<i64>(filled)));
   segment_.resize(filled);
   for (std::size_t at = 0; segment_.size() - at >= flv::kTagOverhead;) {
     const flv::TagHeader header{segment_.data() + at};
@@ -76,7 +76,7 @@ void TagVerifier::checkTag(const Tag& tag, bool inAggregate) {
     return fault(fmt::format("the tag at byte {} ({}) came as {}", expected.position, describe(expected.tag),
                              describe(tag)));
   }
-  fault(fmt::format("a tag came that the file doesn't hold here ({})", describe(tag)));
+  fault(fmt::format("a tag came that the file does not hold here ({})", describe(tag)));
 }
 
 bool TagVerifier::mayBeLeftOut(const Tag& tag) {
@@ -107,7 +107,7 @@ void TagVerifier::endSegment() {
 
 void TagVerifier::endFile() {
   for (const Context& context : contexts_) {
-    if (!context.met) fault("a head record came that isn't in the file");
+    if (!context.met) fault("a head record came that is not in the file");
   }
 }
 

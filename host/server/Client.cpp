@@ -55,7 +55,7 @@ void Client::readRequest() {
         }
         if (error) {
           parser.emplace();
-          return refuse({http::status::bad_request, "not a request that can be read"});
+          return refuse({http::status::bad_request, "the request cannot be read"});
         }
         dispatch();
       }));
@@ -109,11 +109,12 @@ void Client::dispatch() {
   // A page of another site whose name was made to point here must not read what is served to this machine.
   if (socket.local_endpoint().address().is_loopback() && !host.empty() &&
       !isLoopbackHost({host.data(), host.size()})) {
-    return refuse({http::status::forbidden, "this server answers to its own address alone"});
+    return refuse({http::status::forbidden, "this server answers at its own address only"});
   }
   const ServerRequest request = orv::host::readRequest({asked.target().data(), asked.target().size()});
   using Kind = ServerRequest::Kind;
-  if (request.isBad) return refuse({http::status::bad_request, "a time or an escape in it can't be read"});
+  if (request.isBad)
+    return refuse({http::status::bad_request, "the address holds a time or an escape that cannot be read"});
   if (asked.method() == http::verb::put || asked.method() == http::verb::post) return publish(request);
   if (asked.method() != http::verb::get && asked.method() != http::verb::head) {
     return refuse({http::status::method_not_allowed, "GET, HEAD, PUT and POST are served"});
@@ -162,13 +163,13 @@ void Client::answerFile(const ServerRequest& request) {
 
 std::optional<Refusal> Client::forbidsPublishing(const ServerRequest& request) const {
   const auto& asked = parser->get();
-  if (!core.options.allowPublish) return Refusal{http::status::forbidden, "publishing isn't allowed here"};
+  if (!core.options.allowPublish) return Refusal{http::status::forbidden, "publishing is not allowed here"};
   if (request.kind != ServerRequest::Kind::media)
-    return Refusal{http::status::not_found, "not a name to publish"};
+    return Refusal{http::status::not_found, "nothing can be published under this name"};
   // A page of another site must not make a browser write here.
   const auto origin = asked[http::field::origin];
   if (!origin.empty() && !origin.ends_with(std::string("://") + std::string(asked[http::field::host]))) {
-    return Refusal{http::status::forbidden, "publishing from another site's page isn't allowed"};
+    return Refusal{http::status::forbidden, "publishing from another site's page is not allowed"};
   }
   if (core.options.token.empty()) return std::nullopt;
   constexpr std::string_view kBearer = "Bearer ";

@@ -48,7 +48,7 @@ struct HttpServer::Inside : ServerCore {
 void HttpServer::Inside::listen() {
   error_code error;
   const auto address = asio::ip::make_address(options.address, error);
-  if (error) throw hostFault(options.address + ": isn't an address to listen on");
+  if (error) throw hostFault(options.address + ": is not an address that can be listened on");
   const tcp::endpoint endpoint(address, options.port);
   acceptor.open(endpoint.protocol());
   acceptor.set_option(tcp::acceptor::reuse_address(true));

@@ -32,7 +32,7 @@ CommonOptions readingOptions(CommonOptions common) {
 std::string canonicalFolder(const std::string& name) {
   std::error_code error;
   const fs::path path = fs::canonical(name, error);
-  if (error || !fs::is_directory(path)) throw hostFault(name + ": isn't a folder that can be served");
+  if (error || !fs::is_directory(path)) throw hostFault(name + ": is not a folder");
   return path.native();
 }
 

@@ -101,7 +101,7 @@ async function list() {
   });
   $('files').replaceChildren(...rows);
   $('note').textContent = !files.length ? 'There is no FLV file here yet.'
-    : window.mpegts ? '' : 'No player was given to the server (--player); a click downloads.';
+    : window.mpegts ? '' : 'No player was given to the server (--player); a click downloads the file.';
 }
 const refresh = () => list().catch(() => { $('note').textContent = 'The server does not answer.'; });
 refresh();

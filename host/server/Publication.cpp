@@ -22,7 +22,7 @@ CommonOptions recordingOptions(CommonOptions common) {
 std::optional<FileTail> tailOf(Session& session, const RecordTarget& target) {
   if (!target.appends()) return std::nullopt;
   FileTail tail = readTail(session, target.file());
-  if (tail.torn() > 0) throw fileFault("the file has a torn end; flvhost repair makes a sound one of it");
+  if (tail.torn() > 0) throw fileFault("the file has a torn end; flvhost repair makes a sound file of it");
   if (!tail.hasTags) return std::nullopt;
   return tail;
 }

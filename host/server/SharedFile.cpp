@@ -122,8 +122,8 @@ void SharedFile::recover(i64 from, i64 to, const DeliveredTags& delivered, Piece
   }
   around_.faults.recovered += found;
   if (from < std::exchange(toldTo_, std::max(toldTo_, to))) return;
-  report(fmt::format("{}: damaged between byte {} and byte {}; tags found behind the damage: {}",
-                     stream_.name(), from, to - 1, found));
+  report(fmt::format("{}: damaged between bytes {} and {}; tags found behind the damage: {}", stream_.name(),
+                     from, to - 1, found));
 }
 
 // Null where nothing stands behind `position` yet. What is damaged is gone past.

@@ -177,9 +177,9 @@ TEST_F(Flvhost, deliversEveryWholeTagOfADamagedFile) {
     };
     const Outcome played = flvhost({"play", bad, "-o", "-", "--verify"});
     expectWhole(played, "tags found behind damage: ", played.out);
-    EXPECT_THAT(played.err, HasSubstr("damaged between byte ")) << c.name;
+    EXPECT_THAT(played.err, HasSubstr("damaged between bytes ")) << c.name;
     const Outcome followed = flvhost({"follow", bad, "-o", "-", "--until-idle", "0"});
-    expectWhole(followed, "damaged between byte ", followed.out);
+    expectWhole(followed, "damaged between bytes ", followed.out);
     const std::string again = dir.path("again.flv");
     const Outcome recorded = flvhost({"record", again, "--keep-metadata", "--overwrite"}, c.damage.bytes());
     expectWhole(recorded, c.recorded, str(TempDir::read(again)));
@@ -219,7 +219,7 @@ TEST_F(Flvhost, aTornEndLongerThanTheModuleSearchesIsSearchedOnceMore) {
   torn.resize(torn.size() + 5'500'000, 0x55);
   const Outcome result = flvhost({"play", dir.file("torn.flv", torn), "-o", "-"});
   EXPECT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_THAT(result.err, HasSubstr("no sound tag in its last 4194304 bytes (MaxBackFrameScan)"));
+  EXPECT_THAT(result.err, HasSubstr("no whole tag in its last 4194304 bytes (MaxBackFrameScan)"));
   EXPECT_GE(tagsOf(result.out).size(), film.tags().size() - 1);
   const Outcome refused = flvhost({"record", dir.path("torn.flv"), "--append"}, film.bytes());
   EXPECT_EQ(refused.exitCode, 1);

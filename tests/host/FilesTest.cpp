@@ -227,7 +227,7 @@ TEST_F(MirrorFileTest, staysAsItIsAfterTheFirstFailedWrite) {
   EXPECT_TRUE(mirror->isBehind());
   EXPECT_EQ(copy(), Bytes(1000));
   ASSERT_EQ(faults.size(), 1u);
-  EXPECT_THAT(faults[0], testing::StartsWith(dir.path("copy") + ": can't be written: File too large"));
+  EXPECT_THAT(faults[0], testing::StartsWith(dir.path("copy") + ": cannot be written: File too large"));
 }
 
 TEST_F(MirrorFileTest, neverEmptiesTheRecordingItself) {

@@ -81,17 +81,17 @@ TEST_F(RecordCommandTest, saysWhatItCantRecordAndGoesOn) {
     Bytes recorded;  // Empty: no file is left.
   } kInputs[] = {
       {none, 1, "standard input: is empty (0 bytes)", none},
-      {bytesOf("'RIFF' 0000000000"), 1, "isn't an FLV file: it starts with \"RIFF\"", none},
+      {bytesOf("'RIFF' 0000000000"), 1, "is not an FLV file: it starts with \"RIFF\"", none},
       {stream().bytes(), 1, "nothing could be recorded, and no file is left", none},
-      {FlvBuilder(8).bytes(), 1, "has a header that claims 8 bytes", none},
+      {FlvBuilder(8).bytes(), 1, "its header claims 8 bytes", none},
       {join(good, {9, 255, 255, 255, 0, 0, 0, 0, 0, 0, 0}), 0, "ends inside a tag; 11 bytes of it came",
        good},
       {join(good, tagBytes(23, 0, mp3)), 0, "refused: 1 of type 23", good},
       {join(good, Bytes(50)), 1, "standard input: is damaged from byte 101565 on; 50 bytes are left out",
        good},
-      {stream().tag(8, 5, mp3).trailing(14).bytes(), 0, "1 tags, 2 bytes", soundAlone},
-      {stream().tag(8, 5, mp3).trailing(2).bytes(), 0, "1 tags, 2 bytes", soundAlone},
-      {stream().tag(8, 5, mp3).trailing(0).bytes(), 0, "1 tags, 2 bytes", soundAlone},
+      {stream().tag(8, 5, mp3).trailing(14).bytes(), 0, "1 tag, 2 bytes", soundAlone},
+      {stream().tag(8, 5, mp3).trailing(2).bytes(), 0, "1 tag, 2 bytes", soundAlone},
+      {stream().tag(8, 5, mp3).trailing(0).bytes(), 0, "1 tag, 2 bytes", soundAlone},
       {stream().tag(9, 0, avc).tag(8, 0, aac).tag(9, 40, avc).bytes(), 1,
        "nothing could be recorded, and no file is left; refused: 1 AAC, 2 H.264", none},
       {stream().tag(18, 0, onMetaData()).tag(9, 0, avc).bytes(), 1, "refused: 1 H.264", none},
@@ -132,11 +132,11 @@ TEST_F(RecordCommandTest, whatExistsIsTouchedOnlyAsAskedFor) {
     std::optional<Bytes> input = {};  // In place of `more`.
   } kCases[] = {
       {{}, old, none, 2, "exists; --append adds to it", old, none},
-      {{}, none, old, 2, "holds bytes; --overwrite replaces it", none, old},
+      {{}, none, old, 2, "is not empty; --overwrite replaces it", none, old},
       {{"--overwrite"}, old, old, 0, "51 tags", more, more},
       {{"--overwrite"}, none, none, 0, "51 tags", more, more},
-      {{"--overwrite"}, alien, none, 1, "isn't an FLV file", alien, none},
-      {{"--overwrite"}, old, alien, 2, "isn't an FLV file; it isn't", old, alien},
+      {{"--overwrite"}, alien, none, 1, "is not an FLV file", alien, none},
+      {{"--overwrite"}, old, alien, 2, "is not an FLV file; --overwrite leaves", old, alien},
       {{"--overwrite"}, old, none, 1, "is empty", old, none, none},  // An encoder that fails to start.
       {{"--overwrite"}, old, none, 1, "the file stays as it was", old, none, noTags},
       {{"--overwrite"}, old, old, 1, "the file stays as it was", old, old, refused},
@@ -146,11 +146,11 @@ TEST_F(RecordCommandTest, whatExistsIsTouchedOnlyAsAskedFor) {
       {{"--append"}, old, none, 0, "51 tags", both, both, restarted},  // Its second head is dropped.
       {{"--append"}, old, old, 0, "51 tags", both, both},
       {{"--append=as-is"}, old, old, 0, "51 tags", asTheyCame, asTheyCame},
-      {{"--append"}, old, torn, 2, "isn't equal to", old, torn},
+      {{"--append"}, old, torn, 2, "differs from", old, torn},
       {{"--append"}, none, none, 0, "51 tags", more, more},
-      {{"--append"}, alien, none, 1, "isn't an FLV file", alien, none},
+      {{"--append"}, alien, none, 1, "is not an FLV file", alien, none},
       {{"--append"}, torn, none, 1, "flvhost repair makes a sound file of it", torn, none},
-      {{"--append", "--force"}, torn, none, 0, "hold no whole tag that can be found", mended, mended},
+      {{"--append", "--force"}, torn, none, 0, "no whole tag in its last", mended, mended},
   };
   for (const auto& c : kCases) {
     put(file, c.file);
@@ -195,7 +195,7 @@ TEST_F(RecordCommandTest, aFileThatIsMovedAwayIsFollowedByAWholeOne) {
   run.feed(part(40, stream.tags().size()));
   const Outcome result = run.wait();
   EXPECT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_THAT(result.err, HasSubstr("was moved away; recording goes on in a new file"));
+  EXPECT_THAT(result.err, HasSubstr("was moved away; recording continues in a new file"));
   EXPECT_THAT(result.err, HasSubstr("17 without a key frame left out"));
   for (const std::string& name : {dir.path("live.1.flv"), dir.path("copy.flv.1")}) {
     EXPECT_TRUE(TempDir::read(name) == first) << name;
@@ -393,7 +393,7 @@ TEST_F(RecordCommandTest, metadataThatCantBeBroughtUpToDateStaysAsItCame) {
   for (const Bytes& payload : {bytesOf("02 000A'onMetaData' 05"), torn, join(onMetaData(), {5})}) {
     const Bytes stream = FlvBuilder(9, 12).tag(18, 0, payload).tag(8, 10, Bytes{0x2F}).bytes();
     const Outcome result = flvhost({"record", file, "--overwrite"}, stream);
-    EXPECT_THAT(result.err, HasSubstr("can't be brought up to date"));
+    EXPECT_THAT(result.err, HasSubstr("cannot be brought up to date"));
     EXPECT_TRUE(TempDir::read(file) == stream);
   }
 }

@@ -40,7 +40,7 @@ TEST(RemoteFile, hostileAnswersAreRefusedInWords) {
     const char* fault;
   } kCases[] = {
       {"sound", ok + range + length + "\r\n" + body, "none"},
-      {"no ranges", "HTTP/1.1 200 OK\r\nContent-Length: 33554432\r\n\r\n" + endless, "doesn't send ranges"},
+      {"no ranges", "HTTP/1.1 200 OK\r\nContent-Length: 33554432\r\n\r\n" + endless, "does not send ranges"},
       {"not there", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n", "answers 404"},
       {"forbidden, with a long page", "HTTP/1.1 403 No\r\n\r\n" + endless, "answers 403"},
       {"no length", ok + "Content-Range: bytes 0-99/*\r\n" + length + "\r\n" + body, "how long"},
@@ -53,7 +53,7 @@ TEST(RemoteFile, hostileAnswersAreRefusedInWords) {
       {"another range", ok + "Content-Range: bytes 1-100/1000\r\n" + length + "\r\n" + body, "another range"},
       {"fewer than asked", ok + "Content-Range: bytes 0-9/1000\r\nContent-Length: 10\r\n\r\n0123456789",
        "another range"},
-      {"body without end", ok + range + "\r\n" + endless, "more than it was asked"},
+      {"body without end", ok + range + "\r\n" + endless, "more than was asked"},
       {"body too short", ok + range + "Content-Length: 9\r\n\r\n012345678", "less than it promised"},
       {"cut off", ok + range + length + "Connection: close\r\n\r\n0123", "transfer closed"},
       {"compressed", ok + range + length + "Content-Encoding: gzip\r\n\r\n" + body, "compressed"},
