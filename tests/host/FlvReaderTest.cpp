@@ -21,9 +21,7 @@ TEST(FlvReader, givesTheWholeTagsOfAStreamCutAnywhereInPiecesOfAnySize) {
     }
     for (i64 piece = 1; piece <= size; ++piece) {
       TagList tags;
-      FlvReader reader([&](const Tag& tag) {
-        tags.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}});
-      });
+      FlvReader reader(into(tags));
       for (i64 at = 0; at < size; at += piece) {
         const auto count = static_cast<std::size_t>(std::min(piece, size - at));
         ASSERT_TRUE(reader.feed(file.bytes().data() + at, count)) << reader.fault();
@@ -55,18 +53,13 @@ TEST(FlvReader, goesOnBehindDamageAsAWalkDoes) {
     MemorySource source(bytes);
     for (Walker walker(source); const auto step = walker.next();) {
       const auto* const tag = std::get_if<WalkedTag>(&*step);
-      if (tag)
-        walked.push_back({tag->tag.type, tag->tag.time, {tag->tag.data, tag->tag.data + tag->tag.size}});
+      if (tag) into(walked)(tag->tag);
       if (!tag) lost += static_cast<u64>(std::get<Break>(*step).to - std::get<Break>(*step).from);
     }
     for (const std::size_t piece : {std::size_t{333}, std::size_t{65536}, bytes.size()}) {
       TagList tags;
       u64 leftOut = 0;
-      FlvReader reader(
-          [&](const Tag& t) {
-            tags.push_back({t.type, t.time, {t.data, t.data + t.size}});
-          },
-          [&](u64, u64 size) { leftOut += size; });
+      FlvReader reader(into(tags), [&](u64, u64 size) { leftOut += size; });
       for (std::size_t i = 0; i < bytes.size(); i += piece) {
         ASSERT_TRUE(reader.feed(&bytes[i], std::min(piece, bytes.size() - i)));
       }

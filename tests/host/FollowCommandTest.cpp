@@ -3,10 +3,9 @@
 #include "Movie.h"
 #include "Program.h"
 
-namespace orv::host {
+namespace orv::host::test {
 namespace {
 
-using namespace test;
 using testing::HasSubstr;
 
 class FollowCommandTest : public testing::Test {
@@ -25,10 +24,10 @@ class FollowCommandTest : public testing::Test {
 };
 
 TEST_F(FollowCommandTest, playsEachTagOnceWhileTheFileGrows) {
-  Running recorder({"record", file, "--keep-metadata", "--flush-every", "10ms"});
+  Running recorder("record " + file + " --keep-metadata --flush-every 10ms");
   recorder.feed(part(0, 1));
   ASSERT_TRUE(eventually([&] { return TempDir::read(file).size() >= 13; }));
-  Running pipe({"follow", file, "-o", "-"});
+  Running pipe("follow " + file + " -o -");
   const std::size_t steps[] = {1, 2, 10, 300, 301, 700, 1500, 2001};
   for (std::size_t i = 0; i + 1 < std::size(steps); ++i) {
     recorder.feed(part(steps[i], steps[i + 1]));
@@ -41,7 +40,7 @@ TEST_F(FollowCommandTest, playsEachTagOnceWhileTheFileGrows) {
   EXPECT_EQ(followed.exitCode, 0) << followed.err;
   EXPECT_THAT(followed.err, HasSubstr("2000 tags, 2000000 bytes of data, 00:00:00.000 to 00:00:39.980"));
   EXPECT_TRUE(followed.out.substr(13) == str(stream.bytes()).substr(13));
-  const Outcome counted = flvhost({"follow", file, "--until-idle", "0"});
+  const Outcome counted = flvhost("follow " + file + " --until-idle 0");
   EXPECT_EQ(counted.exitCode, 0);
   EXPECT_EQ(counted.out, "");
   EXPECT_THAT(counted.err, HasSubstr("2000 tags"));
@@ -51,7 +50,7 @@ TEST_F(FollowCommandTest, playsEachTagOnceWhileTheFileGrows) {
 TEST_F(FollowCommandTest, neverPlaysATagThatIsStillBeingWritten) {
   const Bytes start = part(0, 300), rest = part(300, 330);
   dir.file("live.flv", start);
-  Running run({"follow", file, "-o", "-"});
+  Running run("follow " + file + " -o -");
   std::ofstream out(file, std::ios::binary | std::ios::app);
   for (std::size_t at = 0; at < rest.size(); at += 2500) {
     const std::size_t held = run.out().size();
@@ -73,21 +72,19 @@ TEST_F(FollowCommandTest, endsWhenThereIsNothingMoreToFollow) {
   const char* const kGone = "was removed, replaced or cut";
   const struct {
     std::function<void()> change;
-    std::vector<std::string> args;
+    const char* options;
     int exitCode;
     const char* line;
   } kCases[] = {
-      {[] {}, {"--until-idle", "200ms"}, 0, "99 tags"},
-      {[&] { std::filesystem::remove(file); }, {}, 1, kGone},
-      {[&] { std::filesystem::rename(dir.file("other", stream.bytes()), file); }, {}, 1, kGone},
-      {[&] { std::filesystem::resize_file(file, 5000); }, {}, 1, kGone},
+      {[] {}, "--until-idle 200ms", 0, "99 tags"},
+      {[&] { std::filesystem::remove(file); }, "", 1, kGone},
+      {[&] { std::filesystem::rename(dir.file("other", stream.bytes()), file); }, "", 1, kGone},
+      {[&] { std::filesystem::resize_file(file, 5000); }, "", 1, kGone},
   };
   for (const auto& c : kCases) {
     dir.file("live.flv", start);
     const std::string out = dir.path("out.flv");
-    std::vector<std::string> args{"follow", file, "-o", out};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    Running run(args);
+    Running run("follow " + file + " -o " + out + " " + c.options);
     EXPECT_TRUE(eventually([&] { return TempDir::read(out) == start; })) << c.line;
     c.change();
     const Outcome result = run.wait();
@@ -99,7 +96,7 @@ TEST_F(FollowCommandTest, endsWhenThereIsNothingMoreToFollow) {
 }
 
 TEST_F(FollowCommandTest, waitsForTheFileAndStartsWhereAsked) {
-  Running waiting({"follow", file, "--wait", "-o", "-"});
+  Running waiting("follow " + file + " --wait -o -");
   const std::string whole = dir.file("whole.flv", part(0, 2001));
   std::filesystem::rename(whole, file);
   ASSERT_TRUE(eventually([&] { return waiting.out().size() == part(0, 2001).size(); }));
@@ -107,11 +104,11 @@ TEST_F(FollowCommandTest, waitsForTheFileAndStartsWhereAsked) {
   EXPECT_EQ(waiting.wait().exitCode, 0);
   const std::size_t head = part(0, 1).size();
   for (const char* const from : {"30.5", "-9.48"}) {  // Of 39.980.
-    const Outcome late = flvhost({"follow", file, "--from", from, "--until-idle", "0", "-o", "-"});
+    const Outcome late = flvhost("follow " + file + " --until-idle 0 -o - --from " + from);
     EXPECT_EQ(late.exitCode, 0) << late.err;
     EXPECT_TRUE(late.out.substr(head) == str(part(1502, 2001))) << from;  // The key frame at 30.020.
   }
 }
 
 }  // namespace
-}  // namespace orv::host
+}  // namespace orv::host::test

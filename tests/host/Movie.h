@@ -43,12 +43,15 @@ inline orv::test::Message tagOf(const FlvBuilder& file, std::size_t index) {
   return {tag.type, tag.time, {data, data + tag.size}};
 }
 
+// A handler that keeps each tag in `tags`.
+inline auto into(TagList& tags) {
+  return [&tags](const Tag& tag) { tags.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}}); };
+}
+
 // The tags of a stream without a fault.
 inline TagList tagsOf(const std::string& flvBytes) {
   TagList tags;
-  FlvReader reader([&](const Tag& tag) {
-    tags.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}});
-  });
+  FlvReader reader(into(tags));
   EXPECT_TRUE(reader.feed(reinterpret_cast<const u8*>(flvBytes.data()), flvBytes.size())) << reader.fault();
   return tags;
 }

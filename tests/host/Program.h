@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 #include <thread>
 #include <utility>
 
@@ -26,23 +25,20 @@ struct Outcome {
 // A run that is fed, and ended, step by step.
 class Running {
  public:
-  explicit Running(std::vector<std::string> args) {
+  // `command` and `before`, which the shell does first, are words for it.
+  explicit Running(const std::string& command, const std::string& before = "") {
     std::signal(SIGPIPE, SIG_IGN);
-    args.insert(args.begin(), FLVHOST_PATH);
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
+    std::string line =
+        before + " exec " FLVHOST_PATH " " + command + " >" + dir_.path("out") + " 2>" + dir_.path("err");
+    std::string shell = "sh", option = "-c", module = "FLVADAPTOR_MODULE=" FLV_MODULE_PATH;
+    char* argv[] = {shell.data(), option.data(), line.data(), nullptr};
+    char* environment[] = {module.data(), nullptr};
     int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     posix_spawn_file_actions_adddup2(&actions, ends[0], 0);
-    posix_spawn_file_actions_addopen(&actions, 1, dir_.path("out").c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, dir_.path("err").c_str(), O_WRONLY | O_CREAT, 0600);
-    std::string module = std::string("FLVADAPTOR_MODULE=") + FLV_MODULE_PATH;
-    char* environment[] = {module.data(), nullptr};
-    const int failed = posix_spawn(&child_, FLVHOST_PATH, &actions, nullptr, argv.data(), environment);
+    const int failed = posix_spawn(&child_, "/bin/sh", &actions, nullptr, argv, environment);
     posix_spawn_file_actions_destroy(&actions);
     ::close(ends[0]);
     input_ = ends[1];
@@ -72,9 +68,9 @@ class Running {
   // Its input ends, and it is waited for.
   Outcome wait() {
     end(0);
-    return {exitCode_, out(), text("err")};
+    return {exitCode_, out(), str(TempDir::read(dir_.path("err")))};
   }
-  std::string out() const { return text("out"); }
+  std::string out() const { return str(TempDir::read(dir_.path("out"))); }
 
  private:
   void end(int number) {
@@ -85,7 +81,6 @@ class Running {
     ::waitpid(std::exchange(child_, 0), &status, 0);
     exitCode_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  std::string text(const char* name) const { return str(TempDir::read(dir_.path(name))); }
 
   const TempDir dir_;
   pid_t child_ = 0;
@@ -93,8 +88,8 @@ class Running {
   int exitCode_ = -1;
 };
 
-inline Outcome flvhost(std::vector<std::string> args, const Bytes& input = {}) {
-  Running run(std::move(args));
+inline Outcome flvhost(const std::string& command, const Bytes& input = {}) {
+  Running run(command);
   run.feed(input);
   return run.wait();
 }

@@ -165,24 +165,21 @@ TEST(RemoteFile, theCommandsPlayObjectsLikeFiles) {
     }
     return WebServer::partial(request, bytes, "\"a\"");
   });
-  const auto remote = [&](std::vector<std::string> args) {
-    const Outcome local = flvhost(args);
-    args[1] = server.url(args[0] == "play" ? "/moved.flv" : "/film.flv");
-    const Outcome outcome = flvhost(args);
-    EXPECT_EQ(outcome.exitCode, local.exitCode) << outcome.err;
-    const std::size_t line = args[0] == "segments" || args[0] == "play" ? 0 : local.out.find('\n');
-    EXPECT_EQ(outcome.out.substr(outcome.out.find(local.out.substr(line))), local.out.substr(line))
-        << args[0];
-  };
-  remote({"segments", file});
-  remote({"check", file});
-  remote({"play", file, "--from", "12", "--to", "20", "-o", "-"});
-  remote({"play", file, "--verify"});
-  EXPECT_THAT(flvhost({"seek", server.url(), "17"}).out, HasSubstr("key frame at 00:00:16.020"));
-  EXPECT_THAT(flvhost({"info", server.url()}).out, HasSubstr("duration  00:00:29.980"));
-  const Outcome refused = flvhost({"record", server.url()}, film.bytes());
+  for (const std::string command : {"segments FILE", "check FILE", "play FILE --from 12 --to 20 -o -",
+                                    "play FILE --verify", "info FILE"}) {
+    const auto run = [&](const std::string& name) {
+      return flvhost(command.substr(0, command.find("FILE")) + name +
+                     command.substr(command.find("FILE") + 4));
+    };
+    const Outcome local = run(file), remote = run(server.url(command[0] == 'p' ? "/moved.flv" : "/film.flv"));
+    EXPECT_EQ(remote.exitCode, local.exitCode) << remote.err;
+    const std::size_t name = local.out.find(file);
+    const std::string out = local.out.substr(name == std::string::npos ? 0 : name + file.size());
+    EXPECT_TRUE(remote.out.ends_with(out)) << command << remote.out;
+  }
+  const Outcome refused = flvhost("record " + server.url(), film.bytes());
   EXPECT_EQ(refused.exitCode, 2);
-  const Outcome unreachable = flvhost({"info", "http://127.0.0.1:1/x.flv?secret"});
+  const Outcome unreachable = flvhost("info http://127.0.0.1:1/x.flv?secret");
   EXPECT_EQ(unreachable.exitCode, 2);
   EXPECT_THAT(unreachable.err, HasSubstr("x.flv?...: Failed to connect"));
 }
@@ -196,8 +193,8 @@ TEST(RemoteFile, aSeekTakesFewRequests) {
     const TempDir dir;
     WebServer server(
         [&](const Request& request) { return WebServer::partial(request, str(bytes), "\"a\""); });
-    const std::string local = flvhost({"seek", dir.file("film.flv", bytes), "61.5"}).out;
-    EXPECT_THAT(flvhost({"seek", server.url(), "61.5"}).out,
+    const std::string local = flvhost("seek " + dir.file("film.flv", bytes) + " 61.5").out;
+    EXPECT_THAT(flvhost("seek " + server.url() + " 61.5").out,
                 HasSubstr("  search    6 host calls" + local.substr(local.find("\n  tag"))))
         << bit;
     EXPECT_LE(server.requests(), bit ? 20 : 3)
@@ -214,7 +211,7 @@ TEST(RemoteFile, aGrowingObjectIsFollowedWithNothingLostOrTwice) {
     return WebServer::partial(request, str(film.bytes()).substr(0, shown),
                               "\"" + std::to_string(shown) + "\"");
   });
-  const Outcome outcome = flvhost({"follow", server.url(), "-o", "-", "--until-idle", "3s"});
+  const Outcome outcome = flvhost("follow " + server.url() + " -o - --until-idle 3s");
   EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
   const TagList tags = tagsOf(outcome.out);
   ASSERT_EQ(tags.size(), 2000u) << outcome.err;

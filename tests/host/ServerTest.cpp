@@ -215,17 +215,13 @@ TEST_F(Server, playsWhatTheCommandPlays) {
   film("damaged.flv", damaged);
   start();
   EXPECT_EQ(bodyOf(ask("GET /film.flv")), str(source.bytes()));
-  const auto played = [&](std::vector<std::string> more, const char* name = "film.flv") {
-    std::vector<std::string> args{"play", dir.path(name), "-o", "-"};
-    args.insert(args.end(), more.begin(), more.end());
-    return flvhost(args).out;
-  };
+  const auto played = [&](const std::string& rest) { return flvhost("play -o - " + dir.path(rest)).out; };
   EXPECT_EQ(metric("damaged_total"), "0");
-  EXPECT_TRUE(bodyOf(ask("GET /damaged.flv")) == played({}, "damaged.flv"));
+  EXPECT_TRUE(bodyOf(ask("GET /damaged.flv")) == played("damaged.flv"));
   EXPECT_NE(metric("damaged_total"), "0");
   EXPECT_NE(metric("recovered_tags_total"), "0");
-  EXPECT_EQ(bodyOf(ask("GET /film.flv?from=12.5&to=20")), played({"--from", "12.5", "--to", "20"}));
-  EXPECT_EQ(bodyOf(ask("GET /film.flv?from=-3s")), played({"--from", "26.98"}));
+  EXPECT_EQ(bodyOf(ask("GET /film.flv?from=12.5&to=20")), played("film.flv --from 12.5 --to 20"));
+  EXPECT_EQ(bodyOf(ask("GET /film.flv?from=-3s")), played("film.flv --from 26.98"));
   EXPECT_EQ(tagsOf(bodyOf(ask("GET /torn.flv"))).size(), 590u);
   const std::string head = ask("HEAD /film.flv");
   EXPECT_THAT(head, StartsWith("HTTP/1.0 200"));
@@ -333,7 +329,7 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   }
   ASSERT_TRUE(eventually([&] { return metric("publishers") == "0"; }));
   EXPECT_THAT(put("live.flv", film.bytes()), HasSubstr("200 OK"));
-  const Outcome checked = flvhost({"play", dir.path("live.flv"), "--verify"});
+  const Outcome checked = flvhost("play --verify " + dir.path("live.flv"));
   EXPECT_EQ(checked.exitCode, 0) << checked.err;
   EXPECT_THAT(checked.out, HasSubstr("checked   2696 tags"));
 }
@@ -396,8 +392,8 @@ TEST_F(Server, viewersOfAFileThatIsReplacedGetToItsEnd) {
   EXPECT_TRUE(eventually([&] { return metric("viewers") == "0"; }));
 }
 
-std::vector<std::string> serving(const TempDir& dir) {
-  return {"serve", dir.path(""), "--listen", "127.0.0.1:0", "--allow-publish", "--flush-every", "1ms"};
+std::string serving(const TempDir& dir) {
+  return "serve " + dir.path("") + " --listen 127.0.0.1:0 --allow-publish --flush-every 1ms";
 }
 
 u16 portOf(const Running& server) {
@@ -428,12 +424,10 @@ TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
     sender.join();
 
     TagList shown;
-    FlvReader reader([&](const Tag& tag) {
-      shown.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}});
-    });
+    FlvReader reader(into(shown));
     const std::string body = bodyOf(seen);
     EXPECT_TRUE(reader.feed(reinterpret_cast<const u8*>(body.data()), body.size())) << reader.fault();
-    const Outcome played = flvhost({"play", name, "-o", "-"});
+    const Outcome played = flvhost("play -o - " + name);
     const TagList kept = tagsOf(played.out);
     ASSERT_GE(kept.size(), shown.size()) << played.err;
     for (std::size_t i = 1; i < kept.size(); ++i) ASSERT_EQ(kept[i], tagOf(film, i)) << i;
@@ -480,9 +474,9 @@ TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
 
   u32 next = 0;
   for (u32 i = 0; i < kParts; ++i) {
-    const Outcome checked = flvhost({"check", part(i)});
+    const Outcome checked = flvhost("check " + part(i));
     EXPECT_EQ(checked.exitCode, 0) << checked.out << checked.err;
-    for (const auto& tag : tagsOf(flvhost({"play", part(i), "-o", "-"}).out)) {
+    for (const auto& tag : tagsOf(flvhost("play -o - " + part(i)).out)) {
       if (tag.type != flv::kTypeAudio) continue;
       ASSERT_EQ(tag,
                 (orv::test::Message{tag.type, timeOf(next), orv::test::payload(flv::kTypeAudio, 100, next)}))

@@ -54,6 +54,5 @@ class TempDir {
 };
 
 using FileSizeLimit = orv::test::ResourceLimit<RLIMIT_FSIZE>;  // Of any file that is written to.
-using MemoryLimit = orv::test::ResourceLimit<RLIMIT_AS>;
 
 }  // namespace orv::host::test

@@ -27,7 +27,7 @@ Walked walk(const Bytes& bytes) {
       EXPECT_EQ(tag->position, end);
       const Tag& t = tag->tag;
       EXPECT_TRUE(std::equal(t.data, t.data + t.size, &bytes[static_cast<std::size_t>(tag->position) + 11]));
-      walked.tags.push_back({t.type, t.time, {t.data, t.data + t.size}});
+      into(walked.tags)(t);
     } else {
       const Break& gap = std::get<Break>(*step);
       EXPECT_EQ(gap.from, end);
