@@ -109,7 +109,9 @@ void useFiber(World& world) {
 
 void useLibraryThread(World& world, u32 options) {
   ++world.works;
-  if (startThread(raiseAll, &world, options) == 0) --world.works;
+  const u32 id = startThread(raiseAll, &world, options);
+  if (id == 0) --world.works;
+  setUserValues(id, 1, 2);  // Of a thread that may have ended.
 }
 
 void useTwins(World& world, bool write) {

@@ -307,6 +307,18 @@ void compare(const KTPoolSettings& settings, u32 seed, HeapWatch& heap) {
   EXPECT_EQ(KTPoolTally{}, pool.counters().totals.cached);
 }
 
+// What a thread keeps when its pool goes, goes with it; the thread's slot, with the thread.
+TEST(KTPoolModel, leavesNothingBehindForThreadsThatLiveOn) {
+  slotsCollect();
+  const HeapWatch heap;
+  {
+    Hand hand;
+    KTPool<KTMemory> pool({2, 340, 200, 60'000, 256, 20});
+    hand.run([&] { const KTMemoryPtr block(100, &pool); });
+  }
+  EXPECT_EQ(0u, heap->live);
+}
+
 TEST(KTPoolModel, agreesOverRandomOperations) {
   const struct {
     const char* name;

@@ -4,14 +4,11 @@
 
 #include <latch>
 #include <memory>
-#include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/HeapWatch.h"
-#include "support/Threads.h"
 
 namespace {
 
@@ -70,54 +67,6 @@ TEST(KTPool, aHitTakesNoLockAndNoMemory) {
   EXPECT_EQ(before, pool.counters());
   { const KTMemoryPtr oneMore(100, &pool); }
   EXPECT_EQ(kSettings.syncInterval + 1, pool.counters().totals.hits.count);
-}
-
-// Threads come and go, take blocks, fill them, and release those of others.
-TEST(KTPool, keepsItsBlocksAndItsBooksUnderContention) {
-  constexpr int kThreads = 4, kLives = 6, kRounds = 1500;
-  KTPool<KTMemory> pool(kSettings);
-  std::mutex mutex;
-  std::vector<KTMemoryPtr> shared(32);  // Under the mutex.
-  const auto live = [&](int seed) {
-    std::minstd_rand random(static_cast<u32>(seed));
-    for (int round = 0; round < kRounds; ++round) {
-      const u32 size = 1 + static_cast<u32>(random() % 5000);
-      KTMemoryPtr block(size, &pool);
-      block->data[0] = block->data[size - 1] = static_cast<u8>(size);
-      const std::lock_guard guard(mutex);
-      KTMemoryPtr& place = shared[random() % shared.size()];
-      if (place) {
-        EXPECT_EQ(place->data[0], place->data[place->length.read() - 1]);
-      }
-      block->length.store(static_cast<i32>(size));
-      place = block;
-    }
-    slotsTearDown();
-  };
-  orv::test::onThreads(kThreads, [&](int i) {
-    for (int life = 1; life <= kLives; ++life) std::thread(live, i * 100 + life).join();
-  });
-  shared.clear();
-  slotSet(kSettings.threadSlot, nullptr, nullptr);
-  const KTPoolCounters c = pool.counters();
-  EXPECT_EQ(0u, c.cacheCount);
-  EXPECT_EQ(KTPoolTally{}, c.totals.cached);
-  EXPECT_EQ(c.totals.alloc.count, c.totals.destroy.count + c.destroy.count + c.free.count);
-  EXPECT_EQ(c.returned.count, c.taken.count + c.destroy.count + c.free.count);
-  EXPECT_LE(c.free.count, u64{kThreads} * kSettings.maxEntries);
-}
-
-// Host threads end without a word. What they kept goes back to the pool, and their share of its marks.
-TEST(KTPool, getsBackWhatEndedThreadsKept) {
-  KTPool<KTMemory> pool(kSettings);
-  for (int i = 0; i < 300; ++i) std::thread([&] { const KTMemoryPtr block(100, &pool); }).join();
-  EXPECT_LE(pool.counters().cacheCount, 70u);
-  slotsCollect();
-  const KTPoolCounters c = pool.counters();
-  EXPECT_EQ(0u, c.cacheCount);
-  EXPECT_EQ(KTPoolTally{}, c.totals.cached);
-  EXPECT_EQ(kSettings.maxEntries, pool.highMark());
-  EXPECT_EQ(c.totals.alloc.count, c.destroy.count + c.free.count);
 }
 
 // The threads have slots still, one of them lives on, and another pool uses the same slot.

@@ -5,8 +5,6 @@
 #include <atomic>
 #include <future>
 #include <latch>
-#include <random>
-#include <vector>
 
 #include "platform/Thread.h"
 #include "util/ORVFiberPool.h"
@@ -57,8 +55,8 @@ TEST(startThread, givesTheThreadAWorkerThatTheLibraryFindsById) {
   const u32 id = startThread(doWork, &work, 0);
   ASSERT_NE(0u, id);
   enrolled.wait();
-  setUserValues(id + 1, 8, 8);
   setUserValues(id, 17, 4);
+  setUserValues(id + 1, 8, 8);
   valuesSet.count_down();
   awaitThreads();
 }
@@ -102,30 +100,6 @@ TEST(startThread, endsWhileItsFunctionWaits) {
   await([&] { return orv::platform::threadHasEnded(id); });
   it.mutex.unlock();
   it.awaitEnd();
-}
-
-// Threads that start and end at random, while others store values for whatever runs.
-TEST(startThread, keepsTheRegistryWhole) {
-  constexpr int kStarters = 4, kEach = 100;
-  std::atomic<int> done{0};
-  std::atomic<u32> lastId{0};
-  KTFiberMutex mutex;
-  const Work work = [&] {
-    setUserValues(lastId, 1, 2);
-    const KTMutexGuard guard(mutex);
-    if (++done % 3 == 0) orv::util::yield();
-  };
-  std::vector<Work> works(kStarters * kEach, work);  // The registry tells the threads' owners apart.
-  onThreads(kStarters, [&](int starter) {
-    std::minstd_rand random(static_cast<u32>(starter));
-    for (int n = 0; n < kEach; ++n) {
-      lastId = startThread(doWork, &works[static_cast<std::size_t>(starter * kEach + n)], random() % 2);
-      EXPECT_NE(0u, lastId);
-    }
-    slotsTearDown();
-  });
-  await([&] { return done == kStarters * kEach; });
-  awaitThreads();
 }
 
 }  // namespace

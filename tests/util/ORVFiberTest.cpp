@@ -233,8 +233,8 @@ TEST(ORVFiber, isNotLostWhenThereIsNoThreadToResumeItOn) {
   }
 }
 
-// New threads stand still until the gate opens.
-std::atomic<bool> gateClosed{false};
+std::atomic<bool> gateClosed{false};  // A new thread stands still until it opens; one at a time.
+
 // A hand-over starts a thread for the fiber, and doesn't wait until it runs.
 TEST(ORVFiber, isResumedWithoutWaitingForItsThread) {
   Locking it;
@@ -314,30 +314,6 @@ TEST(ORVFiberPool, trimKeepsFourIdleForEachActive) {
   }
 }
 
-// Work spread over a pool from several threads, each taking what it can get.
-TEST(ORVFiberPool, servesManyThreads) {
-  constexpr int kThreads = 4, kRounds = 300;
-  KTFiberMutex mutex;
-  ORVFiberPool pool(16);
-  int count = 0;
-  Work work = [&] {
-    const KTMutexGuard guard(mutex);
-    ++count;
-  };
-  onThreads(kThreads, [&](int) {
-    onCleanThread([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        ORVFiberPtr fiber;
-        while (!(fiber = pool.acquire())) orv::util::yield();
-        EXPECT_TRUE(fiber->run(doWork, &work));
-      }
-    });
-  });
-  EXPECT_FALSE(pool.stop());
-  EXPECT_EQ(kThreads * kRounds, count);
-  awaitThreads();
-}
-
 // A fiber goes home where there is no memory.
 TEST(ORVFiberPool, takesNoMemoryToTakeAFiberBack) {
   onCleanThread([] {
@@ -359,20 +335,16 @@ TEST(ORVFiberPool, takesNoMemoryToTakeAFiberBack) {
 
 }  // namespace
 
-// In place of the system's: its threads wait at the gate.
+// In place of the system's: a thread that starts meanwhile waits at the gate.
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                               void* argument) {
-  struct Start {
-    void* (*run)(void*);
-    void* argument;
-  };
   static auto* const system = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
   if (!gateClosed) return system(thread, attributes, run, argument);
-  const auto waitAtGate = [](void* raw) {
-    const Start start = *static_cast<Start*>(raw);
-    delete static_cast<Start*>(raw);
+  static void* (*runBehindGate)(void*);
+  runBehindGate = run;
+  const auto waitAtGate = [](void* itsArgument) {
     gateClosed.wait(true);
-    return start.run(start.argument);
+    return runBehindGate(itsArgument);
   };
-  return system(thread, attributes, waitAtGate, new Start{run, argument});
+  return system(thread, attributes, waitAtGate, argument);
 }

@@ -101,7 +101,10 @@ TEST(ThreadSlots, ofEndedThreadsAreFreedByACollection) {
 TEST(ThreadSlots, unloadFreesWorkersAndLeavesAFreshStart) {
   for (int round = 0; round < 2000; ++round) {
     useAMutex();
-    ASSERT_NE(nullptr, slotGet(kSlotWorker));
+    auto* const worker = static_cast<IWorker*>(slotGet(kSlotWorker));
+    ASSERT_NE(nullptr, worker);
+    ASSERT_EQ(kWorkerDelegate, worker->workerType());
+    ASSERT_EQ(1, worker->getRefCount());
     slotsUnload();
     ASSERT_EQ(0u, slotOwnersForTest());
     ASSERT_EQ(nullptr, slotGet(kSlotWorker));
