@@ -7,7 +7,6 @@
 namespace orv::test {
 namespace {
 
-using namespace amf;
 using flv::MediaContext;
 using flv::MediaContextStore;
 
@@ -43,20 +42,19 @@ const Bytes kControl{0, 0x21, 0, 0, 0, 0};  // Comes with each additional header
 
 // The serialized form, written down by hand.
 Bytes blobOf(const std::vector<Context>& contexts) {
-  Members records;
+  const auto number = [](auto value) { return "00 =" + std::to_string(value); };
+  std::string text = "03";
   for (const Context& context : contexts) {
-    const auto size = static_cast<u8>(context.data.size());
-    const Bytes memory = Bytes{32, 0, 0, 0, size} + context.data;
-    Bytes position{34, 0, 0, 0, 0, 0, 0, 0, 0};
-    for (u32 i = 0; i < 8; ++i) position[8 - i] = static_cast<u8>(context.position >> 8 * i);
-    records.push_back({"", object({{"messageType", number(context.type)},
-                                   {"time", number(context.time)},
-                                   {"buffer", memory},
-                                   {"position", position},
-                                   {"trackID", number(context.trackID)},
-                                   {"contextType", number(context.contextType)}})});
+    Bytes size(4), position(8);
+    flv::writeU32(size.data(), static_cast<u32>(context.data.size()));
+    flv::writeU32(&position[0], static_cast<u32>(context.position >> 32));
+    flv::writeU32(&position[4], static_cast<u32>(context.position));
+    text += " 0000 03 <messageType> " + number(context.type) + " <time> " + number(context.time) +
+            " <buffer> 20" + hexOf(size) + hexOf(context.data) + " <position> 22" + hexOf(position) +
+            " <trackID> " + number(context.trackID) + " <contextType> " + number(context.contextType) +
+            " 000009";
   }
-  return object(records);
+  return bytesOf(text + " 000009");
 }
 
 // None if the store is empty.
@@ -68,10 +66,10 @@ Bytes serialized(const MediaContextStore& store) {
 using MediaContextsTest = RecordTest;
 
 TEST_F(MediaContextsTest, headRecords) {
-  const Bytes meta = durationMetadata(1), second = onMetaData(number(2)), meta3 = Bytes{0} + meta;
-  const Bytes xmp = onMetaData(text("x"), "onXMPData"), header = onMetaData({5}, "|AdditionalHeader");
-  const Bytes cut(meta.begin(), meta.end() - 5), bad = onMetaData({35}), cue = onMetaData({5}, "onCuePoint");
-  const Bytes inCapitals = onMetaData({5}, "OnMetaData");
+  const Bytes meta = durationMetadata(1), second = onMetaData("00 =2"), meta3 = Bytes{0} + meta;
+  const Bytes xmp = bytesOf("02 <onXMPData> 02 <x>"), header = bytesOf("02 <|AdditionalHeader> 05");
+  const Bytes cut(meta.begin(), meta.end() - 5), bad = onMetaData("23"), cue = bytesOf("02 <onCuePoint> 05");
+  const Bytes inCapitals = bytesOf("02 <OnMetaData> 05");
   const Message media{kVideo, 0, payload(kVideo, 30, 1)};
   const auto behind = [&](u32 count) {
     std::vector<Message> tags(count, media);
@@ -103,7 +101,7 @@ TEST_F(MediaContextsTest, headRecords) {
       {"the 21st tag", behind(20), {}, {}, 21},
       {"cut short: its name counts", {{kData, 0, cut}}, {{kData, cut, 2}}, cut, 0},
       {"a marker that is none", {{kData, 0, bad}, {kData, 0, meta}}, {contextMeta}, meta, 1, 1},
-      {"other names", {{kData, 0, inCapitals}, {kData, 0, {}}, {kData, 0, number(1)}}, {}, {}, 3},
+      {"other names", {{kData, 0, inCapitals}, {kData, 0, {}}, {kData, 0, bytesOf("00 =1")}}, {}, {}, 3},
   };
   for (const auto& file : kFiles) {
     std::vector<Message> tags = file.tags;
@@ -129,7 +127,7 @@ TEST_F(MediaContextsTest, headRecords) {
 }
 
 TEST_F(MediaContextsTest, serializedForm) {
-  const Bytes meta = onMetaData(object({{"a", number(1)}})), header = onMetaData({5}, "|AdditionalHeader");
+  const Bytes meta = onMetaData("03 <a> 00 =1 000009"), header = bytesOf("02 <|AdditionalHeader> 05");
   Contexts contexts;
   {
     Stream stream = open(FlvBuilder().tag(kVideo, 5, 20));
@@ -163,20 +161,19 @@ TEST_F(MediaContextsTest, serializedForm) {
 TEST_F(MediaContextsTest, deserialize) {
   const Context context{9, {1, 2, 3}, 6, 0xFFFFFFFF, 77, 2};
   const Bytes blob = blobOf({context});
-  const Members strange{{"TRACKID", number(6)},
-                        {"other", text("x")},
-                        {"buffer", text("no block")},
-                        {"messageType", number(0x112)}};
   const struct {
     const char* name;
     Bytes blob;
     std::vector<Context> contexts;  // As serialize tells them.
   } kBlobs[] = {
       {"whole", blob, {context}},
-      {"other keys and types", object({{"", object(strange)}}), {{0x12, {}, 6}}},
-      {"not only objects", object({{"a", number(4)}, {"b", object({})}}), {{}}},
+      {"other keys and types",
+       bytesOf("03 0000 03 <TRACKID> 00 =6 <other> 02 <x> <buffer> 02 <no block> <messageType> 00 =274 "
+               "000009 000009"),
+       {{0x12, {}, 6}}},
+      {"not only objects", bytesOf("03 <a> 00 =4 <b> 03 000009 000009"), {{}}},
       {"cut in a second", Bytes(blob.begin(), blob.end() - 3) + Bytes{0, 0, 3, 0, 9}, {context, {}}},
-      {"no container", number(1), {}},
+      {"no container", bytesOf("00 =1"), {}},
       {"no value", {35}, {}},
   };
   for (const auto& given : kBlobs) {

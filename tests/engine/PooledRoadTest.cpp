@@ -9,8 +9,6 @@
 namespace orv::test {
 namespace {
 
-using namespace amf;
-
 // Threads of a host that come and go: what one of them takes, others release.
 template <class Work>
 void onThread(Work work) {
@@ -28,8 +26,8 @@ Bytes road() {
   const std::unique_ptr<IQVStreamAdaptor> adaptor(made);
   Bytes seen;
   const std::string name = "c:\\media\\film", file = name + ".flv";
-  for (const Bytes& claim : {object({{"duration", number(0)}, {"title", text("x")}}),
-                             array3({{"duration", Bytes{5} + ieee(0)}, {"title", Bytes{6} + key3("x")}})}) {
+  for (const char* const claim :
+       {"03 <duration> 00 =0 <title> 02 <x> 000009", "11 09 01 11'duration' 05 =0 0B'title' 06 03'x' 01"}) {
     host.remove(file);
     std::optional<Stream> stream;
     onThread([&] { stream.emplace(*adaptor, name, Stream::record); });

@@ -5,8 +5,6 @@
 namespace orv::test {
 namespace {
 
-using namespace amf;
-
 // What a recording always asks: opening the file, the place of the metadata, the flags byte and the scan.
 const std::string kMake = "stat, mkdir c:\\media, open 33538 384";
 const std::string kCreate = kMake + ", m:open 33538 384, fstat, fstat, m:seek 0 2, ";
@@ -38,7 +36,8 @@ using RecordCallsTest = RecordTest;
 
 TEST_F(RecordCallsTest, lifeOfAFile) {
   const auto metadata = [](double seconds, double codec, u8 count) {
-    return onMetaData(array({{"duration", number(seconds)}, {"videocodecid", number(codec)}}, count));
+    return onMetaData("08 000000" + hexOf({count}) + " <duration> 00 =" + std::to_string(seconds) +
+                      " <videocodecid> 00 =" + std::to_string(codec) + " 000009");
   };
   const Bytes before = metadata(0, 0, 2), key{0x12, 1, 2}, sound{0x2F, 3};
   ASSERT_EQ(before.size(), 63u);

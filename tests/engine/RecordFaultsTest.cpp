@@ -11,8 +11,11 @@ namespace {
 constexpr u32 kFlushes = 3, kTagsAFlush = 6;
 constexpr u32 kMetadata = kFirstTag + flv::kTagHeaderSize;  // Where its payload stands.
 
+// The metadata, then media, each tag with bytes of its own.
 Message tagOf(u32 i) {
-  return sessionTag(i, 5 + 7 * (i % 4));
+  if (i == 0) return {kData, 0, onMetaData("08 00000002 <duration> 00 =0 <canSeekToEnd> 01 00 000009")};
+  const u8 type = i % 3 == 0 ? kAudio : kVideo;
+  return {type, 100 * i, payload(type, 5 + 7 * (i % 4), i)};
 }
 
 class RecordFaultsTest : public RecordTest {

@@ -12,36 +12,39 @@
 namespace orv::test {
 namespace {
 
-using namespace amf;
 using RecordPathTest = RecordTest;
 
 TEST_F(RecordPathTest, messages) {
   const std::string h264 = "2Recording H264 to FLV is unsupported, tried in FLV : c:\\media\\film.flv";
   const std::string aac = "2Recording AAC to FLV is unsupported, tried in FLV : c:\\media\\film.flv";
   const Bytes video{0x12, 7}, sound{0x2F, 7};
-  const Bytes endless = durationMetadata(0) + text("x") + Bytes(0x1000000);
   const struct {
     const char* name;
     std::vector<Message> messages;
     u8 flags;
     std::set<std::size_t> dropped{};
     std::string log{};
+    const char* codecs = "";
   } kRecordings[] = {
       {"times as they come", {{kVideo, 0x01020304, video}, {kVideo, 5, video}, {kAudio, 0, sound}}, 5},
       {"filter bit, no type", {{kVideo | 0x20, 1, video}, {0x28, 2, sound}, {3, 3, sound}}, 13},
       {"high byte of the type is ignored", {{0xFF09, 1, video}}, 1},
-      {"H.264", {{kVideo, 1, {0x17}}, {kVideo, 1, {7}}, {kVideo, 2, {7}}, {3, 1, sound}}, 8, {0, 1, 2}, h264},
-      {"AAC", {{kAudio, 1, {0xAF}}, {kAudio, 1, {0xA0}}, {kAudio, 2, {0xA0}}}, 0, {0, 1, 2}, aac},
+      {"H.264", {{kVideo, 1, {0x17}}, {kVideo, 1, {7}}, {3, 1, sound}}, 8, {0, 1}, h264, "classic"},
+      {"AAC", {{kAudio, 1, {0xAF}}, {kAudio, 1, {0xA0}}}, 0, {0, 1}, aac, "ALL"},
       {"empty ones aren't refused", {{kVideo, 1, {}}, {kAudio, 2, {}}}, 1},
       {"only their own types are", {{kVideo, 1, {0xA2}}, {kAudio, 2, {0x17}}, {kVideo | 0x20, 3, {0x17}}}, 5},
       {"too long for a tag", {{kVideo, 1, Bytes(0x1000000, 2)}, {kVideo, 2, video}}, 1, {0}},
       // It leaves no trace, so nothing is written where it would have stood.
-      {"metadata too long for a tag", {{kData, 0, endless}, {kVideo, 40, video}}, 1, {0}},
+      {"metadata too long for a tag",
+       {{kData, 0, durationMetadata(0) + bytesOf("02 0000 00(16777216)")}, {kVideo, 40, video}},
+       1,
+       {0}},
       {"bad data at another time", {{kData, 1, {35}}, {kData, 2, {}}}, 8},
   };
   for (const auto& recording : kRecordings) {
     host.remove(kFile);
     host.log.clear();
+    configure({{"RecordCodecs", recording.codecs}});
     Stream stream = openRecord();
     stage(stream, recording.messages);
     std::vector<Message> kept;
@@ -56,124 +59,85 @@ TEST_F(RecordPathTest, messages) {
   }
 }
 
-TEST_F(RecordPathTest, allCodecs) {
-  const Bytes avc1{'a', 'v', 'c', '1'}, mp4a{'m', 'p', '4', 'a'};
-  const auto numbers = [](double video, double audio, bool seeks) {
-    const Members members{
-        {"videocodecid", number(video)}, {"audiocodecid", number(audio)}, {"canSeekToEnd", boolean(seeks)}};
-    return onMetaData(object(members));
-  };
-  const struct {
-    const char* name;
-    std::vector<Message> media;
-    double video, audio;
-    bool seeks;
-  } kRecordings[] = {
-      {"H.264 and AAC", {{kVideo, 0, {0x17, 0}}, {kAudio, 0, {0xAF, 0}}, {kVideo, 5, {0x27}}}, 7, 10, false},
-      {"extended headers",
-       {{kVideo, 5, Bytes{0x93} + avc1}, {kAudio, 5, Bytes{0x91} + mp4a}},
-       0x61766331,
-       0x6D703461,
-       true},
-      {"an inter frame last",
-       {{kVideo, 5, Bytes{0x90} + avc1}, {kVideo, 6, {0xA1}}, {kAudio, 6, {0x2F}}},
-       0x61766331,
-       2,
-       false},
-      {"no FourCC",
-       {{kVideo, 5, {0x90, 'a', 'v', 'c'}},
-        {kVideo, 5, Bytes{0x96} + avc1},
-        {kAudio, 5, {0x91}},
-        {kAudio, 5, Bytes{0x95} + mp4a}},
-       0,
-       0,
-       true},
-  };
-  for (const char* const words : {"all", "classic", "ALL", ""}) {
-    configure({{"RecordCodecs", words}});
-    const bool all = words == std::string("all");
-    for (const auto& [name, media, video, audio, seeks] : kRecordings) {
-      host.remove(kFile);
-      Stream stream = openRecord();
-      std::vector<Message> tags{{kData, 0, numbers(0, 0, false)}};
-      stage(stream, tags);
-      stage(stream, media);
-      EXPECT_TRUE(stream.flush());
-      EXPECT_EQ(host.log.empty(), all || name != kRecordings[0].name) << words;
-      host.log.clear();
-      if (!all) continue;
-      tags[0].data = numbers(video, audio, seeks);
-      tags.insert(tags.end(), media.begin(), media.end());
-      EXPECT_EQ(bytes(), fileBytes(13, tags)) << name;
-      EXPECT_EQ(tagsOf(stream), media) << name;
-    }
+// A text without its brackets: of each "[sent|kept]" the one or the other.
+Bytes metadataOf(u8 type, std::string text, bool kept) {
+  for (std::size_t open; (open = text.find('[')) != std::string::npos;) {
+    const std::size_t bar = text.find('|', open), close = text.find(']', bar);
+    const auto chosen = kept ? text.substr(bar + 1, close - bar - 1) : text.substr(open + 1, bar - open - 1);
+    text.replace(open, close + 1 - open, chosen);
   }
+  return Bytes(type == kData3 ? 1 : 0) + onMetaData(text);
 }
 
 TEST_F(RecordPathTest, rewrittenMetadata) {
-  const Bytes half = Bytes{5} + ieee(0.5), five = Bytes{5} + ieee(5), none = Bytes{5} + ieee(0);
-  const Bytes three{4, 3}, zero{4, 0}, yes{3}, no{2};
-  const auto full = [](double duration, double video, double audio, bool seeks, u8 count) {
-    return array({{"a", text("b")},
-                  {"duration", number(duration)},
-                  {"videocodecid", number(video)},
-                  {"audiocodecid", number(audio)},
-                  {"canSeekToEnd", boolean(seeks)}},
-                 count);
-  };
+  const std::vector<Message> kClassic{
+      {kAudio, 10, {0x2F}}, {kAudio, 20, {0x3F}}, {kVideo, 4999, {0x13}}, {kVideo, 5000, {0x24}}};
+  const Bytes avc{0x93, 'a', 'v', 'c', '1'}, aac{0x91, 'm', 'p', '4', 'a'};
   const struct {
     const char* name;
-    Bytes sent, kept;  // Behind the name; nothing kept: what was sent.
+    std::string metadata;
     u8 type = kData;
-    u8 lastVideo = 0x24;
-  } kPayloads[] = {
-      {"ends on a key frame", object({{"canSeekToEnd", boolean(false)}}),
-       object({{"canSeekToEnd", boolean(true)}}), kData, 0x14},
-      {"array", full(0, 0, 0, true, 9), full(5, 3, 2, false, 0)},
-      {"object, in any case", object({{"DURATION", number(9)}, {"canseektoend", boolean(true)}}),
-       object({{"DURATION", number(5)}, {"canseektoend", boolean(false)}})},
-      {"codecs that are known",
-       object({{"videocodecid", number(4)}, {"audiocodecid", text("7")}, {"duration", number(0)}}),
-       object({{"videocodecid", number(4)}, {"audiocodecid", text("7")}, {"duration", number(5)}})},
-      {"video codec alone", object({{"videocodecid", number(0)}}), object({{"videocodecid", number(3)}})},
-      {"audio codec alone", object({{"audiocodecid", number(0)}}), object({{"audiocodecid", number(2)}})},
-      {"codec as a text", object({{"videocodecid", text("FLV1")}, {"duration", number(0)}}), {}},
-      {"a text as long as a number", object({{"duration", text("00:05:")}}),
-       object({{"duration", number(5)}})},
-      {"no key of ours", array({{"width", number(320)}}, 1), {}},
-      {"nothing", {}, {}},
-      {"AMF3 array", array3({{"duration", half}, {"videocodecid", zero}, {"canSeekToEnd", yes}}),
-       array3({{"duration", five}, {"videocodecid", three}, {"canSeekToEnd", no}}), kData3},
-      {"AMF3 codec as a double", array3({{"duration", half}, {"videocodecid", none}}), {}, kData3},
-      {"AMF3 object", array3({{"duration", half}}, {17, 10, 11, 1}), {}, kData3},
-      {"AMF0 object in an AMF3 message", object({{"duration", number(0)}}), object({{"duration", number(5)}}),
-       kData3},
+    std::vector<Message> media{};  // Where all codecs are taken; otherwise the classic ones.
+  } kRecordings[] = {
+      {"array",
+       "08 000000[09|00] <a> 02 <b> <duration> 00 =[0|5] <videocodecid> 00 =[0|3] <audiocodecid> 00 =[0|2] "
+       "<canSeekToEnd> 01 [01|00] 000009"},
+      {"object, in any case", "03 <DURATION> 00 =[9|5] <canseektoend> 01 [01|00] 000009"},
+      {"codecs that are known", "03 <videocodecid> 00 =4 <audiocodecid> 02 <7> <duration> 00 =[0|5] 000009"},
+      {"video codec alone", "03 <videocodecid> 00 =[0|3] 000009"},
+      {"audio codec alone", "03 <audiocodecid> 00 =[0|2] 000009"},
+      {"codec as a text", "03 <videocodecid> 02 <FLV1> <duration> 00 =0 000009"},
+      {"a text as long as a number", "03 <duration> [02 <00:05:>|00 =5] 000009"},
+      {"no key of ours", "08 00000001 <width> 00 =320 000009"},
+      {"nothing", ""},
+      {"AMF3 array",
+       "11 09 01 11'duration' 05 =[0.5|5] 19'videocodecid' 04 [00|03] 19'canSeekToEnd' [03|02] 01", kData3},
+      {"AMF3 codec as a double", "11 09 01 11'duration' 05 =0.5 19'videocodecid' 05 =0 01", kData3},
+      {"AMF3 object", "11 0A 0B 01 11'duration' 05 =0.5 01", kData3},
+      {"AMF0 object in an AMF3 message", "03 <duration> 00 =[0|5] 000009", kData3},
+      {"H.264 and AAC",
+       "03 <videocodecid> 00 =[0|7] <audiocodecid> 00 =[0|10] <canSeekToEnd> 01 00 000009",
+       kData,
+       {{kVideo, 0, {0x17, 0}}, {kAudio, 0, {0xAF, 0}}, {kVideo, 5, {0x27}}}},
+      {"extended headers",
+       "03 <videocodecid> 00 =[0|0x61766331] <audiocodecid> 00 =[0|0x6D703461] <canSeekToEnd> 01 [00|01] "
+       "000009",
+       kData,
+       {{kVideo, 5, avc}, {kAudio, 5, aac}}},
+      {"an inter frame last",
+       "03 <videocodecid> 00 =[0|0x61766331] <canSeekToEnd> 01 00 000009",
+       kData,
+       {{kVideo, 5, avc}, {kVideo, 6, {0xA1}}, {kAudio, 6, {0x2F}}}},
+      {"no FourCC",
+       "03 <videocodecid> 00 =0 <audiocodecid> 00 =0 <duration> 00 =[0|0.005] 000009",
+       kData,
+       {{kVideo, 5, {0x90, 'a', 'v', 'c'}},
+        {kVideo, 5, {0x96, 'a', 'v', 'c', '1'}},
+        {kAudio, 5, {0x91}},
+        {kAudio, 5, {0x95, 'm', 'p', '4', 'a'}}}},
   };
-  for (const auto& payload : kPayloads) {
+  for (const auto& [name, metadata, type, media] : kRecordings) {
     host.remove(kFile);
-    const Bytes zeroByte = payload.type == kData3 ? Bytes{0} : Bytes{};
-    const Bytes sent = zeroByte + onMetaData(payload.sent);
-    const Bytes kept = payload.kept.empty() ? sent : zeroByte + onMetaData(payload.kept);
-    std::vector<Message> tags{{payload.type, 0, sent},
-                              {kAudio, 10, {0x2F}},
-                              {kAudio, 20, {0x3F}},
-                              {kVideo, 4999, {0x13}},
-                              {kVideo, 5000, {payload.lastVideo}},
-                              {kData, 0, sent}};
+    const bool all = !media.empty();
+    configure({{all ? "RecordCodecs" : "none", "all"}});
     Stream stream = openRecord();
-    stage(stream, {{kVideo, 0, {0x17}}});  // Refused, so that its codec is none.
+    if (!all) stage(stream, {{kVideo, 0, {0x17}}});  // Refused, so that its codec is none.
+    std::vector<Message> tags{{type, 0, metadataOf(type, metadata, false)}};
+    for (const Message& tag : all ? media : kClassic) tags.push_back(tag);
     stage(stream, tags);
     EXPECT_TRUE(stream.flush());
-    tags[0].data = kept;
-    EXPECT_EQ(bytes(), fileBytes(13, tags)) << payload.name;
-    EXPECT_EQ(stream.metadata(), kept) << payload.name;
+    tags[0].data = metadataOf(type, metadata, true);
+    EXPECT_EQ(bytes(), fileBytes(13, tags)) << name;
+    EXPECT_EQ(stream.metadata(), tags[0].data) << name;
+    tags.erase(tags.begin());
+    EXPECT_EQ(tagsOf(stream), tags) << name;
   }
 }
 
 // Which message is the metadata.
 TEST_F(RecordPathTest, notedMetadata) {
-  const Bytes sent = durationMetadata(0);
-  const Bytes other = onMetaData(object({{"duration", number(0)}}), "onMetadata");
+  const Bytes sent = durationMetadata(0), other = bytesOf("02 <onMetadata> 03 <duration> 00 =0 000009");
+  const Message media{kVideo, 50, {2}};
   constexpr std::size_t kNone = 9;
   const struct {
     const char* name;
@@ -182,35 +146,33 @@ TEST_F(RecordPathTest, notedMetadata) {
     std::size_t inHead;  // The one that later flushes find in the file and rewrite.
     bool endIsUnknown = false;
   } kRecordings[] = {
-      {"first of all", {{kData, 0, sent}, {kVideo, 50, {2}}}, 0, 0},
-      {"behind another time", {{kVideo, 50, {2}}, {kData, 0, sent}, {kData, 0, sent}}, 1, kNone},
-      {"behind data of another name", {{kData, 0, other}, {kData, 0, sent}, {kVideo, 50, {2}}}, 1, 1},
-      {"at another time", {{kData, 1, sent}, {kVideo, 50, {2}}}, kNone, kNone},
-      {"of another type", {{kVideo, 0, sent}, {20, 0, sent}, {kVideo, 50, {2}}}, kNone, kNone},
-      {"filtered", {{kData | 0x20, 0, sent}, {kVideo, 50, {2}}}, kNone, 0},
-      {"without a place", {{kData, 0, sent}, {kVideo, 50, {2}}}, kNone, 0, true},
+      {"behind another time", {media, {kData, 0, sent}, {kData, 0, sent}}, 1, kNone},
+      {"behind data of another name", {{kData, 0, other}, {kData, 0, sent}, media}, 1, 1},
+      {"at another time", {{kData, 1, sent}, media}, kNone, kNone},
+      {"of another type", {{kVideo, 0, sent}, {20, 0, sent}, media}, kNone, kNone},
+      {"filtered", {{kData | 0x20, 0, sent}, media}, kNone, 0},
+      {"without a place", {{kData, 0, sent}, media}, kNone, 0, true},
   };
-  for (const auto& recording : kRecordings) {
+  for (const auto& [name, messages, noted, inHead, endIsUnknown] : kRecordings) {
     host.remove(kFile);
     Stream stream = openRecord();
-    std::vector<Message> tags = recording.messages;
-    host.failCall(recording.endIsUnknown ? 1 : 0, Fault::fails, Op::fstat);
+    std::vector<Message> tags = messages;
+    if (endIsUnknown) host.failCall(1, Fault::fails, Op::fstat);
     stage(stream, tags);
-    EXPECT_EQ(host.faultFired(), recording.endIsUnknown) << recording.name;
     EXPECT_TRUE(stream.flush());
-    if (recording.noted != kNone) tags[recording.noted].data = durationMetadata(0.05);
-    EXPECT_EQ(bytes(), fileBytes(9, tags)) << recording.name;
+    if (noted != kNone) tags[noted].data = durationMetadata(0.05);
+    EXPECT_EQ(bytes(), fileBytes(9, tags)) << name;
     tags.push_back({kAudio, 90, {0x2F}});
     stage(stream, {tags.back()});
     EXPECT_TRUE(stream.flush());
-    if (recording.inHead != kNone) tags[recording.inHead].data = durationMetadata(0.09);
-    EXPECT_EQ(bytes(), fileBytes(13, tags)) << recording.name;
+    if (inHead != kNone) tags[inHead].data = durationMetadata(0.09);
+    EXPECT_EQ(bytes(), fileBytes(13, tags)) << name;
   }
 }
 
 TEST_F(RecordPathTest, metadataThatBreaksTheConnection) {
   Stream stream = openRecord();
-  const Bytes bad = onMetaData({35});
+  const Bytes bad = onMetaData("23");
   EXPECT_THROW(stream.stage(kData, 0, bad), KTBreakConnection);
   EXPECT_THROW(stream.stage(kData, 0, bad), KTThrowable);
   // From another thread, which a lock left behind would stop.

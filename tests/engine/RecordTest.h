@@ -3,9 +3,8 @@
 
 #pragma once
 
-#include <cstring>
-
 #include "EngineTest.h"
+#include "support/AmfText.h"
 #include "support/MirrorConn.h"
 
 namespace orv::test {
@@ -29,63 +28,12 @@ inline Bytes fileBytes(u8 flags, const std::vector<Message>& tags) {
   return Bytes{'F', 'L', 'V', 1, flags, 0, 0, 0, 9, 0, 0, 0, 0} + tagBytes(tags);
 }
 
-// AMF values and members.
-namespace amf {
-
-inline Bytes key(const std::string& text) {
-  return Bytes{static_cast<u8>(text.size() >> 8), static_cast<u8>(text.size())} +
-         Bytes(text.begin(), text.end());
-}
-inline Bytes ieee(double value) {
-  Bytes out(8);
-  std::memcpy(out.data(), &value, out.size());
-  std::reverse(out.begin(), out.end());
-  return out;
-}
-inline Bytes number(double value) {
-  return Bytes{0} + ieee(value);
-}
-inline Bytes boolean(bool value) {
-  return {1, value};
-}
-inline Bytes text(const std::string& value) {
-  return Bytes{2} + key(value);
-}
-inline Bytes key3(const std::string& value) {
-  return Bytes{static_cast<u8>(value.size() * 2 + 1)} + Bytes(value.begin(), value.end());
-}
-
-using Members = std::vector<std::pair<const char*, Bytes>>;
-// In AMF0: an object, or an array that claims `count` members.
-inline Bytes object(const Members& members, Bytes head = {3}) {
-  for (const auto& [name, value] : members) head = head + key(name) + value;
-  return head + Bytes{0, 0, 9};
-}
-inline Bytes array(const Members& members, u8 count) {
-  return object(members, {8, 0, 0, 0, count});
-}
-// In AMF3, as one AMF0 value; values are AMF3 ones.
-inline Bytes array3(const Members& members, Bytes head = {17, 9, 1}) {
-  for (const auto& [name, value] : members) head = head + key3(name) + value;
-  return head + Bytes{1};
-}
-
-}  // namespace amf
-
-// A data message's payload.
-inline Bytes onMetaData(const Bytes& value, const std::string& name = "onMetaData") {
-  return amf::text(name) + value;
+// A data message's payload, its value written down as bytesOf() reads it.
+inline Bytes onMetaData(const std::string& value) {
+  return bytesOf("02 <onMetaData> " + value);
 }
 inline Bytes durationMetadata(double seconds) {
-  return onMetaData(amf::object({{"duration", amf::number(seconds)}}));
-}
-
-// The tags of a session: the metadata, then media, each with bytes of its own.
-inline Message sessionTag(u32 i, u32 size) {
-  const amf::Members members{{"duration", amf::number(0)}, {"canSeekToEnd", amf::boolean(false)}};
-  if (i == 0) return {kData, 0, onMetaData(amf::array(members, 2))};
-  const u8 type = i % 3 == 0 ? kAudio : kVideo;
-  return {type, 100 * i, payload(type, size, i)};
+  return onMetaData("03 <duration> 00 =" + std::to_string(seconds) + " 000009");
 }
 
 // All tags that loads deliver, from the first segment to the last.

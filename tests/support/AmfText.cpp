@@ -1,9 +1,11 @@
 #include "support/AmfText.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "server/KTDataArray.h"
 
@@ -66,21 +68,31 @@ std::size_t repetition(const std::string& text, std::size_t& at) {
 
 Bytes bytesOf(const std::string& text) {
   Bytes bytes;
-  bool quoted = false;
-  for (std::size_t at = 0; at < text.size();) {
-    if (text[at] == '\'') {
-      quoted = !quoted;
-      ++at;
-    } else if (!quoted && text[at] == ' ') {
-      ++at;
-      continue;
+  std::size_t at = 0;
+  const auto takeUpTo = [&](char mark) {
+    const std::size_t from = std::exchange(at, text.find(mark, at));
+    bytes.insert(bytes.end(), text.begin() + static_cast<long>(from), text.begin() + static_cast<long>(at++));
+  };
+  while (at < text.size()) {
+    const char mark = text[at];
+    at += mark == ' ' || mark == '\'' || mark == '<' || mark == '=';
+    if (mark == ' ') continue;
+    if (mark == '\'') {
+      takeUpTo('\'');
+    } else if (mark == '<') {
+      const std::size_t size = text.find('>', at) - at;
+      bytes.insert(bytes.end(), {static_cast<u8>(size >> 8), static_cast<u8>(size)});
+      takeUpTo('>');
+    } else if (mark == '=') {
+      char* end = nullptr;
+      const auto bits = std::bit_cast<u64>(std::strtod(&text[at], &end));
+      for (int shift = 56; shift >= 0; shift -= 8) bytes.push_back(static_cast<u8>(bits >> shift));
+      at = static_cast<std::size_t>(end - text.data());
     } else {
-      const std::size_t width = quoted ? 1 : 2;
-      const std::string token = text.substr(at, width);
-      bytes.push_back(quoted ? static_cast<u8>(token[0]) : static_cast<u8>(std::stoul(token, nullptr, 16)));
-      at += width;
+      bytes.push_back(static_cast<u8>(std::stoul(text.substr(at, 2), nullptr, 16)));
+      at += 2;
     }
-    if (!quoted) bytes.resize(bytes.size() + repetition(text, at) - 1, bytes.empty() ? u8{0} : bytes.back());
+    bytes.resize(bytes.size() + repetition(text, at) - 1, bytes.empty() ? u8{0} : bytes.back());
   }
   return bytes;
 }

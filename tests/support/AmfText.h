@@ -11,7 +11,8 @@
 namespace orv::test {
 
 // "02 0005 'hello'": pairs of hexadecimal digits and quoted text, blanks where they please. A number in
-// parentheses repeats the byte in front of it, or the quoted character: "00(8)", "'a'(65536)".
+// parentheses repeats the byte in front of it, or the quoted character: "00(8)", "'a'(65536)". "<key>" is a
+// text with its length in two bytes in front, "=0.5" a number in eight.
 Bytes bytesOf(const std::string& text);
 
 // The opposite, all in digits.
