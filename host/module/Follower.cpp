@@ -15,7 +15,7 @@ bool Follower::hasGrown() {
 }
 
 void Follower::load(const Handler& handler) {
-  SegmentWalk walk(stream_, position_);
+  SegmentWalk walk(stream_, position_, SegmentWalk::Ask::longTags);
   for (;;) {
     const std::size_t gaps = walk.gaps().size();
     std::optional<SegmentBounds> bounds = walk.next();

@@ -126,7 +126,7 @@ class Player {
 
 PlayTally Player::run() {
   sendHead();
-  SegmentWalk walk(stream_, plan_.start.position);
+  SegmentWalk walk(stream_, plan_.start.position, SegmentWalk::Ask::longTags);
   bool pastEnd = false;
   while (!pastEnd) {
     const std::size_t gaps = walk.gaps().size();
