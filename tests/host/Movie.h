@@ -43,6 +43,14 @@ inline orv::test::Message tagOf(const FlvBuilder& file, std::size_t index) {
   return {tag.type, tag.time, {data, data + tag.size}};
 }
 
+// Whether `tags` from the one at `from` on are those that the film has there.
+inline bool isPart(const TagList& tags, std::size_t from, const FlvBuilder& film) {
+  for (std::size_t i = from; i < tags.size(); ++i) {
+    if (i >= film.tags().size() || tags[i] != tagOf(film, i)) return false;
+  }
+  return true;
+}
+
 // A handler that keeps each tag in `tags`.
 inline auto into(TagList& tags) {
   return [&tags](const Tag& tag) { tags.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}}); };

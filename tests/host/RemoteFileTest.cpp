@@ -34,6 +34,8 @@ TEST(RemoteFile, hostileAnswersAreRefusedInWords) {
   const std::string body(100, 'x'), endless(32 << 20, 'x');
   const std::string ok = "HTTP/1.1 206 Partial Content\r\n", range = "Content-Range: bytes 0-99/1000\r\n";
   const std::string length = "Content-Length: 100\r\n";
+  std::string many = ok;
+  for (int i = 0; i < 9000; ++i) many += "X-Y: 012345678\r\n";
   const struct {
     const char* name;
     std::string reply;
@@ -58,14 +60,7 @@ TEST(RemoteFile, hostileAnswersAreRefusedInWords) {
       {"cut off", ok + range + length + "Connection: close\r\n\r\n0123", "transfer closed"},
       {"compressed", ok + range + length + "Content-Encoding: gzip\r\n\r\n" + body, "compressed"},
       {"headers without end", ok + std::string(200'000, 'h') + ": x\r\n", ""},
-      {"many headers",
-       ok +
-           [] {
-             std::string h;
-             for (int i = 0; i < 9000; ++i) h += "X-Y: 012345678\r\n";
-             return h;
-           }(),
-       "headers without end"},
+      {"many headers", many, "headers without end"},
       {"redirect without end", "HTTP/1.1 302 Found\r\nLocation: /film.flv\r\nContent-Length: 0\r\n\r\n",
        "redirects"},
       {"redirect to a file",
@@ -215,7 +210,7 @@ TEST(RemoteFile, aGrowingObjectIsFollowedWithNothingLostOrTwice) {
   EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
   const TagList tags = tagsOf(outcome.out);
   ASSERT_EQ(tags.size(), 2000u) << outcome.err;
-  for (std::size_t i = 0; i < tags.size(); ++i) ASSERT_EQ(tags[i], tagOf(film, i)) << i;
+  EXPECT_TRUE(isPart(tags, 0, film));
 }
 
 }  // namespace

@@ -15,62 +15,46 @@
 namespace orv::host::test {
 namespace {
 
-// The sanitizers keep what was freed.
-#if defined(ORV_ASAN) || defined(ORV_TSAN)
-constexpr bool kFreesMemory = false;
-#else
-constexpr bool kFreesMemory = true;
-#endif
-
 using testing::HasSubstr;
 using testing::StartsWith;
 
+// A request as text: "media a.flv from 90000 to -5000 (bad)".
+std::string meaning(const std::string& target) {
+  constexpr const char* kKinds[] = {"page",  "script",  "player",   "list",   "metrics",
+                                    "media", "summary", "segments", "unknown"};
+  const ServerRequest request = readRequest(target);
+  std::string text = kKinds[static_cast<int>(request.kind)];
+  if (!request.name.empty()) text += " " + request.name;
+  for (const auto& [word, time] : {std::pair{" from ", request.from}, {" to ", request.to}})
+    if (time) text += word + std::string(time->fromEnd ? "-" : "") + std::to_string(time->ms);
+  return text + (request.isBad ? " (bad)" : "");
+}
+
 TEST(ServerRequest, meansWhatItSaysOrNothing) {
-  using Kind = ServerRequest::Kind;
-  const std::optional<ViewTime> none;
-  const struct {
-    std::string target;
-    Kind kind;
-    const char* name;
-    std::optional<ViewTime> from, to;
-    bool isBad;
-  } kCases[] = {
-      {"/", Kind::page, "", none, none, false},
-      {"/list.json", Kind::list, "", none, none, false},
-      {"/metrics?x", Kind::metrics, "", none, none, false},
-      {"/a/b%20c.flv?from=1:30&to=-5s&token=t", Kind::media, "a/b c.flv", ViewTime{90'000},
-       ViewTime{5'000, true}, false},
-      {"/a.json", Kind::summary, "a.flv", none, none, false},
-      {"/a/segments.json", Kind::segments, "a.flv", none, none, false},
-      {"/a.flv?from=x", Kind::media, "a.flv", none, none, true},
-      {"/a.flv?from=-", Kind::media, "a.flv", none, none, true},
-      {"/a%2.flv", Kind::unknown, "", none, none, true},
-      {"/..%2fa.flv", Kind::unknown, "", none, none, false},
-      {"/a/../b.flv", Kind::unknown, "", none, none, false},
-      {"/a//b.flv", Kind::unknown, "", none, none, false},
-      {"//etc/a.flv", Kind::unknown, "", none, none, false},
-      {"/.hidden.flv", Kind::unknown, "", none, none, false},
-      {"/a\\b.flv", Kind::unknown, "", none, none, false},
-      {"/a%00b.flv", Kind::unknown, "", none, none, false},
-      {"/a%0ab.flv", Kind::unknown, "", none, none, false},
-      {"/.flv", Kind::unknown, "", none, none, false},
-      {"/a.mp4", Kind::unknown, "", none, none, false},
-      {"a.flv", Kind::unknown, "", none, none, false},
-      {"", Kind::unknown, "", none, none, false},
-      {"/1/2/3/4/5/6/7/8/9.flv", Kind::unknown, "", none, none, false},
-      {"/" + std::string(300, 'a') + ".flv", Kind::unknown, "", none, none, false},
+  const std::pair<std::string, std::string> kCases[] = {
+      {"/", "page"},
+      {"/list.json", "list"},
+      {"/metrics?x", "metrics"},
+      {"/page.js", "script"},
+      {"/mpegts.js", "player"},
+      {"/a/b%20c.flv?from=1:30&to=-5s&token=t", "media a/b c.flv from 90000 to -5000"},
+      {"/a.json", "summary a.flv"},
+      {"/a/segments.json", "segments a.flv"},
+      {"/a.flv?from=x", "media a.flv (bad)"},
+      {"/a.flv?from=-", "media a.flv (bad)"},
+      {"/a%2.flv", "unknown (bad)"},
   };
-  for (const auto& c : kCases) {
-    const ServerRequest request = readRequest(c.target);
-    EXPECT_EQ(request.kind, c.kind) << c.target;
-    EXPECT_EQ(request.name, c.name) << c.target;
-    EXPECT_EQ(request.from, c.from) << c.target;
-    EXPECT_EQ(request.to, c.to) << c.target;
-    EXPECT_EQ(request.isBad, c.isBad) << c.target;
+  for (const auto& [target, text] : kCases) EXPECT_EQ(meaning(target), text) << target;
+  for (const std::string target :
+       {"/..%2fa.flv", "/a/../b.flv", "/a//b.flv", "//etc/a.flv", "/.hidden.flv", "/a\\b.flv", "/a%00b.flv",
+        "/a%0ab.flv", "/.flv", "/a.mp4", "a.flv", "", "/1/2/3/4/5/6/7/8/9.flv"}) {
+    EXPECT_EQ(meaning(target), "unknown") << target;
   }
+  EXPECT_EQ(meaning("/" + std::string(300, 'a') + ".flv"), "unknown");
   EXPECT_TRUE(isSameSecret("abc", "abc"));
-  for (const char* wrong : {"", "ab", "abcd", "abcabc", "xbc"})
+  for (const char* wrong : {"", "ab", "abcd", "abcabc", "xbc"}) {
     EXPECT_FALSE(isSameSecret(wrong, "abc")) << wrong;
+  }
 }
 
 TEST(PieceCache, keepsWhatWasUsedLastWithinItsBudget) {
@@ -119,27 +103,22 @@ class Wire {
   ~Wire() { ::close(fd_); }
 
   void send(const std::string& bytes) const { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-  void finish() const { ::shutdown(fd_, SHUT_WR); }
   // The next bytes; empty at the end.
   std::string some() const {
     std::string bytes(65'536, '\0');
     const ssize_t size = ::recv(fd_, bytes.data(), bytes.size(), 0);
     return bytes.substr(0, size > 0 ? static_cast<std::size_t>(size) : 0);
   }
-  std::string rest() const {
-    std::string all;
-    for (std::string next = some(); !next.empty(); next = some()) all += next;
-    return all;
-  }
-  // Reads until `text` has come.
+  // Reads until `text` has come, or up to the end.
   std::string until(const std::string& text) const {
     std::string all;
     for (std::string next = some(); !next.empty(); next = some()) {
       all += next;
-      if (all.find(text) != std::string::npos) break;
+      if (!text.empty() && all.find(text) != std::string::npos) break;
     }
     return all;
   }
+  std::string rest() const { return until(""); }
 
  private:
   const int fd_;
@@ -147,6 +126,13 @@ class Wire {
 
 std::string bodyOf(const std::string& answer) {
   return answer.substr(answer.find("\r\n\r\n") + 4);
+}
+
+// Of live.flv; -1 where there is none.
+i64 durationAt(u16 port) {
+  const std::string answer = Wire(port, "GET /live.json HTTP/1.0\r\n\r\n").rest();
+  const auto json = nlohmann::json::parse(bodyOf(answer), nullptr, false);
+  return json.is_object() ? json["duration"].value("ms", i64{-1}) : -1;
 }
 
 class Server : public testing::Test {
@@ -302,10 +288,7 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   EXPECT_THAT(put("live.flv", film.bytes()), HasSubstr(" 409 "));
   publisher->send(chunk(bytes.substr(13, 500'000)));
   std::string seen = early.until("\r\n\r\n");
-  ASSERT_TRUE(eventually([&] {
-    const auto json = nlohmann::json::parse(bodyOf(ask("GET /live.json")), nullptr, false);
-    return json.is_object() && json["duration"]["ms"] > 9'000;
-  }));
+  ASSERT_TRUE(eventually([&] { return durationAt(port) > 9'000; }));
   const Wire late(port, "GET /live.flv?from=-2s HTTP/1.0\r\n\r\n");
   ASSERT_TRUE(eventually([&] { return metric("viewers") == "2"; }));
   publisher->send(chunk(bytes.substr(500'013)) + "0\r\n\r\n");
@@ -314,10 +297,9 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   seen += early.rest();
   const TagList tags = tagsOf(bodyOf(seen)), behind = tagsOf(bodyOf(late.rest()));
   ASSERT_EQ(tags.size(), film.tags().size());
-  for (std::size_t i = 1; i < tags.size(); ++i) ASSERT_EQ(tags[i], tagOf(film, i)) << i;
+  EXPECT_TRUE(isPart(tags, 1, film));
   ASSERT_LT(behind.size(), tags.size());
-  for (std::size_t i = 1; i <= behind.size() - 1; ++i)
-    ASSERT_EQ(behind[behind.size() - i], tags[tags.size() - i]) << i;
+  EXPECT_TRUE(std::equal(behind.rbegin(), behind.rend() - 1, tags.rbegin()));
   EXPECT_EQ(TempDir::read(dir.path("mirror/live.flv")), TempDir::read(dir.path("live.flv")));
 
   {
@@ -430,7 +412,7 @@ TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
     const Outcome played = flvhost("play -o - " + name);
     const TagList kept = tagsOf(played.out);
     ASSERT_GE(kept.size(), shown.size()) << played.err;
-    for (std::size_t i = 1; i < kept.size(); ++i) ASSERT_EQ(kept[i], tagOf(film, i)) << i;
+    EXPECT_TRUE(isPart(kept, 1, film));
   }
 }
 
@@ -452,25 +434,20 @@ TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
   for (u32 i = 0, at = 0; i < kParts; ++i) {
     while (at < count / kParts * (i + 1)) {
       Bytes tags;
-      for (const u32 end = std::min(at + 1000, count / kParts * (i + 1)); at < end; ++at)
-        for (const u8 byte :
-             tagBytes(flv::kTypeAudio, timeOf(at), orv::test::payload(flv::kTypeAudio, 100, at)))
-          tags.push_back(byte);
+      for (const u32 end = std::min(at + 1000, count / kParts * (i + 1)); at < end; ++at) {
+        tags = join(tags, tagBytes(8, timeOf(at), orv::test::payload(flv::kTypeAudio, 100, at)));
+      }
       publisher.send(str(tags));
     }
-    ASSERT_TRUE(eventually([&] {
-      const std::string answer = Wire(port, "GET /live.json HTTP/1.0\r\n\r\n").rest();
-      const auto json = nlohmann::json::parse(bodyOf(answer), nullptr, false);
-      return json.is_object() && json["duration"]["ms"] == timeOf(at - 1);
-    }));
+    ASSERT_TRUE(eventually([&] { return durationAt(port) == timeOf(at - 1); }));
     memory[i] = server.memory();
     if (i + 1 < kParts) std::filesystem::rename(dir.path("live.flv"), part(i));
   }
   EXPECT_THAT(publisher.until("flush"), HasSubstr("200 OK"));
   std::filesystem::rename(dir.path("live.flv"), part(kParts - 1));
-  if (kFreesMemory) {
-    EXPECT_LT(memory[3], memory[1] + 1024) << "pages after 24 and after 12 hours";
-  }
+#if !defined(ORV_ASAN) && !defined(ORV_TSAN)  // They keep what was freed.
+  EXPECT_LT(memory[3], memory[1] + 1024) << "pages after 24 and after 12 hours";
+#endif
 
   u32 next = 0;
   for (u32 i = 0; i < kParts; ++i) {
@@ -478,9 +455,8 @@ TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
     EXPECT_EQ(checked.exitCode, 0) << checked.out << checked.err;
     for (const auto& tag : tagsOf(flvhost("play -o - " + part(i)).out)) {
       if (tag.type != flv::kTypeAudio) continue;
-      ASSERT_EQ(tag,
-                (orv::test::Message{tag.type, timeOf(next), orv::test::payload(flv::kTypeAudio, 100, next)}))
-          << next;
+      ASSERT_EQ(tag.time, timeOf(next)) << next;
+      ASSERT_EQ(tag.data, orv::test::payload(flv::kTypeAudio, 100, next)) << next;
       ++next;
     }
   }

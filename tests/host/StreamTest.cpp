@@ -1,19 +1,20 @@
-#include "host/flv/Walker.h"
+// FLV streams walked through, read as they come, and written.
 
 #include <gmock/gmock.h>
 
 #include "Damage.h"
+#include "host/flv/FlvWriter.h"
+#include "host/flv/Walker.h"
 
-namespace orv::host {
+namespace orv::host::test {
 namespace {
-
-using namespace test;
 
 constexpr u32 kTags = 634;
 
 struct Walked {
   TagList tags;
   std::string breaks;  // "junk 100+20; tornTail 500+7"
+  u64 lost = 0;        // Bytes.
 };
 
 Walked walk(const Bytes& bytes) {
@@ -32,6 +33,7 @@ Walked walk(const Bytes& bytes) {
       const Break& gap = std::get<Break>(*step);
       EXPECT_EQ(gap.from, end);
       EXPECT_GT(gap.to, gap.from);
+      walked.lost += static_cast<u64>(gap.to - gap.from);
       walked.breaks += walked.breaks.empty() ? "" : "; ";
       walked.breaks += std::string(kKinds[static_cast<int>(gap.kind)]) + " " + std::to_string(gap.from) +
                        "+" + std::to_string(gap.to - gap.from) + (gap.isTail ? " tail" : "");
@@ -180,5 +182,92 @@ TEST(Walker, findsWhatRandomDamageLeaves) {
   }
 }
 
+TEST(FlvReader, givesTheWholeTagsOfAStreamCutAnywhereInPiecesOfAnySize) {
+  constexpr i64 kHeader = 30;
+  const FlvBuilder file =
+      FlvBuilder(kHeader).tag(18, 0, 0).tag(9, 10, 60).tag(41, 0x01020304, 5).tag(22, 7, 40);
+  for (i64 size = 0; size <= file.size(); ++size) {
+    TagList whole;
+    bool atBorder = size >= kHeader && size <= kHeader + flv::kSizeFieldSize;
+    for (std::size_t i = 0; i < file.tags().size() && file.tags()[i].end() <= size; ++i) {
+      whole.push_back(tagOf(file, i));
+      atBorder = file.tags()[i].end() == size;
+    }
+    for (i64 piece = 1; piece <= size; ++piece) {
+      TagList tags;
+      FlvReader reader(into(tags));
+      for (i64 at = 0; at < size; at += piece) {
+        const auto count = static_cast<std::size_t>(std::min(piece, size - at));
+        ASSERT_TRUE(reader.feed(file.bytes().data() + at, count)) << reader.fault();
+      }
+      ASSERT_TRUE(tags == whole) << size << " in pieces of " << piece;
+      ASSERT_EQ(reader.explainEnd().empty(), atBorder) << size << " in pieces of " << piece;
+    }
+  }
+}
+
+// As a walk through the same bytes does, in pieces of any size, and without more memory than 20 MiB of junk
+// take.
+TEST(FlvReader, goesOnBehindDamageAsAWalkDoes) {
+  const FlvBuilder film = movie(200);
+  const i64 at = film.tags()[80].position;
+  const Damage damages[] = {
+      Damage(film).insert(at, noise(1000)).insert(film.tags()[9].position, noise(7)),
+      Damage(film).overwrite(at + 500, Bytes(30'000)),
+      Damage(film).remove(at + 500, 5000).remove(film.tags()[150].position - 3, 500),
+      Damage(film).insert(at, film.bytes()),
+      Damage(film).insert(at, noise(20 << 20)).insert(film.tags()[90].position, noise(100)),
+      Damage(film).overwrite(film.tags().back().end() - 4, {0, 0, 0, 99}),
+      Damage(film).insert(film.size(), noise(40)),
+  };
+  for (const Damage& damage : damages) {
+    const Bytes bytes = damage.bytes();
+    const Walked walked = walk(bytes);
+    for (const std::size_t piece : {std::size_t{333}, std::size_t{65536}, bytes.size()}) {
+      TagList tags;
+      u64 leftOut = 0;
+      FlvReader reader(into(tags), [&](u64, u64 size) { leftOut += size; });
+      for (std::size_t i = 0; i < bytes.size(); i += piece) {
+        ASSERT_TRUE(reader.feed(&bytes[i], std::min(piece, bytes.size() - i)));
+      }
+      reader.finish();
+      EXPECT_TRUE(tags == walked.tags) << &damage - damages << ' ' << piece << ' ' << tags.size();
+      EXPECT_TRUE(leftOut == walked.lost || !reader.explainEnd().empty()) << &damage - damages;
+    }
+  }
+}
+
+// A tag's size has 24 bits.
+TEST(FlvWriter, anAggregateNeverOutgrowsATag) {
+  const u32 half = flv::kMaxTagDataSize / 2 - flv::kTagOverhead;
+  const Bytes data(flv::kMaxTagDataSize, 0x12);
+  TempDir dir;
+  OutputFile out(dir.path("out.flv"), Existing::refuse, FileIdentity{});
+  FlvWriter writer(out);
+  writer.header(1);
+  for (const u32 size : {half, half, half, flv::kMaxTagDataSize}) writer.join({9, 1, 0, data.data(), size});
+  writer.finish();
+
+  std::vector<std::pair<u16, std::size_t>> kindsAndSizes;
+  for (const auto& tag : tagsOf(str(TempDir::read(dir.path("out.flv"))))) {
+    kindsAndSizes.emplace_back(tag.type, tag.data.size());
+  }
+  const u32 entry = half + flv::kTagOverhead;
+  EXPECT_EQ(kindsAndSizes, (std::vector<std::pair<u16, std::size_t>>{
+                               {22, 2 * entry}, {22, entry}, {9, flv::kMaxTagDataSize}}));
+}
+
+TEST(Tags, aTornAggregateGivesItsWholeEntries) {
+  const Bytes entry = tagBytes(9, 7, Bytes{0x12, 1, 2});
+  const Bytes two = join(entry, entry);
+  for (u32 size = 0; size <= two.size(); ++size) {
+    const Bytes cut(two.begin(), two.begin() + size);  // Its own block: a read behind it shows.
+    u32 met = 0;
+    const bool whole = forEachTag(Message{22, 7, cut.data(), size}, [&](const Tag&) { ++met; });
+    EXPECT_EQ(met, size / entry.size());
+    EXPECT_EQ(whole, size % entry.size() == 0);
+  }
+}
+
 }  // namespace
-}  // namespace orv::host
+}  // namespace orv::host::test

@@ -1,15 +1,46 @@
-#include "host/module/TagVerifier.h"
-
-#include <gtest/gtest.h>
+// The module's context, and what it delivers held against the file.
 
 #include "Movie.h"
+#include "host/module/TagVerifier.h"
 
-namespace orv::host {
+namespace orv::host::test {
 namespace {
 
-using namespace test;
+TEST(HostContext, givesATextToWhoeverBringsRoomForIt) {
+  Settings settings;
+  settings.assign("ReadSize=1");
+  settings.assign("ReadSize=32768");
+  settings.assign("FrameTypes=");
+  settings.setDefault("ReadSize", "0");
+  settings.setDefault("EnableAggMsgs", "false");
+  PosixFileService files;
+  HostContext context(settings, files, {});
+  char block[8] = "?";
+  char* buffer = block;
+  EXPECT_EQ(context.getConfigValue("ReadSize", &buffer, 5), 6);
+  EXPECT_STREQ(block, "?");
+  EXPECT_EQ(context.getConfigValue("ReadSize", &buffer, 6), 0);
+  EXPECT_STREQ(block, "32768");
+  EXPECT_EQ(context.getConfigValue("EnableAggMsgs", &buffer, 8), 0);
+  EXPECT_STREQ(block, "false");
+  EXPECT_EQ(context.getConfigValue("FrameTypes", &buffer, 8), 0);
+  EXPECT_STREQ(block, "");
+  EXPECT_LT(context.getConfigValue("MaxSegSize", &buffer, 8), 0);
+  char* none = nullptr;
+  EXPECT_EQ(context.getConfigValue("ReadSize", &none, 64), 6);
+}
 
-using Sent = orv::test::Message;
+TEST(HostContext, tellsEachLineOnceWithTheNativeName) {
+  std::vector<std::string> lines;
+  PosixFileService files;
+  HostContext context({}, files, [&](const std::string& line) { lines.push_back(line); });
+  context.nameFile("\\x\\f%C3.flv", "/x/f\xC3.flv");
+  for (int i = 0; i < 3; ++i)
+    context.logMessage("File contains bad data : \\x\\f%C3.flv (a.cpp:1)", kLogBadData, 1);
+  context.logMessage("careful", kLogWarning, 1);
+  EXPECT_EQ(lines, (std::vector<std::string>{"bad data: File contains bad data : /x/f\xC3.flv (a.cpp:1)",
+                                             "warning: careful"}));
+}
 
 const Bytes kEmptyFrame{0x02, 5};  // A frame type of 0: never delivered.
 
@@ -19,14 +50,14 @@ class TagVerifierTest : public testing::Test {
   u64 faults(const TagList& sent) {
     TagVerifier verifier(stream);
     verifier.beginSegment({0, file.size() - 1, 0, 31});
-    for (const Sent& s : sent) {
+    for (const auto& s : sent) {
       verifier.check({s.type, s.time, s.data.data(), static_cast<u32>(s.data.size())});
     }
     verifier.endSegment();
     verifier.endFile();
     return verifier.faults();
   }
-  Sent tag(std::size_t i) const { return tagOf(file, i); }
+  orv::test::Message tag(std::size_t i) const { return tagOf(file, i); }
 
   TempDir dir;
   FlvBuilder file =
@@ -45,7 +76,7 @@ TEST_F(TagVerifierTest, takesWhatTheModuleMayDeliver) {
 }
 
 TEST_F(TagVerifierTest, findsEachWayOfDeliveringWrongly) {
-  Sent changed = tag(4), late = tag(4), retyped = tag(4), cut = tag(4);
+  auto changed = tag(4), late = tag(4), retyped = tag(4), cut = tag(4);
   changed.data[59] ^= 1;
   ++late.time;
   retyped.type = 8;
@@ -72,4 +103,4 @@ TEST_F(TagVerifierTest, findsEachWayOfDeliveringWrongly) {
 }
 
 }  // namespace
-}  // namespace orv::host
+}  // namespace orv::host::test
