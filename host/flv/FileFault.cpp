@@ -44,7 +44,7 @@ std::string explainFirstTag(const ReadOnlyFile& file, u32 headerSize, i64 size) 
 }  // namespace
 
 std::string explainHeader(const std::vector<u8>& head) {
-  if (head.empty()) return "is empty (0 bytes)";
+  if (head.empty()) return "is empty";
   if (std::memcmp(head.data(), kSignature.data(), std::min(head.size(), kSignature.size())) != 0) {
     return fmt::format(
         "is not an FLV file: it starts with \"{}\"",

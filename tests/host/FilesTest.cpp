@@ -17,10 +17,9 @@
 #include "host/text/Failure.h"
 #include "modules/streams/contract/IFileService.h"
 
-namespace orv::host {
+namespace orv::host::test {
 namespace {
 
-using namespace test;
 using namespace openflags;
 
 TEST(ModulePath, anyNameCanBeGivenToTheModuleAndComesBack) {
@@ -55,9 +54,9 @@ class PosixFileServiceTest : public testing::Test {
   int open(const std::string& name, int flags) {
     return service.open(module(name).c_str(), flags, ownerReadWrite, 0);
   }
-  i64 stamp(const std::string& name) {
+  i64 stamp() {
     FileStat record{};
-    EXPECT_EQ(service.stat(module(name).c_str(), &record, 0), 0);
+    EXPECT_EQ(service.stat(module("a.flv").c_str(), &record, 0), 0);
     return record.modificationTime;
   }
 
@@ -74,7 +73,7 @@ TEST_F(PosixFileServiceTest, eachFlagWordOpensAsTheContractSays) {
     const char* file;
     int flags;
     int error;   // 0: opens.
-    int access;  // Then, as fcntl tells it.
+    int access;  // Then.
   } kCases[] = {
       {"there.flv", readOnly, 0, O_RDONLY},
       {"there.flv", readWrite, 0, O_RDWR},
@@ -91,13 +90,10 @@ TEST_F(PosixFileServiceTest, eachFlagWordOpensAsTheContractSays) {
   };
   for (const auto& c : kCases) {
     const int fd = open(c.file, c.flags);
-    if (c.error) {
-      EXPECT_EQ(errno, c.error) << c.file << c.flags;
-      EXPECT_EQ(fd, -1) << c.file << c.flags;
-      continue;
-    }
-    ASSERT_GT(fd, STDERR_FILENO) << c.file << c.flags;
-    EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, c.access);
+    EXPECT_EQ(fd == -1 ? errno : 0, c.error) << c.file << c.flags;
+    if (fd == -1) continue;
+    EXPECT_GT(fd, STDERR_FILENO);
+    EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, c.access) << c.file << c.flags;
     EXPECT_TRUE(::fcntl(fd, F_GETFD) & FD_CLOEXEC);
     EXPECT_EQ(service.close(fd, 0), 0);
   }
@@ -109,72 +105,65 @@ TEST_F(PosixFileServiceTest, statAndFstatAgreeAndAWriteInPlaceShows) {
   const int fd = open("a.flv", createTruncate);
   service.write(fd, 0, "abc", 3);
   for (int i = 0; i < 100; ++i) {
-    const i64 before = stamp("a.flv");
+    const i64 before = stamp();
     ASSERT_EQ(service.write(fd, 0, "xyz", 3), 3);
-    ASSERT_NE(static_cast<u32>(stamp("a.flv")), static_cast<u32>(before)) << i;
+    ASSERT_NE(static_cast<u32>(stamp()), static_cast<u32>(before)) << i;
   }
   ahead = 1'000'000'000;  // At rest.
   FileStat record{};
   service.fstat(fd, &record, 0);
-  EXPECT_EQ(record.modificationTime, stamp("a.flv"));
+  EXPECT_EQ(record.modificationTime, stamp());
   service.close(fd, 0);
-  EXPECT_EQ(record.modificationTime, stamp("a.flv"));
+  EXPECT_EQ(record.modificationTime, stamp());
   EXPECT_EQ(service.unlink(module("a.flv").c_str(), 0), 0);
   EXPECT_NE(service.unlink(module("a.flv").c_str(), 0), 0);
 }
 
-// A file that was last changed long ago.
-struct stat atRest() {
-  struct stat status {};
-  status.st_dev = 1;
-  status.st_ino = 2;
-  status.st_size = 100;
-  status.st_mtim = status.st_ctim = {1'000'000'000, 500};
-  return status;
-}
+class ChangeStampsTest : public testing::Test {
+ protected:
+  ChangeStampsTest() {
+    status.st_dev = 1;
+    status.st_ino = 2;
+    status.st_size = 100;
+    status.st_mtim = status.st_ctim = {1'000'000'000, 500};
+  }
+  struct stat status {};  // Of a file that was last changed long ago.
+};
 
-TEST(ChangeStamps, eachKindOfChangeGivesAnotherStampAndRestGivesTheSame) {
-  const struct {
-    const char* name;
-    std::function<void(struct stat&, ChangeStamps&)> change;
-  } kChanges[] = {
-      {"modification time", [](struct stat& s, ChangeStamps&) { ++s.st_mtim.tv_nsec; }},
-      {"change time", [](struct stat& s, ChangeStamps&) { --s.st_ctim.tv_nsec; }},
-      {"size within a tick", [](struct stat& s, ChangeStamps&) { ++s.st_size; }},
-      {"own write in place within a tick", [](struct stat&, ChangeStamps& c) { c.noteWrite(1, 2); }},
-      {"another file", [](struct stat& s, ChangeStamps&) { ++s.st_ino; }},
-      {"another device", [](struct stat& s, ChangeStamps&) { ++s.st_dev; }},
+TEST_F(ChangeStampsTest, eachKindOfChangeGivesAnotherStampAndRestGivesTheSame) {
+  ChangeStamps stamps;
+  const std::pair<const char*, std::function<void()>> kChanges[] = {
+      {"modification time", [&] { ++status.st_mtim.tv_nsec; }},
+      {"change time", [&] { --status.st_ctim.tv_nsec; }},
+      {"size within a tick", [&] { ++status.st_size; }},
+      {"own write in place within a tick", [&] { stamps.noteWrite(1, 2); }},
       {"a state that comes back",
-       [](struct stat& s, ChangeStamps& c) {
-         struct stat other = s;
+       [&] {
+         struct stat other = status;
          other.st_size = 7;
-         c.of(other);
+         stamps.of(other);
        }},
+      {"another file", [&] { ++status.st_ino; }},
+      {"another device", [&] { ++status.st_dev; }},
   };
-  for (const auto& c : kChanges) {
-    ChangeStamps stamps;
-    struct stat status = atRest();
+  for (const auto& [name, change] : kChanges) {
     const u32 before = stamps.of(status);
-    EXPECT_NE(before, 0u);
-    EXPECT_EQ(stamps.of(status), before) << c.name;
-    c.change(status, stamps);
-    const u32 after = stamps.of(status);
-    EXPECT_NE(after, before) << c.name;
-    EXPECT_EQ(stamps.of(status), after) << c.name;
+    EXPECT_NE(before, 0u) << name;
+    EXPECT_EQ(stamps.of(status), before) << name;
+    change();
+    EXPECT_NE(stamps.of(status), before) << name;
   }
 }
 
 // What another process did in place within the tick of the last look shows once the tick is over.
-TEST(ChangeStamps, aFreshChangeIsLookedAtOnceMoreWhenItHasSettled) {
+TEST_F(ChangeStampsTest, aFreshChangeIsLookedAtOnceMoreWhenItHasSettled) {
   static i64 now;
   ChangeStamps stamps([] { return now; });
-  struct stat status = atRest();
-  const i64 changed = status.st_ctim.tv_sec * 1'000'000'000 + status.st_ctim.tv_nsec;
-  now = changed;
+  now = status.st_ctim.tv_sec * 1'000'000'000 + status.st_ctim.tv_nsec;
   const u32 fresh = stamps.of(status);
-  now = changed + 10'000'000;  // The longest tick.
+  now += 10'000'000;  // The longest tick.
   EXPECT_EQ(stamps.of(status), fresh);
-  now = changed + 20'000'000;
+  now += 10'000'000;
   const u32 settled = stamps.of(status);
   EXPECT_NE(settled, fresh);
   now += 1'000'000'000;
@@ -239,4 +228,4 @@ TEST_F(MirrorFileTest, neverEmptiesTheRecordingItself) {
 }
 
 }  // namespace
-}  // namespace orv::host
+}  // namespace orv::host::test

@@ -8,26 +8,24 @@ namespace {
 
 TEST(HostContext, givesATextToWhoeverBringsRoomForIt) {
   Settings settings;
-  settings.assign("ReadSize=1");
-  settings.assign("ReadSize=32768");
-  settings.assign("FrameTypes=");
+  for (const char* text : {"ReadSize=1", "ReadSize=32768", "FrameTypes="}) settings.assign(text);
   settings.setDefault("ReadSize", "0");
   settings.setDefault("EnableAggMsgs", "false");
   PosixFileService files;
   HostContext context(settings, files, {});
-  char block[8] = "?";
-  char* buffer = block;
-  EXPECT_EQ(context.getConfigValue("ReadSize", &buffer, 5), 6);
+  char block[8] = "?", *none = nullptr;
+  const auto ask = [&](const char* key, u32 size, char* buffer) {
+    return context.getConfigValue(key, &buffer, size);
+  };
+  EXPECT_EQ(ask("ReadSize", 5, block), 6);
+  EXPECT_EQ(ask("ReadSize", 64, none), 6);
   EXPECT_STREQ(block, "?");
-  EXPECT_EQ(context.getConfigValue("ReadSize", &buffer, 6), 0);
-  EXPECT_STREQ(block, "32768");
-  EXPECT_EQ(context.getConfigValue("EnableAggMsgs", &buffer, 8), 0);
-  EXPECT_STREQ(block, "false");
-  EXPECT_EQ(context.getConfigValue("FrameTypes", &buffer, 8), 0);
-  EXPECT_STREQ(block, "");
-  EXPECT_LT(context.getConfigValue("MaxSegSize", &buffer, 8), 0);
-  char* none = nullptr;
-  EXPECT_EQ(context.getConfigValue("ReadSize", &none, 64), 6);
+  for (const auto& [key, text] :
+       {std::pair{"ReadSize", "32768"}, {"EnableAggMsgs", "false"}, {"FrameTypes", ""}}) {
+    EXPECT_EQ(ask(key, static_cast<u32>(std::strlen(text)) + 1, block), 0);
+    EXPECT_STREQ(block, text);
+  }
+  EXPECT_LT(ask("MaxSegSize", 8, block), 0);
 }
 
 TEST(HostContext, tellsEachLineOnceWithTheNativeName) {

@@ -73,7 +73,7 @@ TEST_F(RecordCommandTest, saysWhatItCantRecordAndGoesOn) {
     const char* line;
     Bytes recorded;  // Empty: no file is left.
   } kInputs[] = {
-      {none, 1, "standard input: is empty (0 bytes)", none},
+      {none, 1, "standard input: is empty", none},
       {bytesOf("'RIFF' 0000000000"), 1, "is not an FLV file: it starts with \"RIFF\"", none},
       {stream().bytes(), 1, "nothing could be recorded, and no file is left", none},
       {FlvBuilder(8).bytes(), 1, "its header claims 8 bytes", none},

@@ -110,13 +110,6 @@ TEST(Walker, findsEachWholeTagInEveryClassOfDamage) {
   }
 }
 
-TEST(Walker, goesOnInAFileThatWasPutBehind) {
-  const FlvBuilder sound = film();
-  const Walked walked = walk(join(sound.bytes(), sound.bytes()));
-  EXPECT_EQ(walked.tags.size(), 2 * kTags);
-  EXPECT_EQ(walked.breaks, "secondHeader " + std::to_string(sound.size()) + "+13");
-}
-
 // Steps as text: the places and kinds alone.
 std::string steps(MemorySource source, Payloads payloads, std::size_t* read) {
   std::string text;

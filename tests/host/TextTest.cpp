@@ -15,26 +15,20 @@ namespace {
 using nlohmann::json;
 
 TEST(TimeText, readsTheWaysInWhichTimesAreWritten) {
-  const struct {
-    const char* text;
-    u32 time;
-  } kTimes[] = {
-      {"0", 0},
-      {"12.5", 12500},
-      {"12.5s", 12500},
-      {"500ms", 500},
-      {"1.0009", 1000},
-      {"5.038000", 5038},
-      {"007", 7000},
-      {"1:02:03.250", 3723250},
-      {"90:00", 5400000},
-      {"00:59.9", 59900},
-      {"4294967.295", 4294967295},
-      {"4294967295ms", 4294967295},
-      {"1193:02:47.295", 4294967295},
-  };
-  for (const auto& time : kTimes) EXPECT_EQ(parseTime(time.text), time.time) << time.text;
-
+  const std::pair<const char*, u32> kTimes[] = {{"0", 0},
+                                                {"12.5", 12500},
+                                                {"12.5s", 12500},
+                                                {"500ms", 500},
+                                                {"1.0009", 1000},
+                                                {"5.038000", 5038},
+                                                {"007", 7000},
+                                                {"1:02:03.250", 3723250},
+                                                {"90:00", 5400000},
+                                                {"00:59.9", 59900},
+                                                {"4294967.295", 4294967295},
+                                                {"4294967295ms", 4294967295},
+                                                {"1193:02:47.295", 4294967295}};
+  for (const auto& [text, time] : kTimes) EXPECT_EQ(parseTime(text), time) << text;
   for (const char* text : {"4294967.296", "99999999999999999999", "", "-1", ".5", "5.", "1:60", "1:60:00",
                            "1:2:3:4", "1:", ":30", "1:30s", "1:30ms", "5 s", "5m", "1e3"}) {
     EXPECT_EQ(parseTime(text), std::nullopt) << text;
