@@ -36,7 +36,7 @@ TEST(KTCommand, parse) {
       {18, "02 0001'a' 05 000009", "0 \"a\" 0 Undefined, Null, 0"},
       {18, "05 05", "0 Null 0 Undefined, Null"},
       {18, "0F 00000004'play'", "0 Xml\"play\" 0 Undefined"},
-      {20, "02 0004'pl", "0 \"\" Undefined Undefined"},
+      {20, "02 0004'pl'", "0 \"\" Undefined Undefined"},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.payload);
