@@ -6,6 +6,7 @@
 #   make test [PRESET=asan]         the tests; PRESET: release (default), debug, asan, tsan, clang;
 #             [ROOMS="util engine"] of these folders of tests/ alone
 #   make soak [SOAK_SECONDS=120] [PRESET=tsan]   everything at once for a while, each program in turn
+#   make scaling [SCALING_SECONDS=60]   a recording on GlusterFS whose copies are killed; as root
 #   make bench, bench-flvhost, bench-serve, fuzz [FUZZ_SECONDS=30], interop, tidy, format, install [PREFIX=/usr/local] [DESTDIR=],
 #             package, clean
 #   make coverage                   the lines that neither tests nor the replays of the fuzzers reach
@@ -22,6 +23,7 @@ PREFIX ?= /usr/local
 DESTDIR ?=
 FUZZ_SECONDS ?= 30
 SOAK_SECONDS ?= 120
+SCALING_SECONDS ?= 60
 BENCH_ARGS ?=
 INTEROP ?=
 ROOMS ?=
@@ -31,7 +33,7 @@ JOBS ?= $(shell nproc)
 
 SOURCES = git ls-files -z '*.h' '*.cpp'
 
-.PHONY: run serve build test soak interop bench bench-flvhost bench-serve fuzz mutants format check-format tidy install package clean
+.PHONY: run serve build test soak interop bench bench-flvhost bench-serve scaling fuzz mutants format check-format tidy install package clean
 
 run: build
 	build/release/host/flvhost demo "$(FILE)"
@@ -86,6 +88,11 @@ bench-serve: build
 	cmake --preset release -DFLV_BENCH=ON
 	cmake --build build/release -j $(JOBS) --target serve_load
 	build/release/bench/serve_load build/release/host/flvhost
+
+# A recorder and its followers on a file system of several copies that die and come back.
+scaling: build
+	scripts/setup.sh scaling
+	bench/scaling.sh build/release/host/flvhost $(SCALING_SECONDS)
 
 fuzz:
 	scripts/setup.sh build clang

@@ -1,7 +1,8 @@
 #!/bin/sh
 # Installs what is missing of the Debian packages that a task needs; asks for nothing and says little.
 #
-# usage: scripts/setup.sh TASK...     TASK: build, test, bench, lint, clang, coverage, mutants, package, player, nginx, interop
+# usage: scripts/setup.sh TASK...     TASK: build, test, bench, lint, clang, coverage, mutants, package, player, nginx, scaling,
+#        interop
 set -eu
 
 packages_of() {
@@ -17,6 +18,7 @@ packages_of() {
     package) echo dpkg-dev lintian ;;
     player) echo npm ;;
     nginx) echo nginx-light ;;
+    scaling) echo ffmpeg glusterfs-client glusterfs-server iproute2 procps ;;
     interop) echo ffmpeg flvmeta mediainfo curl chromium time nginx-light openssl ;;
     *) echo "setup.sh: no such task: $1" >&2; exit 2 ;;
   esac
