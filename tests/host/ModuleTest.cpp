@@ -1,6 +1,9 @@
 // The module's context, and what it delivers held against the file.
 
+#include <array>
+
 #include "Movie.h"
+#include "host/module/SegmentWalk.h"
 #include "host/module/TagVerifier.h"
 
 namespace orv::host::test {
@@ -98,6 +101,31 @@ TEST_F(TagVerifierTest, findsEachWayOfDeliveringWrongly) {
       {"a torn aggregate", {tag(0), tag(1), tag(3), tag(4), {22, 30, Bytes(5)}}},
   };
   for (const auto& wrong : kWrong) EXPECT_GT(faults(wrong.sent), 0u) << wrong.name;
+}
+
+// Long tags, sound between them, a stretch of short ones, and a tag whose bytes are lost.
+TEST(SegmentWalk, cutsLongTagsWhereTheModuleDoes) {
+  FlvBuilder film;
+  for (u32 i = 0; i < 60; ++i) {
+    const u32 size = i % 20 < 12 ? 40'000 + i * i * 397 % 700'000 : 900;
+    film.tag(9, i * 40, size).tag(8, i * 40 + 5, 300);
+  }
+  Bytes bytes = film.bytes();
+  const auto lost = bytes.begin() + film.tags()[90].position;
+  std::fill(lost, lost + 50, u8{0});
+  const TempDir dir;
+  Session session{{FLV_MODULE_PATH, {}, false}};
+  Stream stream = session.open(dir.file("f.flv", bytes));
+  const auto cuts = [&](SegmentWalk::Ask ask) {
+    std::vector<std::array<i64, 4>> all;
+    SegmentWalk walk(stream, 0, ask);
+    while (const auto bounds = walk.next())
+      all.push_back({bounds->startPosition, bounds->endPosition, bounds->startTime, bounds->endTime});
+    return all;
+  };
+  const auto byTheModule = cuts(SegmentWalk::Ask::module);
+  EXPECT_GT(byTheModule.size(), 20u);
+  EXPECT_EQ(cuts(SegmentWalk::Ask::longTags), byTheModule);
 }
 
 }  // namespace
