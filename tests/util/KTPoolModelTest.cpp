@@ -101,14 +101,14 @@ struct Model {
 
   void tell(Thread& t) {
     const Sum now = sumOf(t.list);
-    for (const std::size_t i : {0, 1}) c[kCached][i] += now[i] - t.told[i];
+    for (const std::size_t i : {0u, 1u}) c[kCached][i] += now[i] - t.told[i];
     t.told = now;
     c[kFree] = sumOf(free);
   }
 
   void merge(Thread& t) {
     for (std::size_t book = 0; book < kThreadBooks; ++book) {
-      for (const std::size_t i : {0, 1}) c[book][i] += t.stats[book][i];
+      for (const std::size_t i : {0u, 1u}) c[book][i] += t.stats[book][i];
     }
     t.stats = {};
     tell(t);
