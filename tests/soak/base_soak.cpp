@@ -37,7 +37,8 @@ constexpr bool kThreadsInChild = false;  // The sanitizers' own state doesn't su
 constexpr bool kThreadsInChild = true;
 #endif
 // The address sanitizer's allocator holds its locks across a fork: a child that allocates hangs now and then.
-#ifdef ORV_ASAN
+// Under the thread sanitizer a child hung in 2 of some 20 runs on a busy machine; why is not known yet.
+#if defined(ORV_ASAN) || defined(ORV_TSAN)
 constexpr bool kHeapInChild = false;
 #else
 constexpr bool kHeapInChild = true;
@@ -109,9 +110,7 @@ void useFiber(World& world) {
 
 void useLibraryThread(World& world, u32 options) {
   ++world.works;
-  const u32 id = startThread(raiseAll, &world, options);
-  if (id == 0) --world.works;
-  setUserValues(id, 1, 2);  // Of a thread that may have ended.
+  if (startThread(raiseAll, &world, options) == 0) --world.works;
 }
 
 void useTwins(World& world, bool write) {
