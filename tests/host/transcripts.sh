@@ -21,7 +21,9 @@ shown() {  # COMMAND, and what came of it.
 }
 try() { for call; do shown "flvhost $call"; done; }
 # JSON in as few lines as it takes.
-folded() { tr -s ' \n' ' ' | sed 's/ *\([][{}]\) */\1/g; s/": /":/g; s/\("memoryOverhead":\)[0-9]*/\1N/' | fold -s -w 119 | sed 's/ *$//'; echo; }
+flat() { tr -s ' \n' ' ' | sed 's/ *\([][{}]\) */\1/g; s/": /":/g; s/\("memoryOverhead":\)[0-9]*/\1N/'; }
+folded() { flat | fold -s -w 119 | sed 's/ *$//'; echo; }
+entries() { flvhost meta "$1" | flat | sed 's/.*"encoding"/"encoding"/' | folded; }
 # The bytes that a text writes down in the notation of tests/support/AmfText.h.
 bytes() {
   perl -e '$_ = shift; print +(defined $1 ? $1 : chr hex $2) x ($3 || 1)
