@@ -8,7 +8,12 @@ export LC_ALL=C
 module=$1
 list=$(dirname "$0")/exports.txt
 
-symbols=$(nm -DC --defined-only "$module" | sed 's/^[0-9a-f]* . //' | sort -u)
+# For each class what it shows of its own, where "self" is the class.
+symbols=$(nm -DC --defined-only "$module" | sed 's/^[0-9a-f]* . //' | sort -u | perl -lne '
+  ($member, $class) = /^(.*) for (.*)/ or ($class, $member) = /^([^(]*)::(.*)/ or ($class, $member) = ($_, "itself");
+  ($name) = $class =~ /(\w+)$/;
+  push @{$all{$class}}, $member =~ s/\b(\Q$class\E|$name)\b/self/gr;
+  END { print "$_: ", join "; ", @{$all{$_}} for sort keys %all }' | fold -s -w 119 | sed 's/ *$//')
 [ "${2:-}" != --update ] || echo "$symbols" >"$list"
 echo "$symbols" | diff -u "$list" - || { echo "the exported symbols differ from $list"; exit 1; }
 
