@@ -174,10 +174,10 @@ std::string FlvReader::explainEnd() const {
   if (step_ == Step::header) return explainHeader(pending_);
   if (step_ == Step::gap && wanted_ > flv::kSizeFieldSize) return "ends inside its header";
   if (step_ == Step::lost) {
-    return fmt::format("is damaged from byte {} on; {} bytes are left out", lostFrom_, position_ - lostFrom_);
+    return fmt::format("is damaged from byte {} on; {} bytes are left out", lostFrom_, leftOver());
   }
   if (pending_.empty()) return {};
-  return fmt::format("ends inside a tag; {} bytes of it came and are left out", pending_.size());
+  return fmt::format("ends inside a tag; {} bytes of it came and are left out", leftOver());
 }
 
 std::string damageText(const std::string& name, u64 position, u64 size) {

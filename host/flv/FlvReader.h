@@ -33,6 +33,8 @@ class FlvReader {
   // Whether damage is being gone past, or was not by the end.
   bool isLost() const { return step_ == Step::lost; }
   const std::string& fault() const { return fault_; }
+  // Bytes at the end of what came that belong to no whole tag.
+  u64 leftOver() const { return step_ == Step::lost ? position_ - lostFrom_ : pending_.size(); }
   // Where the stream ends if no more comes: empty at a tag's end, else what is missing.
   std::string explainEnd() const;
 

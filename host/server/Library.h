@@ -23,6 +23,12 @@ struct LibraryOptions {
   std::string mirrorFolder;  // Empty: recordings have no second copy.
 };
 
+// What of publishers' streams came to no tag.
+struct StreamFaults {
+  std::atomic<u64> damaged{0};    // Byte runs.
+  std::atomic<u64> lostBytes{0};  // Of these, and of tags that never became whole.
+};
+
 // There is nothing of that name to serve.
 class NotServed : public std::exception {};
 
@@ -60,6 +66,8 @@ class Library {
 
   const PieceCache& cache() const { return cache_; }
   const LoadFaults& faults() const { return faults_; }
+  StreamFaults& streamFaults() { return streamFaults_; }
+  const StreamFaults& streamFaults() const { return streamFaults_; }
   std::size_t openFiles() const;
   std::vector<std::string> published() const;
 
@@ -79,6 +87,7 @@ class Library {
   const Pool pool_;
   PieceCache cache_;
   LoadFaults faults_;
+  StreamFaults streamFaults_;
   mutable std::mutex mutex_;
   // Under mutex_.
   Session session_;

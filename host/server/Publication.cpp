@@ -1,14 +1,20 @@
 #include "host/server/Publication.h"
 
+#include <fmt/format.h>
+
 #include <filesystem>
 
 #include "host/flv/FlvNames.h"
 #include "host/text/Console.h"
+#include "host/text/CountText.h"
 #include "host/text/Failure.h"
 
 namespace orv::host {
 
 namespace {
+
+// Of one stream: a publisher must not fill the log.
+constexpr u64 kMostReported = 20;
 
 // What everybody sends is taken; the last sound tag is found behind a torn one of any size; flushes read
 // little.
@@ -36,11 +42,13 @@ Publication::Publication(std::shared_ptr<const NameClaim> claim)
       target_(library_.pathOf(name_, false), mirrorOf(name_), Onto::append),
       session_(recordingOptions(library_.options().common)),
       reserve_([this](const Tag& tag) { record(tag); }),
-      reader_([this](const Tag& tag) {
-        // What is appended to has its metadata, or has none, and what came now would not be its head.
-        if (target_.appends()) return record(tag);
-        reserve_.take(tag);
-      }) {
+      reader_(
+          [this](const Tag& tag) {
+            // What is appended to has its metadata, or has none, and what came now would not be its head.
+            if (target_.appends()) return record(tag);
+            reserve_.take(tag);
+          },
+          [this](u64 position, u64 size) { noteDamage(position, size); }) {
   recording_.emplace(session_, target_,
                      RecordingOptions{library_.options().flushInterval, tailOf(session_, target_)});
   library_.begun(name_);
@@ -68,8 +76,31 @@ void Publication::record(const Tag& tag) {
   if (isCodecSetup(tag)) library_.noteSetup(name_, recording_->tally().lastTime, tag);
 }
 
+// The stream goes on at the next tag, as a repair would.
+void Publication::noteDamage(u64 position, u64 size) {
+  if (damages_ < kMostReported) report(damageText(name_, position, size));
+  if (++damages_ == kMostReported) report(name_ + ": is damaged too often to tell each place");
+  lose(size, true);
+}
+
+void Publication::lose(u64 bytes, bool isDamage) {
+  lostBytes_ += bytes;
+  library_.streamFaults().damaged += isDamage;
+  library_.streamFaults().lostBytes += bytes;
+}
+
+void Publication::endStream() {
+  if (!isReadable_ || !reader_.fault().empty()) return;
+  reader_.finish();
+  const std::string end = reader_.explainEnd();
+  if (!end.empty()) report(name_ + ": " + end);
+  lose(reader_.leftOver(), reader_.isLost());
+}
+
 void Publication::take(const u8* data, std::size_t size) {
+  isReadable_ = false;
   const bool goesOn = reader_.feed(data, size);
+  isReadable_ = true;
   flushIfDue();
   if (!goesOn) throw fileFault("the stream " + reader_.fault());
 }
@@ -87,10 +118,13 @@ void Publication::wakeViewers() {
 
 std::string Publication::finish() {
   isFinished_ = true;
+  endStream();
   reserve_.finish();
   recording_->finish();
   wakeViewers();
-  return recording_->summaryText();
+  std::string text = recording_->summaryText();
+  if (lostBytes_ > 0) text += fmt::format("; lost of the stream: {}", countText(lostBytes_, "byte"));
+  return text;
 }
 
 }  // namespace orv::host

@@ -42,7 +42,7 @@ class Publication {
   // Flushes what came, however the publisher went.
   ~Publication();
 
-  // Throws Failure if the stream can't be followed or recorded any farther.
+  // Goes past damage. Throws Failure if the stream is no FLV or can't be recorded any farther.
   void take(const u8* data, std::size_t size);
   void flushIfDue();
   // How long until the next flush is due; none while nothing is staged.
@@ -55,6 +55,9 @@ class Publication {
  private:
   std::string mirrorOf(const std::string& name) const;
   void record(const Tag& tag);
+  void noteDamage(u64 position, u64 size);
+  void endStream();
+  void lose(u64 bytes, bool isDamage);
   void wakeViewers();
 
   const std::shared_ptr<const NameClaim> claim_;
@@ -66,6 +69,9 @@ class Publication {
   MetadataReserve reserve_;
   FlvReader reader_;
   u64 flushesSeen_ = 0;
+  bool isReadable_ = true;  // False once recording failed in the middle of what came.
+  u64 damages_ = 0;
+  u64 lostBytes_ = 0;
   bool isFinished_ = false;
 };
 

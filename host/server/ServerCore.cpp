@@ -57,6 +57,10 @@ std::string ServerCore::metrics() const {
       counters.dropped);
   add("sent_bytes_total", "counter", "Bytes of media sent.", counters.bytesSent);
   add("published_bytes_total", "counter", "Bytes of media taken from publishers.", counters.bytesPublished);
+  add("published_damages_total", "counter", "Byte runs of publishers' streams in which no tag was found.",
+      library.streamFaults().damaged);
+  add("published_lost_bytes_total", "counter", "Bytes of publishers' streams that belong to no whole tag.",
+      library.streamFaults().lostBytes);
   add("cache_bytes", "gauge", "Memory of loaded segments.", library.cache().memory());
   add("module_bytes", "gauge", "Memory that the module holds for files with loaded segments.",
       library.cache().overhead());

@@ -8,7 +8,7 @@
 #include <deque>
 #include <nlohmann/json.hpp>
 
-#include "Movie.h"
+#include "Damage.h"
 #include "Program.h"
 #include "platform/Sanitizers.h"
 
@@ -314,6 +314,19 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   const Outcome checked = flvhost("play --verify " + dir.path("live.flv"));
   EXPECT_EQ(checked.exitCode, 0) << checked.err;
   EXPECT_THAT(checked.out, HasSubstr("checked   2696 tags"));
+}
+
+TEST_F(Server, recordsADamagedStreamAsTheCommandDoes) {
+  const FlvBuilder film = movie(600);
+  const auto half = film.tags()[300].position + 500;
+  // Inside a tag; a size that lies, found out at the end alone.
+  const Bytes damaged = Damage(film).remove(half, 3000).overwrite(film.tags()[590].position + 1, {1}).bytes();
+  start();
+  EXPECT_THAT(put("live.flv", damaged), HasSubstr("; lost of the stream: 2075 bytes"));
+  EXPECT_EQ(flvhost("record " + dir.path("film.flv"), damaged).exitCode, 1);
+  EXPECT_TRUE(TempDir::read(dir.path("live.flv")) == TempDir::read(dir.path("film.flv")));
+  EXPECT_EQ(metric("published_damages_total"), "2");
+  EXPECT_EQ(metric("published_lost_bytes_total"), "2075");
 }
 
 TEST(Library, callsThoseWhoCameBeforeAPublishersFile) {
