@@ -90,7 +90,7 @@ SharedFile::Start SharedFile::start(std::optional<ViewTime> from, std::optional<
 }
 
 void SharedFile::next(i64 position, Ready ready) {
-  if (PiecePtr piece = cache_.find({number_, position})) return ready.call(std::move(piece));
+  if (PiecePtr piece = cache_.find({number_, position})) return ready.call({std::move(piece)});
   const std::lock_guard lock(mutex_);
   const auto [place, isNew] = wanted_.try_emplace(position);
   place->second.push_back(std::move(ready));
@@ -162,13 +162,15 @@ void SharedFile::fetch(i64 position) {
   // First: what a recording leaves behind at its end is still loaded.
   const bool mayGrow = !isOver_ && around_.isLive();
   PiecePtr piece;
+  bool isFailed = false;
   try {
     if (!isOver_) piece = load(position);
   } catch (const std::exception& fault) {
-    if (!mayGrow) ++around_.faults.failed;
+    isFailed = true;
     report(fault.what());
   }
   const bool isLive = mayGrow && !isOver_;
+  isFailed |= isOver_ && !piece;
   if (piece) {
     const std::size_t overhead = with([this](Stream&) { return overhead_; });
     cache_.keep({number_, position}, piece, weak_from_this(), overhead);
@@ -191,9 +193,10 @@ void SharedFile::fetch(i64 position) {
     ready = std::move(wanted_[position]);
     wanted_.erase(position);
   }
+  around_.faults.failed += isFailed;
   // Asked, not held: an owner must not end on this thread.
   for (const Ready& one : ready) {
-    if (!one.owner.expired()) one.call(piece);
+    if (!one.owner.expired()) one.call({piece, isFailed});
   }
 }
 

@@ -31,11 +31,15 @@ using Pool = std::function<void(std::function<void()>)>;
 // any thread.
 class SharedFile final : public PieceOwner, public std::enable_shared_from_this<SharedFile> {
  public:
-  // Gets the next piece, or null where the file ends for good. Called on any thread, with no lock held;
-  // not once `owner` has gone, which it may do meanwhile.
+  // What stands behind a place of the file.
+  struct Next {
+    PiecePtr piece;         // Null where the file ends for good,
+    bool isFailed = false;  // or where what follows can't be had.
+  };
+  // Called on any thread, with no lock held; not once `owner` has gone, which it may do meanwhile.
   struct Ready {
     std::weak_ptr<void> owner;
-    std::function<void(PiecePtr)> call;
+    std::function<void(Next)> call;
   };
   // What a viewer is sent first, and where the pieces for it start.
   struct Start {

@@ -42,7 +42,7 @@ void Viewing::open() {
 
 // Of a live stream that has only just begun nothing is known yet.
 void Viewing::waitForFirst() {
-  whenReady(0, [](Viewing& self, const PiecePtr&) { self.start(); });
+  whenReady(0, [](Viewing& self, const SharedFile::Next&) { self.start(); });
 }
 
 void Viewing::start() {
@@ -78,9 +78,10 @@ void Viewing::sendHead(SharedFile::Start start) {
 }
 
 void Viewing::next() {
-  whenReady(position_, [](Viewing& self, const PiecePtr& piece) {
-    if (!piece) return self.end();
-    self.take(piece);
+  whenReady(position_, [](Viewing& self, const SharedFile::Next& next) {
+    if (next.piece) return self.take(next.piece);
+    if (next.isFailed) return self.cut();
+    self.end();
   });
 }
 
@@ -88,10 +89,10 @@ void Viewing::next() {
 template <class Then>
 void Viewing::whenReady(i64 position, Then then) {
   const std::weak_ptr<Viewing> weak = weak_from_this();
-  file_->next(position, {weak, [weak, then, &network = client_->core.network](PiecePtr piece) {
-                           asio::post(network, [weak, then, piece = std::move(piece)] {
+  file_->next(position, {weak, [weak, then, &network = client_->core.network](SharedFile::Next next) {
+                           asio::post(network, [weak, then, next = std::move(next)] {
                              const auto self = weak.lock();
-                             if (self && !self->hasLeft_) then(*self, piece);
+                             if (self && !self->hasLeft_) then(*self, next);
                            });
                          }});
 }
@@ -150,6 +151,12 @@ void Viewing::end() {
                       if (error) return self->client_->close();
                       self->client_->readRequest();
                     }));
+}
+
+// A chunked body that lacks its last chunk isn't taken for the whole.
+void Viewing::cut() {
+  hasLeft_ = true;
+  client_->close();
 }
 
 // A viewer that waits for a live stream to grow is sent nothing for a while, so its leaving shows here alone.

@@ -32,6 +32,7 @@ class Viewing : public std::enable_shared_from_this<Viewing> {
   void take(const PiecePtr& piece);
   void send(std::shared_ptr<const std::vector<u8>> bytes, std::size_t begin, std::size_t end);
   void end();
+  void cut();
   void watchForLeaving();
 
   const std::shared_ptr<Client> client_;

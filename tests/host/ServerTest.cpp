@@ -484,5 +484,16 @@ TEST_F(Server, clientsThatTakeNothingAreDroppedAndThoseThatLeaveForgotten) {
   EXPECT_TRUE(eventually([&] { return metric("connections") == "1"; })) << "the question's own";
 }
 
+TEST_F(Server, aViewerCanTellThatTheRestCouldNotBeRead) {
+  film("film.flv", movie(20'000).bytes());
+  start();
+  const Wire viewer(port, "GET /film.flv HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  EXPECT_THAT(viewer.until("\r\n\r\n"), HasSubstr("chunked"));
+  std::filesystem::resize_file(dir.path("film.flv"), 1000);
+  const std::string rest = viewer.rest();
+  EXPECT_TRUE(rest.size() > 100'000 && !rest.ends_with("\r\n0\r\n\r\n"));
+  EXPECT_EQ(metric("failed_loads_total"), "1");
+}
+
 }  // namespace
 }  // namespace orv::host::test
