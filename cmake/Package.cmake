@@ -35,7 +35,7 @@ for CMake and pkg-config that say where the module is.")
 set(CPACK_DEBIAN_HOST_PACKAGE_NAME flvhost)
 set(CPACK_DEBIAN_HOST_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_HOST_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "flvadaptor (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS "flvadaptor (= ${PROJECT_VERSION}), libcurl4")
 set(CPACK_COMPONENT_HOST_DESCRIPTION "command line for FLV files
 Inspects, checks, seeks in and plays FLV files, damaged ones too, records
 live streams from a pipe and follows files that are being recorded. It

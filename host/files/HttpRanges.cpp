@@ -1,6 +1,5 @@
 #include "host/files/HttpRanges.h"
 
-#include <curl/curl.h>
 #include <fmt/format.h>
 #include <strings.h>
 
@@ -11,6 +10,8 @@
 #include <optional>
 #include <string_view>
 #include <thread>
+
+#include "host/files/Curl.h"
 
 namespace orv::host {
 
@@ -111,10 +112,9 @@ std::string shownAddress(const std::string& url) {
 
 // Connections live in the handles that made them, so idle ones are kept.
 struct HttpRanges::Handles {
-  Handles() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+  Handles() = default;
   ~Handles() {
-    for (CURL* const handle : idle) curl_easy_cleanup(handle);
-    curl_global_cleanup();
+    for (CURL* const handle : idle) Curl::get().easy_cleanup(handle);
   }
   Handles(const Handles&) = delete;
   Handles& operator=(const Handles&) = delete;
@@ -128,12 +128,12 @@ struct HttpRanges::Handles {
         return handle;
       }
     }
-    CURL* const handle = curl_easy_init();
+    CURL* const handle = Curl::get().easy_init();
     if (!handle) throw HttpFault("no memory for a connection", false);
     return handle;
   }
   void giveBack(CURL* handle) {
-    curl_easy_reset(handle);  // Options alone; its connections stay.
+    Curl::get().easy_reset(handle);  // Options alone; its connections stay.
     const std::lock_guard lock(mutex);
     idle.push_back(handle);
   }
@@ -230,14 +230,15 @@ u64 HttpRanges::bytesReceived() const {
 bool HttpRanges::attempt(Exchange& exchange) {
   struct Lease {
     Handles& handles;
-    CURL* const curl = handles.take();
+    CURL* const handle = handles.take();
     curl_slist* headers = nullptr;
     ~Lease() {
-      handles.giveBack(curl);
-      curl_slist_free_all(headers);
+      handles.giveBack(handle);
+      Curl::get().slist_free_all(headers);
     }
   } lease{*handles_};
-  CURL* const curl = lease.curl;
+  const Curl& curl = Curl::get();
+  const auto set = [&](CURLoption option, auto value) { curl.easy_setopt(lease.handle, option, value); };
   const bool isSecure = startsWithNoCase(exchange.url, "https:");
   const std::string range =
       fmt::format("{}-{}", exchange.position, exchange.position + std::max<i64>(exchange.size, 1) - 1);
@@ -245,36 +246,36 @@ bool HttpRanges::attempt(Exchange& exchange) {
   exchange.clear();
   exchange.headerBytes = 0;
 
-  curl_easy_setopt(curl, CURLOPT_URL, exchange.url.c_str());
-  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, isSecure ? "https" : "http,https");
-  curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, isSecure ? "https" : "http,https");
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_MAXREDIRS, kMostRedirects);
-  curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-  curl_easy_setopt(curl, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_OPTIONAL));
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits_.connect.count()));
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(limits_.request.count()));
-  curl_easy_setopt(curl, CURLOPT_USERAGENT, "flvhost");
+  set(CURLOPT_URL, exchange.url.c_str());
+  set(CURLOPT_PROTOCOLS_STR, isSecure ? "https" : "http,https");
+  set(CURLOPT_REDIR_PROTOCOLS_STR, isSecure ? "https" : "http,https");
+  set(CURLOPT_FOLLOWLOCATION, 1L);
+  set(CURLOPT_MAXREDIRS, kMostRedirects);
+  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_OPTIONAL));
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits_.connect.count()));
+  set(CURLOPT_TIMEOUT_MS, static_cast<long>(limits_.request.count()));
+  set(CURLOPT_USERAGENT, "flvhost");
   // As the curl program does; the library itself goes by the system's authorities alone.
   if (const char* const authorities = std::getenv("SSL_CERT_FILE"); authorities && *authorities) {
-    curl_easy_setopt(curl, CURLOPT_CAINFO, authorities);
+    set(CURLOPT_CAINFO, authorities);
   }
-  curl_easy_setopt(curl, CURLOPT_RANGE, range.c_str());
-  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, reason);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &exchange);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Exchange::onBody);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &exchange);
-  lease.headers = curl_slist_append(lease.headers, "Accept-Encoding: identity");
+  set(CURLOPT_RANGE, range.c_str());
+  set(CURLOPT_ERRORBUFFER, &reason[0]);
+  set(CURLOPT_HEADERFUNCTION, &Exchange::onHeader);
+  set(CURLOPT_HEADERDATA, &exchange);
+  set(CURLOPT_WRITEFUNCTION, &Exchange::onBody);
+  set(CURLOPT_WRITEDATA, &exchange);
+  lease.headers = curl.slist_append(lease.headers, "Accept-Encoding: identity");
   if (const std::string condition = exchange.condition(); !condition.empty()) {
-    lease.headers = curl_slist_append(lease.headers, condition.c_str());
+    lease.headers = curl.slist_append(lease.headers, condition.c_str());
   }
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, lease.headers);
+  set(CURLOPT_HTTPHEADER, lease.headers);
 
-  exchange.code = curl_easy_perform(curl);
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &exchange.status);
-  exchange.error = reason[0] ? reason : curl_easy_strerror(exchange.code);
+  exchange.code = curl.easy_perform(lease.handle);
+  curl.easy_getinfo(lease.handle, CURLINFO_RESPONSE_CODE, &exchange.status);
+  exchange.error = reason[0] ? reason : curl.easy_strerror(exchange.code);
   handles_->requests.fetch_add(1, std::memory_order_relaxed);
   handles_->bytes.fetch_add(exchange.bytes.size(), std::memory_order_relaxed);
   return !isTransient(exchange.code) && !(exchange.code == CURLE_OK && isTransient(exchange.status)) &&
