@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -18,10 +19,8 @@ namespace {
 
 constexpr std::size_t kMostListed = 1000;
 constexpr std::size_t kMostRecent = 32;
-constexpr std::size_t kMostSetups =
-    1000;  // Of one recording; later ones are found at the file's front alone.
 // A file that somebody else writes counts as live while its last change is no older.
-constexpr std::time_t kLiveSeconds = 5;
+constexpr std::chrono::seconds kLiveTime{5};
 
 CommonOptions readingOptions(CommonOptions common) {
   common.settings.setDefault("EnableAggMsgs", "false");  // Pieces keep the file's order of tags.
@@ -76,10 +75,7 @@ std::shared_ptr<SharedFile> Library::open(const std::string& name) {
   auto file = std::make_shared<SharedFile>(
       session_, path, ++lastNumber_, cache_,
       SharedFile::Surroundings{pool_, [this, name, path] { return mayGrow(name, path); },
-                               [this, name] {
-                                 const std::lock_guard inner(mutex_);
-                                 return published_[name].setups;
-                               },
+                               [this, name](const FileIdentity& which) { return setupsOf(name, which); },
                                faults_});
   files_[name] = file;
   if (old) old->endHere();
@@ -88,41 +84,41 @@ std::shared_ptr<SharedFile> Library::open(const std::string& name) {
   return file;
 }
 
-bool Library::mayGrow(const std::string& name, const std::string& path) const {
+bool Library::mayGrow(const std::string& name, const std::string& path) {
   {
     const std::lock_guard lock(mutex_);
-    const auto place = published_.find(name);
-    if (place != published_.end()) return place->second.isActive;
+    if (published_.contains(name)) return true;
+    dropOldEnds();
+    const auto isThis = [&](const Ended& ended) { return ended.name == name; };
+    if (std::any_of(ended_.begin(), ended_.end(), isThis)) return false;
   }
   struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && std::time(nullptr) - status.st_mtime < kLiveSeconds;
+  return ::stat(path.c_str(), &status) == 0 && std::time(nullptr) - status.st_mtime < kLiveTime.count();
+}
+
+// The caller holds mutex_.
+void Library::dropOldEnds() {
+  const auto now = std::chrono::steady_clock::now();
+  while (!ended_.empty() && now - ended_.front().time > kLiveTime) ended_.pop_front();
 }
 
 bool Library::isPublished(const std::string& name) const {
   const std::lock_guard lock(mutex_);
-  const auto place = published_.find(name);
-  return place != published_.end() && place->second.isActive;
+  return published_.contains(name);
 }
 
 bool Library::claim(const std::string& name) {
   const std::lock_guard lock(mutex_);
-  Published& entry = published_[name];
-  if (entry.isActive) return false;
-  entry.isActive = entry.isBeginning = true;
-  return true;
-}
-
-// The caller holds mutex_.
-std::vector<std::function<void()>> Library::takeWaiting(const std::string& name) {
-  published_[name].isBeginning = false;
-  return std::exchange(published_[name].waiting, {});
+  return published_.try_emplace(name).second;
 }
 
 void Library::begun(const std::string& name) {
   std::vector<std::function<void()>> waiting;
   {
     const std::lock_guard lock(mutex_);
-    waiting = takeWaiting(name);
+    Published& entry = published_[name];
+    entry.isBeginning = false;
+    waiting = std::exchange(entry.waiting, {});
   }
   for (const auto& call : waiting) call();
 }
@@ -139,15 +135,27 @@ void Library::release(const std::string& name) {
   begun(name);
   {
     const std::lock_guard lock(mutex_);
-    published_[name].isActive = false;
+    const auto place = published_.find(name);
+    dropOldEnds();
+    if (place->second.file) ended_.push_back({name, std::chrono::steady_clock::now()});
+    published_.erase(place);
   }
   wake(name);
 }
 
-void Library::noteSetup(const std::string& name, u32 time, const Tag& tag) {
+void Library::noteFlush(const std::string& name, const FileIdentity& file, const SetupList& setups) {
   const std::lock_guard lock(mutex_);
-  auto& setups = published_[name].setups;
-  if (setups.size() < kMostSetups) setups.push_back({time, OwnedTag(tag)});
+  Published& entry = published_[name];
+  entry.file = file;
+  entry.setups = setups;
+}
+
+std::optional<SetupList> Library::setupsOf(const std::string& name, const FileIdentity& file) const {
+  const std::lock_guard lock(mutex_);
+  const auto place = published_.find(name);
+  if (place == published_.end() || !place->second.file || !place->second.file->isSame(file))
+    return std::nullopt;
+  return place->second.setups;
 }
 
 void Library::wake(const std::string& name) {
@@ -181,9 +189,7 @@ std::size_t Library::openFiles() const {
 std::vector<std::string> Library::published() const {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> names;
-  for (const auto& [name, entry] : published_) {
-    if (entry.isActive) names.push_back(name);
-  }
+  for (const auto& [name, entry] : published_) names.push_back(name);
   return names;
 }
 

@@ -59,7 +59,8 @@ class Library {
   // If `name` has a publisher whose file isn't there yet: true, and `then` is called, on any thread, as soon
   // as it is or the publisher has given up. Else false.
   bool awaitBeginning(const std::string& name, std::function<void()> then);
-  void noteSetup(const std::string& name, u32 time, const Tag& tag);
+  // What its publisher has flushed: into which file, and where set-ups stand in that.
+  void noteFlush(const std::string& name, const FileIdentity& file, const SetupList& setups);
   // Viewers of `name` look again.
   void wake(const std::string& name);
   void wakeAll();
@@ -73,13 +74,18 @@ class Library {
 
  private:
   struct Published {
-    bool isActive = false;
-    bool isBeginning = false;
+    bool isBeginning = true;
     std::vector<std::function<void()>> waiting;  // For the beginning.
-    std::vector<SharedFile::Setup> setups;
+    std::optional<FileIdentity> file;            // As of the last flush, like the set-ups.
+    SetupList setups;
   };
-  std::vector<std::function<void()>> takeWaiting(const std::string& name);
-  bool mayGrow(const std::string& name, const std::string& path) const;
+  struct Ended {
+    std::string name;
+    std::chrono::steady_clock::time_point time;
+  };
+  void dropOldEnds();
+  bool mayGrow(const std::string& name, const std::string& path);
+  std::optional<SetupList> setupsOf(const std::string& name, const FileIdentity& file) const;
   nlohmann::ordered_json describe(const std::string& name);
 
   const LibraryOptions options_;
@@ -93,7 +99,8 @@ class Library {
   Session session_;
   std::map<std::string, std::weak_ptr<SharedFile>> files_;
   std::deque<std::shared_ptr<SharedFile>> recent_;  // Kept open for the next viewer, with what is loaded.
-  std::map<std::string, Published> published_;
+  std::map<std::string, Published> published_;      // While they have a publisher.
+  std::deque<Ended> ended_;  // Had one until lately: that their files changed says nothing.
   u64 lastNumber_ = 0;
 };
 

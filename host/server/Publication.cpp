@@ -4,7 +4,6 @@
 
 #include <filesystem>
 
-#include "host/flv/FlvNames.h"
 #include "host/text/Console.h"
 #include "host/text/CountText.h"
 #include "host/text/Failure.h"
@@ -41,11 +40,11 @@ Publication::Publication(std::shared_ptr<const NameClaim> claim)
       name_(claim_->name),
       target_(library_.pathOf(name_, false), mirrorOf(name_), Onto::append),
       session_(recordingOptions(library_.options().common)),
-      reserve_([this](const Tag& tag) { record(tag); }),
+      reserve_([this](const Tag& tag) { recording_->take(tag); }),
       reader_(
           [this](const Tag& tag) {
             // What is appended to has its metadata, or has none, and what came now would not be its head.
-            if (target_.appends()) return record(tag);
+            if (target_.appends()) return recording_->take(tag);
             reserve_.take(tag);
           },
           [this](u64 position, u64 size) { noteDamage(position, size); }) {
@@ -69,11 +68,6 @@ std::string Publication::mirrorOf(const std::string& name) const {
   std::error_code ignored;  // A folder that can't be made shows when the copy is.
   std::filesystem::create_directories(path.parent_path(), ignored);
   return path.native();
-}
-
-void Publication::record(const Tag& tag) {
-  recording_->take(tag);
-  if (isCodecSetup(tag)) library_.noteSetup(name_, recording_->tally().lastTime, tag);
 }
 
 // The stream goes on at the next tag, as a repair would.
@@ -113,6 +107,9 @@ void Publication::flushIfDue() {
 void Publication::wakeViewers() {
   if (recording_->tally().flushes == flushesSeen_) return;
   flushesSeen_ = recording_->tally().flushes;
+  if (const auto file = target_.descriptor().status()) {
+    library_.noteFlush(name_, {file->st_dev, file->st_ino, file->st_size}, recording_->setupList());
+  }
   library_.wake(name_);
 }
 

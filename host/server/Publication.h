@@ -54,7 +54,6 @@ class Publication {
 
  private:
   std::string mirrorOf(const std::string& name) const;
-  void record(const Tag& tag);
   void noteDamage(u64 position, u64 size);
   void endStream();
   void lose(u64 bytes, bool isDamage);

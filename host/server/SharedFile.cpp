@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "host/flv/CodecSetups.h"
 #include "host/flv/FlvNames.h"
 #include "host/module/SegmentWalk.h"
 #include "host/text/Console.h"
@@ -26,7 +25,11 @@ u32 absolute(const ViewTime& time, u32 duration) {
 
 SharedFile::SharedFile(Session& session, const std::string& file, u64 number, PieceCache& cache,
                        Surroundings around)
-    : number_(number), cache_(cache), around_(std::move(around)), stream_(session.open(file)) {}
+    : number_(number),
+      cache_(cache),
+      around_(std::move(around)),
+      stream_(session.open(file)),
+      setupSearch_(stream_) {}
 
 SharedFile::~SharedFile() {
   for (const i64 position : cache_.forget(number_)) stream_.freeSegment(position);
@@ -48,23 +51,6 @@ bool SharedFile::hasLostItsName() const {
   return !now || !now->isSame(stream_.identity()) || now->size < end_;
 }
 
-// The last of each kind before `time`, of those that are known; else those at the file's front.
-std::vector<OwnedTag> SharedFile::setupsBefore(u32 time, const PlayStart& place) {
-  CodecSetups setups;
-  if (place.position == 0 && place.skip == 0) return {};
-  if (const auto first = stream_.segmentAtPosition(0)) {
-    stream_.load(*first, [&](const Message& message) {
-      forEachTag(message, [&](const Tag& tag) {
-        if (tag.time <= time) setups.note(tag);
-      });
-    });
-  }
-  for (const Setup& setup : around_.setups()) {
-    if (setup.time <= time) setups.note(setup.tag.view());
-  }
-  return setups.tags();
-}
-
 SharedFile::Start SharedFile::start(std::optional<ViewTime> from, std::optional<ViewTime> to) {
   const std::lock_guard lock(streamMutex_);
   stream_.requirePlayable();
@@ -79,10 +65,14 @@ SharedFile::Start SharedFile::start(std::optional<ViewTime> from, std::optional<
   stream_.headRecords([&](const HeadRecord& record) {
     if (record.trackId != kTrackControl) head.add(record.tag);
   });
-  for (const OwnedTag& setup : setupsBefore(begin, start.place)) {
-    Tag tag = setup.view();
-    tag.time = begin;
-    head.add(tag);
+  if (start.place.position > 0 || start.place.skip > 0) {
+    auto known = around_.setups(stream_.identity());
+    for (const OwnedTag& setup :
+         setupSearch_.before(start.place.position, start.place.skip, std::move(known)).tags()) {
+      Tag tag = setup.view();
+      tag.time = start.place.time;
+      head.add(tag);
+    }
   }
   start.head.assign(header.begin(), header.end());
   start.head.insert(start.head.end(), head.bytes.begin(), head.bytes.end());

@@ -12,6 +12,7 @@
 
 #include "host/module/LostTags.h"
 #include "host/module/PlayOut.h"
+#include "host/module/SetupSearch.h"
 #include "host/server/Piece.h"
 #include "host/server/Request.h"
 
@@ -47,15 +48,11 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
     PlayStart place;
     std::optional<u32> end;
   };
-  struct Setup {
-    u32 time;
-    OwnedTag tag;
-  };
   struct Surroundings {
     Pool pool;
     std::function<bool()> isLive;  // Whether more may come.
-    std::function<std::vector<Setup>()>
-        setups;  // Codec set-ups that are known to stand behind the file's front.
+    // Where its codec set-ups stand, if it is being recorded here.
+    std::function<std::optional<SetupList>(const FileIdentity&)> setups;
     LoadFaults& faults;
   };
 
@@ -87,7 +84,6 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
   void recover(i64 from, i64 to, const DeliveredTags& delivered, Piece& piece);
   void fetch(i64 position);
   PiecePtr load(i64 position);
-  std::vector<OwnedTag> setupsBefore(u32 time, const PlayStart& place);
 
   const u64 number_;
   std::atomic<bool> isOver_{false};
@@ -95,6 +91,7 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
   const Surroundings around_;
   std::mutex streamMutex_;
   Stream stream_;             // Under streamMutex_.
+  SetupSearch setupSearch_;   // Under streamMutex_.
   i64 end_ = 0;               // Under streamMutex_: up to here the file is known to reach.
   i64 toldTo_ = 0;            // Under streamMutex_: damage before it has been reported.
   std::size_t overhead_ = 0;  // Under streamMutex_.

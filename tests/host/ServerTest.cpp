@@ -316,6 +316,24 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   EXPECT_THAT(checked.out, HasSubstr("checked   2696 tags"));
 }
 
+// Of a file as of one that is being recorded.
+TEST_F(Server, aViewerInTheMiddleGetsTheSetupsOfItsPlace) {
+  const Bytes early{0x17, 0, 0, 0, 0, 1}, late{0x17, 0, 0, 0, 0, 2};
+  const FlvBuilder half = movie(700, FlvBuilder().tag(9, 0, early)).tag(9, 14'000, late);
+  const FlvBuilder coded = movie(700, half, 14'000);
+  film("coded.flv", coded.bytes());
+  start();
+  for (const char* part : {"20", "5"}) {
+    const std::string played =
+        flvhost("play -o - --to 21 --from " + (part + (" " + dir.path("coded.flv")))).out;
+    EXPECT_TRUE(bodyOf(ask(std::string("GET /coded.flv?to=21&from=") + part)) == played) << part;
+  }
+  const Wire publisher(port,
+                       "PUT /live.flv HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + str(coded.bytes()));
+  ASSERT_TRUE(eventually([&] { return durationAt(port) == coded.tags().back().time; }));
+  EXPECT_EQ(tagsOf(bodyOf(ask("GET /live.flv?from=20&to=21")))[1].data, late);
+}
+
 TEST_F(Server, recordsADamagedStreamAsTheCommandDoes) {
   const FlvBuilder film = movie(600);
   const auto half = film.tags()[300].position + 500;
