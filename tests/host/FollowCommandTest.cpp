@@ -10,12 +10,7 @@ using testing::HasSubstr;
 
 class FollowCommandTest : public testing::Test {
  protected:
-  // Tags `from` to `to` of the movie's, the file header with the first.
-  Bytes part(std::size_t from, std::size_t to) const {
-    const auto begin = from == 0 ? 0 : stream.tags()[from].position;
-    const auto end = to == stream.tags().size() ? stream.size() : stream.tags()[to].position;
-    return {stream.bytes().begin() + begin, stream.bytes().begin() + end};
-  }
+  Bytes part(std::size_t begin, std::size_t end) const { return cut(stream, begin, end); }
 
   TempDir dir;
   const std::string file = dir.path("live.flv");

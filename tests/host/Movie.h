@@ -51,6 +51,12 @@ inline bool isPart(const TagList& tags, std::size_t from, const FlvBuilder& film
   return true;
 }
 
+// The film's tags from `begin` to before `end`; its header with the first.
+inline Bytes cut(const FlvBuilder& film, std::size_t begin, std::size_t end) {
+  const auto bytes = film.bytes().begin();
+  return {bytes + (begin ? film.tags()[begin].position : 0), bytes + film.tags()[end - 1].end()};
+}
+
 // A handler that keeps each tag in `tags`.
 inline auto into(TagList& tags) {
   return [&tags](const Tag& tag) { tags.push_back({tag.type, tag.time, {tag.data, tag.data + tag.size}}); };
