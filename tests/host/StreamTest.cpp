@@ -144,37 +144,6 @@ TEST(Walker, findsTheSameWithoutReadingLargePayloads) {
   }
 }
 
-// Cuts and junk anywhere: what is untouched is found, and no more. Where bytes were overwritten inside one
-// tag's data, nothing tells.
-TEST(Walker, findsWhatRandomDamageLeaves) {
-  const FlvBuilder sound = FlvBuilder().interleaved(60);
-  const TagList all = Damage(sound).whole();
-  orv::test::Random random(11);
-  for (u32 round = 0; round < 300; ++round) {
-    Damage damage(sound);
-    const bool overwrites = round % 3 == 0;
-    for (i64 at = 13; (at += 1 + random.below(9000)) < sound.size() - 2000;) {
-      const u32 kind = random.below(overwrites ? 3 : 2), size = 1 + random.below(kind == 1 ? 900 : 2000);
-      if (kind == 0) damage.insert(at, noise(size, round));
-      if (kind == 1) damage.remove(at, size);
-      if (kind == 2) damage.overwrite(at, round % 2 ? zeros(size) : noise(size, round));
-      at += size;
-    }
-    const TagList found = walk(damage.bytes()).tags, whole = damage.whole();
-    auto next = found.begin();
-    for (const auto& tag : whole) {
-      next = std::find(next, found.end(), tag);
-      ASSERT_NE(next, found.end()) << round;
-    }
-    for (const auto& tag : found) {
-      const auto isSame = [&](const auto& old) {
-        return old.time == tag.time && old.data.size() == tag.data.size();
-      };
-      ASSERT_TRUE(overwrites || std::ranges::any_of(all, isSame)) << round;
-    }
-  }
-}
-
 TEST(FlvReader, givesTheWholeTagsOfAStreamCutAnywhereInPiecesOfAnySize) {
   constexpr i64 kHeader = 30;
   const FlvBuilder file =
