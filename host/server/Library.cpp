@@ -73,27 +73,34 @@ std::shared_ptr<SharedFile> Library::open(const std::string& name) {
   // Whoever asked at the same time shares what came first.
   if (auto other = files_[name].lock(); other && other != old) return other;
   auto file = std::make_shared<SharedFile>(
-      session_, path, ++lastNumber_, cache_,
-      SharedFile::Surroundings{pool_, [this, name, path] { return mayGrow(name, path); },
+      path, ++lastNumber_, cache_,
+      SharedFile::Surroundings{pool_, [this](const std::string& which) { return openStream(which); },
+                               [this, name](const struct stat& status) { return mayGrow(name, status); },
                                [this, name](const FileIdentity& which) { return setupsOf(name, which); },
                                faults_});
   files_[name] = file;
-  if (old) old->endHere();
+  if (old) replaced_.push_back(old);
   recent_.push_back(file);
   if (recent_.size() > kMostRecent) recent_.pop_front();
   return file;
 }
 
-bool Library::mayGrow(const std::string& name, const std::string& path) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (published_.contains(name)) return true;
-    dropOldEnds();
-    const auto isThis = [&](const Ended& ended) { return ended.name == name; };
-    if (std::any_of(ended_.begin(), ended_.end(), isThis)) return false;
+Stream Library::openStream(const std::string& file) {
+  const std::lock_guard lock(sessionMutex_);
+  return session_.open(file);
+}
+
+// A recording may go on in a new file of the name: the old one ends then.
+bool Library::mayGrow(const std::string& name, const struct stat& status) {
+  const std::lock_guard lock(mutex_);
+  if (const auto place = published_.find(name); place != published_.end()) {
+    const auto& file = place->second.file;
+    return !file || file->isSame({status.st_dev, status.st_ino, status.st_size});
   }
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && std::time(nullptr) - status.st_mtime < kLiveTime.count();
+  dropOldEnds();
+  const auto isThis = [&](const Ended& ended) { return ended.name == name; };
+  if (std::any_of(ended_.begin(), ended_.end(), isThis)) return false;
+  return std::time(nullptr) - status.st_mtime < kLiveTime.count();
 }
 
 // The caller holds mutex_.
@@ -170,20 +177,23 @@ void Library::wake(const std::string& name) {
 
 void Library::wakeAll() {
   std::vector<std::shared_ptr<SharedFile>> waiting;
+  // False if it has gone.
+  const auto look = [&](const std::weak_ptr<SharedFile>& weak) {
+    const auto file = weak.lock();
+    if (file && file->hasWaiting()) waiting.push_back(file);
+    return file != nullptr;
+  };
   {
     const std::lock_guard lock(mutex_);
-    for (auto place = files_.begin(); place != files_.end();) {
-      auto file = place->second.lock();
-      if (file && file->hasWaiting()) waiting.push_back(file);
-      place = file ? std::next(place) : files_.erase(place);
-    }
+    std::erase_if(files_, [&](const auto& entry) { return !look(entry.second); });
+    std::erase_if(replaced_, [&](const auto& weak) { return !look(weak); });
   }
   for (const auto& file : waiting) file->wake();
 }
 
 std::size_t Library::openFiles() const {
   const std::lock_guard lock(mutex_);
-  return files_.size();
+  return files_.size() + replaced_.size();
 }
 
 std::vector<std::string> Library::published() const {

@@ -83,8 +83,9 @@ class Library {
     std::string name;
     std::chrono::steady_clock::time_point time;
   };
+  Stream openStream(const std::string& file);
   void dropOldEnds();
-  bool mayGrow(const std::string& name, const std::string& path);
+  bool mayGrow(const std::string& name, const struct stat& status);
   std::optional<SetupList> setupsOf(const std::string& name, const FileIdentity& file) const;
   nlohmann::ordered_json describe(const std::string& name);
 
@@ -95,11 +96,13 @@ class Library {
   LoadFaults faults_;
   StreamFaults streamFaults_;
   mutable std::mutex mutex_;
+  std::mutex sessionMutex_;  // Taken last.
+  Session session_;          // Under sessionMutex_.
   // Under mutex_.
-  Session session_;
   std::map<std::string, std::weak_ptr<SharedFile>> files_;
-  std::deque<std::shared_ptr<SharedFile>> recent_;  // Kept open for the next viewer, with what is loaded.
-  std::map<std::string, Published> published_;      // While they have a publisher.
+  std::vector<std::weak_ptr<SharedFile>> replaced_;  // Have viewers, but their name has gone to another.
+  std::deque<std::shared_ptr<SharedFile>> recent_;   // Kept open for the next viewer, with what is loaded.
+  std::map<std::string, Published> published_;       // While they have a publisher.
   std::deque<Ended> ended_;  // Had one until lately: that their files changed says nothing.
   u64 lastNumber_ = 0;
 };

@@ -1,12 +1,16 @@
 #include "host/server/SharedFile.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "host/flv/FlvNames.h"
 #include "host/module/SegmentWalk.h"
 #include "host/text/Console.h"
+#include "host/text/Failure.h"
 
 namespace orv::host {
 
@@ -23,52 +27,80 @@ u32 absolute(const ViewTime& time, u32 duration) {
 
 }  // namespace
 
-SharedFile::SharedFile(Session& session, const std::string& file, u64 number, PieceCache& cache,
-                       Surroundings around)
-    : number_(number),
+SharedFile::SharedFile(std::string file, u64 number, PieceCache& cache, Surroundings around)
+    : name_(std::move(file)),
+      file_(Descriptor::open(name_, O_RDONLY)),
+      number_(number),
       cache_(cache),
       around_(std::move(around)),
-      stream_(session.open(file)),
-      setupSearch_(stream_) {}
+      opened_(new Opened{around_.open(name_)}) {
+  if (!file_) throw hostFault(name_ + ": " + std::strerror(errno));
+}
 
 SharedFile::~SharedFile() {
-  for (const i64 position : cache_.forget(number_)) stream_.freeSegment(position);
+  for (const i64 position : cache_.forget(number_)) opened_->stream.freeSegment(position);
 }
 
 void SharedFile::onFreed(i64 position) {
   const std::lock_guard lock(streamMutex_);
-  stream_.freeSegment(position);
+  opened_->stream.freeSegment(position);
 }
 
 bool SharedFile::isReplaced() {
   const std::lock_guard lock(streamMutex_);  // First: what is known to be there by now stands there still.
-  return hasLostItsName();
+  return !isNamed() || identity().size < end_;
 }
 
-// The caller holds streamMutex_.
-bool SharedFile::hasLostItsName() const {
-  const auto now = lookUp(stream_.name());
-  return !now || !now->isSame(stream_.identity()) || now->size < end_;
+FileIdentity SharedFile::identity() const {
+  const auto status = file_.status();
+  if (!status) throw hostFault(name_ + ": " + std::strerror(errno));
+  return {status->st_dev, status->st_ino, status->st_size};
+}
+
+bool SharedFile::isNamed() const {
+  const auto now = lookUp(name_);
+  return now && now->isSame(identity());
+}
+
+// The result of `work` with the file that was opened. The module reads by name: what came of another file
+// that has it is dropped, and `work` is done again. The caller holds streamMutex_.
+template <class Work>
+auto SharedFile::read(Work work) {
+  if (hasMoved_) return work();
+  try {
+    auto result = work();
+    if (isNamed()) return result;
+  } catch (const std::exception&) {
+    if (isNamed()) throw;
+  }
+  opened_.reset(new Opened{around_.open(fmt::format("/proc/self/fd/{}", file_.get()))});
+  hasMoved_ = true;
+  return work();
 }
 
 SharedFile::Start SharedFile::start(std::optional<ViewTime> from, std::optional<ViewTime> to) {
   const std::lock_guard lock(streamMutex_);
-  stream_.requirePlayable();
-  const u32 duration = stream_.duration();
+  return read([&] { return findStart(from, to); });
+}
+
+SharedFile::Start SharedFile::findStart(std::optional<ViewTime> from, std::optional<ViewTime> to) {
+  Stream& stream = opened_->stream;
+  stream.requirePlayable();
+  const u32 duration = stream.duration();
   Start start;
   const u32 begin = from ? absolute(*from, duration) : 0;
-  if (from) start.place = findPlayStart(stream_, begin);
+  if (from) start.place = findPlayStart(stream, begin);
   if (to) start.end = absolute(*to, duration);
 
-  const auto header = fileHeader(expectedFlags(stream_));
+  const auto header = fileHeader(expectedFlags(stream));
   Piece head;
-  stream_.headRecords([&](const HeadRecord& record) {
+  stream.headRecords([&](const HeadRecord& record) {
     if (record.trackId != kTrackControl) head.add(record.tag);
   });
   if (start.place.position > 0 || start.place.skip > 0) {
-    auto known = around_.setups(stream_.identity());
+    auto known = around_.setups(identity());
     for (const OwnedTag& setup :
-         setupSearch_.before(start.place.position, start.place.skip, std::move(known)).tags()) {
+         opened_->setups.before(start.place.position, start.place.skip, std::move(known)).tags()) {
       Tag tag = setup.view();
       tag.time = start.place.time;
       head.add(tag);
@@ -90,7 +122,7 @@ void SharedFile::next(i64 position, Ready ready) {
 // What the module doesn't deliver of a damaged run is taken from there tag by tag.
 void SharedFile::loadRun(const SegmentBounds& bounds, Piece& piece) {
   DeliveredTags delivered;
-  const bool isWhole = stream_.load(bounds, [&](const Message& message) {
+  const bool isWhole = opened_->stream.load(bounds, [&](const Message& message) {
     forEachTag(message, [&](const Tag& tag) {
       delivered.note(tag);
       if (isKnownType(tag.type)) piece.add(tag);
@@ -100,27 +132,26 @@ void SharedFile::loadRun(const SegmentBounds& bounds, Piece& piece) {
 }
 
 void SharedFile::recover(i64 from, i64 to, const DeliveredTags& delivered, Piece& piece) {
-  if (hasLostItsName()) return;  // It's another file's bytes that made no sense.
+  if (!hasMoved_ && !isNamed()) return;  // It's another file's bytes that made no sense.
   ++around_.faults.damaged;
   u64 found = 0;
   if (to - from <= kMostSearched) {
-    found = LostTags(stream_, from, to).load(delivered, [&](const SegmentBounds&, const Message& message) {
-      forEachTag(message, [&](const Tag& tag) {
-        if (isKnownType(tag.type)) piece.add(tag);
-      });
-    });
+    found = LostTags(opened_->stream, from, to)
+                .load(delivered, [&](const SegmentBounds&, const Message& message) {
+                  forEachTag(message, [&](const Tag& tag) {
+                    if (isKnownType(tag.type)) piece.add(tag);
+                  });
+                });
   }
   around_.faults.recovered += found;
   if (from < std::exchange(toldTo_, std::max(toldTo_, to))) return;
-  report(fmt::format("{}: damaged between bytes {} and {}; tags found behind the damage: {}", stream_.name(),
-                     from, to - 1, found));
+  report(fmt::format("{}: damaged between bytes {} and {}; tags found behind the damage: {}", name_, from,
+                     to - 1, found));
 }
 
 // Null where nothing stands behind `position` yet. What is damaged is gone past.
-PiecePtr SharedFile::load(i64 position) {
-  const std::lock_guard lock(streamMutex_);
-  SegmentWalk walk(stream_, position);
-  end_ = std::max(end_, walk.end());
+SharedFile::Loaded SharedFile::loadFrom(i64 position) {
+  SegmentWalk walk(opened_->stream, position);
   const auto piece = std::make_shared<Piece>();
   while (piece->bytes.empty() && walk.position() < walk.end()) {
     const std::size_t gaps = walk.gaps().size();
@@ -134,13 +165,17 @@ PiecePtr SharedFile::load(i64 position) {
     }
     piece->next = walk.position();
   }
-  overhead_ = stream_.memoryOverhead();
-  // The module reads by name: what came of another file's bytes goes nowhere.
-  if (hasLostItsName()) {
-    isOver_ = true;
-    return nullptr;
-  }
-  return piece->bytes.empty() ? nullptr : piece;
+  return {piece->bytes.empty() ? nullptr : piece, walk.end()};
+}
+
+PiecePtr SharedFile::load(i64 position) {
+  const std::lock_guard lock(streamMutex_);
+  const auto [piece, end] = read([&] { return loadFrom(position); });
+  overhead_ = opened_->stream.memoryOverhead();
+  end_ = std::max(end_, end);
+  if (identity().size >= end_) return piece;
+  isCut_ = true;
+  return nullptr;
 }
 
 void SharedFile::fetch(i64 position) {
@@ -150,17 +185,18 @@ void SharedFile::fetch(i64 position) {
     wakesBefore = wakes_;
   }
   // First: what a recording leaves behind at its end is still loaded.
-  const bool mayGrow = !isOver_ && around_.isLive();
+  const auto status = file_.status();
+  const bool mayGrow = !isCut_ && status && around_.isLive(*status);
   PiecePtr piece;
   bool isFailed = false;
   try {
-    if (!isOver_) piece = load(position);
+    if (!isCut_) piece = load(position);
   } catch (const std::exception& fault) {
     isFailed = true;
     report(fault.what());
   }
-  const bool isLive = mayGrow && !isOver_;
-  isFailed |= isOver_ && !piece;
+  const bool isLive = mayGrow && !isCut_;
+  isFailed |= isCut_ && !piece;
   if (piece) {
     const std::size_t overhead = with([this](Stream&) { return overhead_; });
     cache_.keep({number_, position}, piece, weak_from_this(), overhead);
@@ -201,11 +237,6 @@ void SharedFile::wake() {
     }
   }
   waiting_.clear();
-}
-
-void SharedFile::endHere() {
-  isOver_ = true;
-  wake();
 }
 
 bool SharedFile::hasWaiting() const {

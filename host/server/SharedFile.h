@@ -1,4 +1,5 @@
-// A file that any number of viewers play, through one read handle of the module.
+// A file that any number of viewers play, through one read handle of the module. It is read to its end also
+// where it has lost its name meanwhile.
 
 #pragma once
 
@@ -10,6 +11,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/files/Descriptor.h"
 #include "host/module/LostTags.h"
 #include "host/module/PlayOut.h"
 #include "host/module/SetupSearch.h"
@@ -50,13 +52,15 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
   };
   struct Surroundings {
     Pool pool;
-    std::function<bool()> isLive;  // Whether more may come.
+    std::function<Stream(const std::string& file)> open;    // Throws Failure.
+    std::function<bool(const struct stat& status)> isLive;  // Whether more may come.
     // Where its codec set-ups stand, if it is being recorded here.
     std::function<std::optional<SetupList>(const FileIdentity&)> setups;
     LoadFaults& faults;
   };
 
-  SharedFile(Session& session, const std::string& file, u64 number, PieceCache& cache, Surroundings around);
+  // Throws Failure.
+  SharedFile(std::string file, u64 number, PieceCache& cache, Surroundings around);
   ~SharedFile() override;
 
   // These block: for the pool's threads. Throw Failure.
@@ -64,7 +68,7 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
   template <class Work>
   auto with(Work work) {
     const std::lock_guard lock(streamMutex_);
-    return work(stream_);
+    return work(opened_->stream);
   }
   // Whether another file has taken its name, or it was cut.
   bool isReplaced();
@@ -73,25 +77,39 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
   void next(i64 position, Ready ready);
   // The file has grown, or is live no longer.
   void wake();
-  // Another file has taken the name: viewers that go on get no more.
-  void endHere();
   bool hasWaiting() const;
   void onFreed(i64 position) override;
 
  private:
-  bool hasLostItsName() const;
+  struct Opened {
+    Stream stream;
+    SetupSearch setups{stream};
+  };
+  struct Loaded {
+    PiecePtr piece;
+    i64 end;  // Of the file, as far as it is known.
+  };
+  FileIdentity identity() const;
+  bool isNamed() const;
+  template <class Work>
+  auto read(Work work);
+  Start findStart(std::optional<ViewTime> from, std::optional<ViewTime> to);
   void loadRun(const SegmentBounds& bounds, Piece& piece);
   void recover(i64 from, i64 to, const DeliveredTags& delivered, Piece& piece);
   void fetch(i64 position);
+  Loaded loadFrom(i64 position);
   PiecePtr load(i64 position);
 
+  const std::string name_;
+  const Descriptor file_;
   const u64 number_;
-  std::atomic<bool> isOver_{false};
+  std::atomic<bool> isCut_{false};
   PieceCache& cache_;
   const Surroundings around_;
   std::mutex streamMutex_;
-  Stream stream_;             // Under streamMutex_.
-  SetupSearch setupSearch_;   // Under streamMutex_.
+  // Under streamMutex_: under its name, or, once another file has that, under the descriptor's.
+  std::unique_ptr<Opened> opened_;
+  bool hasMoved_ = false;     // Under streamMutex_.
   i64 end_ = 0;               // Under streamMutex_: up to here the file is known to reach.
   i64 toldTo_ = 0;            // Under streamMutex_: damage before it has been reported.
   std::size_t overhead_ = 0;  // Under streamMutex_.

@@ -15,6 +15,7 @@
 namespace orv::host::test {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -113,8 +114,9 @@ class Wire {
   std::string until(const std::string& text) const {
     std::string all;
     for (std::string next = some(); !next.empty(); next = some()) {
+      const std::size_t before = all.size() - std::min(all.size(), text.size());
       all += next;
-      if (!text.empty() && all.find(text) != std::string::npos) break;
+      if (!text.empty() && all.find(text, before) != std::string::npos) break;
     }
     return all;
   }
@@ -390,17 +392,32 @@ TEST_F(Server, viewersMayComeBeforeTheFileAndStayToTheEnd) {
   }
 }
 
-TEST_F(Server, viewersOfAFileThatIsReplacedGetToItsEnd) {
-  const FlvBuilder source = movie(100);
-  const std::string bytes = str(source.bytes());
-  start();
-  const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + bytes);
-  ASSERT_TRUE(eventually([&] { return sizeOf("live.flv") > 13; }));
-  const Wire viewer(port, "GET /live.flv HTTP/1.0\r\n\r\n");
-  ASSERT_TRUE(eventually([&] { return metric("viewers") == "1"; }));
-  std::filesystem::rename(dir.file("other.flv", source.bytes()), dir.path("live.flv"));
-  EXPECT_THAT(ask("GET /live.json"), HasSubstr("200 OK"));
-  EXPECT_TRUE(eventually([&] { return metric("viewers") == "0"; }));
+// Viewers of a recording whose file is renamed, removed or replaced; one of them is slow, and one waits at
+// its end.
+TEST_F(Server, viewersOfAFileThatLostItsNameGetToItsEnd) {
+  const FlvBuilder source = movie(10'000), more = movie(100, FlvBuilder(), 200'000);
+  const std::string old = dir.path("live.flv");
+  const std::function<void()> kMoves[] = {
+      [&] { std::filesystem::rename(old, dir.path("old.flv")); },
+      [&] { std::filesystem::remove(old); },
+      [&] { std::filesystem::rename(dir.file("other.flv", FlvBuilder().bytes()), old); },
+  };
+  start([](ServerOptions& options) { options.library.flushInterval = std::chrono::milliseconds(50); });
+  for (const auto& move : kMoves) {
+    ASSERT_TRUE(eventually([&] { return metric("publishers") == "0"; }));
+    std::filesystem::remove(old);
+    const Wire publisher(port,
+                         "PUT /live.flv HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n" + str(source.bytes()));
+    ASSERT_TRUE(eventually([&] { return durationAt(port) == source.tags().back().time; }));
+    const std::string get = " HTTP/1.1\r\nHost: localhost\r\n\r\n", last = "\r\n0\r\n\r\n";
+    const Wire slow(port, "GET /live.flv" + get), waiting(port, "GET /live.flv?from=199" + get);
+    std::string seen = slow.until("\r\n\r\n"), tail = waiting.until("\r\n\r\n");
+    move();
+    publisher.send(str(more.bytes()).substr(flv::kFirstTagPosition));
+    EXPECT_THAT(tail += waiting.until(last), EndsWith(last));
+    EXPECT_THAT(seen += slow.until(last), EndsWith(last));
+    EXPECT_GE(seen.size(), source.bytes().size());
+  }
 }
 
 std::string serving(const TempDir& dir) {
