@@ -5,11 +5,12 @@ namespace orv::host {
 void Piece::add(const Tag& tag) {
   const std::size_t at = bytes.size();
   marks.push_back({at, tag.time});
-  bytes.resize(at + tag.size + flv::kTagOverhead);
-  u8* const out = bytes.data() + at;
-  flv::writeTagHeader(out, tag.type, tag.size, tag.time, tag.streamId);
-  std::copy_n(tag.data, tag.size, out + flv::kTagHeaderSize);
-  flv::writeU32(out + flv::kTagHeaderSize + tag.size, tag.size + flv::kTagHeaderSize);
+  u8 header[flv::kTagHeaderSize], field[flv::kSizeFieldSize];
+  flv::writeTagHeader(header, tag.type, tag.size, tag.time, tag.streamId);
+  flv::writeU32(field, tag.size + flv::kTagHeaderSize);
+  bytes.insert(bytes.end(), header, std::end(header));
+  bytes.insert(bytes.end(), tag.data, tag.data + tag.size);
+  bytes.insert(bytes.end(), field, std::end(field));
 }
 
 PiecePtr PieceCache::find(const Key& key) {
@@ -19,6 +20,11 @@ PiecePtr PieceCache::find(const Key& key) {
   if (place == entries_.end()) return nullptr;
   ages_.splice(ages_.begin(), ages_, place->second.age);
   return place->second.piece;
+}
+
+bool PieceCache::holds(const Key& key) const {
+  const std::lock_guard lock(mutex_);
+  return entries_.contains(key);
 }
 
 void PieceCache::keep(const Key& key, PiecePtr piece, const std::weak_ptr<PieceOwner>& owner,

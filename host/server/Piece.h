@@ -46,6 +46,7 @@ class PieceCache {
   // A file, numbered by whoever opened it, and a place in it.
   using Key = std::pair<u64, i64>;
   PiecePtr find(const Key& key);
+  bool holds(const Key& key) const;  // Counts as no use.
   // `overhead`: bytes that the module holds for the file by now.
   void keep(const Key& key, PiecePtr piece, const std::weak_ptr<PieceOwner>& owner, std::size_t overhead);
   // Drops all of a file. Returns where its pieces were: its owner isn't called.

@@ -119,6 +119,13 @@ void SharedFile::next(i64 position, Ready ready) {
   if (isNew) around_.pool([self = shared_from_this(), position] { self->fetch(position); });
 }
 
+void SharedFile::loadAhead(i64 position) {
+  if (cache_.holds({number_, position})) return;
+  const std::lock_guard lock(mutex_);
+  if (waiting_.contains(position) || !wanted_.try_emplace(position).second) return;
+  around_.pool([self = shared_from_this(), position] { self->fetch(position); });
+}
+
 // What the module doesn't deliver of a damaged run is taken from there tag by tag.
 void SharedFile::loadRun(const SegmentBounds& bounds, Piece& piece) {
   DeliveredTags delivered;
@@ -219,7 +226,7 @@ void SharedFile::fetch(i64 position) {
     ready = std::move(wanted_[position]);
     wanted_.erase(position);
   }
-  around_.faults.failed += isFailed;
+  around_.faults.failed += isFailed && !ready.empty();
   // Asked, not held: an owner must not end on this thread.
   for (const Ready& one : ready) {
     if (!one.owner.expired()) one.call({piece, isFailed});

@@ -75,6 +75,8 @@ class SharedFile final : public PieceOwner, public std::enable_shared_from_this<
 
   // Asks for what follows `position`. At the end of a live file it waits for more.
   void next(i64 position, Ready ready);
+  // Loads what follows `position` for whoever asks for it next.
+  void loadAhead(i64 position);
   // The file has grown, or is live no longer.
   void wake();
   bool hasWaiting() const;

@@ -12,6 +12,8 @@ namespace {
 
 // A viewer has the server's patience to take this much.
 constexpr std::size_t kSlice = 64 << 10;
+// About what two pieces of a file take, the one that is sent and the next.
+constexpr std::size_t kTwoPieces = 768 << 10;
 
 }  // namespace
 
@@ -97,8 +99,16 @@ void Viewing::whenReady(i64 position, Then then) {
                          }});
 }
 
+// While a piece is sent the next one is loaded, if the cache has room for it until it is asked for. A small
+// piece is a live stream's, with nothing behind it yet.
+bool Viewing::loadsAhead(const Piece& piece) const {
+  const ServerCore& core = client_->core;
+  return piece.bytes.size() > kSlice && core.counters.viewers * kTwoPieces <= core.options.library.cacheBytes;
+}
+
 void Viewing::take(const PiecePtr& piece) {
   position_ = piece->next;
+  if (loadsAhead(*piece)) file_->loadAhead(position_);
   const std::size_t count = piece->marks.size();
   const std::size_t first = static_cast<std::size_t>(std::min<u64>(skip_, count));
   skip_ -= first;

@@ -29,6 +29,7 @@ class Viewing : public std::enable_shared_from_this<Viewing> {
   template <class Then>
   void whenReady(i64 position, Then then);
   void next();
+  bool loadsAhead(const Piece& piece) const;
   void take(const PiecePtr& piece);
   void send(std::shared_ptr<const std::vector<u8>> bytes, std::size_t begin, std::size_t end);
   void end();
