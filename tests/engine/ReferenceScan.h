@@ -39,7 +39,7 @@ struct ReferenceScan {
     return flv::readU32(&file[static_cast<std::size_t>(position)]);
   }
   std::optional<flv::TagHeader> header(i64 position) const {
-    if (position + 11 > static_cast<i64>(file.size())) return {};
+    if (position < 0 || position + 11 > static_cast<i64>(file.size())) return {};
     return flv::TagHeader{&file[static_cast<std::size_t>(position)]};
   }
 
@@ -139,18 +139,24 @@ struct ReferenceIndex : ReferenceScan {
   bool usedUp() const { return allowance >= 0 && static_cast<i64>(reports) > allowance; }
 
   // After a look at a file that has changed: the list stays if its last end is still what it was.
-  void refresh() {
+  bool refresh() {
     const FrameRecord oldFirst = first;
     playIncomplete &= !usedUp();
-    if (!open() || (!list.empty() && (first != oldFirst || !stillEnds(list.back().last)))) list.clear();
+    const bool is = open();
+    if (!is || (!list.empty() && (first != oldFirst || !stillEnds(list.back().last)))) list.clear();
+    return is;
   }
+  // A tag that is still being written hides the one in front of an old end.
   bool stillEnds(const FrameRecord& known) const {
     FrameRecord now;
-    if (known.position >= dataEnd) return known == last;
-    if (!readFrameHeader(known.position, &now)) return false;
+    if (known.position == dataEnd) return known == last;
+    const bool isHidden = known.position > dataEnd;
+    if (isHidden && (!known.isEndMark() || known.position >= static_cast<i64>(file.size()))) return false;
+    if (!isHidden && !readFrameHeader(known.position, &now)) return false;
     if (!known.isEndMark()) return now == known;
     const i64 back = i64{*number(known.position - 4)} + 4;
-    return back > 8192 || header(known.position - back)->time() + 1 == known.time;
+    const auto tag = header(known.position - back);
+    return back > 8192 || (tag && tag->time() + 1 == known.time);
   }
 
   // The record that holds `value`, or else the range around it and the place in the list.

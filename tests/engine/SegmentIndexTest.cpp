@@ -1,6 +1,7 @@
 // Which segment a position or a time belongs to.
 
 #include <algorithm>
+#include <cmath>
 
 #include "EngineTest.h"
 #include "support/Random.h"
@@ -118,6 +119,46 @@ TEST_F(SegmentIndexTest, budgets) {
       stream.load(found);
       EXPECT_LE(host.bytesRead() * 10, (found.endPosition - found.startPosition) * 12);
     }
+  }
+}
+
+// 64 GiB whose times don't grow with the bytes: the span is halved all the same.
+TEST_F(SegmentIndexTest, filesThatMislead) {
+  constexpr i64 kTags = 4'600'000;
+  constexpr u32 kSize = 15'000, kDay = 86'400'000;
+  const struct {
+    const char* name;
+    std::size_t calls;  // Of the longest seek; a pass takes up to 18, and 40 passes are the most.
+    std::function<double(double tag)> exactTime;
+  } kMisleading[] = {
+      {"constant", 34, [](double tag) { return tag * 20; }},
+      {"all but the first after 24 days", 696,
+       [](double tag) { return tag > 0 ? 24.0 * kDay + tag * 20 : 0; }},
+      {"wrong last time", 355, [](double tag) { return tag == kTags - 1 ? 0xFFFFFFF0 : tag * 20; }},
+      {"two sessions, 20 days apart", 379,
+       [](double tag) { return tag * 20 + (tag > kTags / 3 ? 20.0 * kDay : 0); }},
+      {"pauses of an hour", 731, [](double tag) { return tag * 20 + std::floor(tag / 9000) * 3'600'000; }},
+      {"each minute slower", 405, [](double tag) { return std::pow(tag, 1.4); }},
+      {"each minute faster", 344, [](double tag) { return 1000 * std::sqrt(tag); }},
+      {"all but the ends at one time", 20,
+       [](double tag) { return tag > 0 ? tag == kTags - 1 ? 9e7 : 50 : 0; }},
+  };
+  Random random(2);
+  for (const auto& [name, calls, exactTime] : kMisleading) {
+    const auto timeOf = [&time = exactTime](i64 tag) {
+      return static_cast<u32>(time(static_cast<double>(tag)));
+    };
+    host.put(kFile, uniformFlv(kTags, kSize, timeOf));
+    std::size_t most = 0;
+    for (int seek = 0; seek < 25; ++seek) {
+      const u32 time = timeOf(seek < 5 ? seek : random.below(kTags - 1));
+      Stream stream = open();
+      host.clearCalls();
+      const auto found = stream.atTime(time);
+      EXPECT_TRUE(found && holdsTime(*found, time)) << name << ' ' << time;
+      most = std::max(most, host.calls.size());
+    }
+    EXPECT_LE(most, calls) << name;
   }
 }
 
