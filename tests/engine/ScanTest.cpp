@@ -131,6 +131,12 @@ TEST_F(ScanTest, growthIsSeenByTheFilesTimeAlone) {
   EXPECT_EQ(stream.size() + stream.endPosition() + stream.duration(), 2 * film.size() + 99);
   EXPECT_EQ(host.calls.size(), 3u);
   EXPECT_EQ(host.count(Op::stat), 3u);
+
+  ASSERT_TRUE(stream.atTime(120));
+  host.cut(kFile, 13);  // No tag is left, and none is found by its time.
+  EXPECT_EQ(stream.duration(), 0u);
+  EXPECT_FALSE(stream.atTime(120));
+  EXPECT_EQ(stream.size(), 13);
 }
 
 TEST_F(ScanTest, refreshThatFails) {

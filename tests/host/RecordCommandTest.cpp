@@ -194,8 +194,9 @@ TEST_F(RecordCommandTest, setupsThatChangeAreFoundFromAnyPlace) {
     frame[0] = i % 50 ? 0x27 : 0x17, frame[1] = 1;
     stream.tag(9, time, frame);
   }
-  const auto list = [&](std::vector<std::size_t> places, i64 shift = 0) {
-    std::string text = "flvhost set-ups 1\ncovers 0 " + std::to_string(stream.bytes().size()) + "\n";
+  const auto list = [&](std::vector<std::size_t> places, i64 shift = 0, i64 from = 0) {
+    std::string text = "flvhost set-ups 1\ncovers " + std::to_string(from) + " " +
+                       std::to_string(stream.bytes().size()) + "\n";
     for (const std::size_t at : places) {
       const auto& tag = stream.tags()[at];
       for (const i64 number : {tag.position + shift, i64{tag.time}, i64{tag.size}, i64{tag.type}})
@@ -213,12 +214,20 @@ TEST_F(RecordCommandTest, setupsThatChangeAreFoundFromAnyPlace) {
   const std::size_t half = changes[3], appended = changes[4];
   const std::size_t tags = stream.tags().size();
   const std::string beside = file + ".setups";
-  EXPECT_EQ(flvhost("record --keep-metadata " + file, cut(stream, 0, appended)).exitCode, 0);
-  EXPECT_NE(str(TempDir::read(beside)), "");
   const Bytes rest = join(FlvBuilder().bytes(), cut(stream, appended, tags));
-  EXPECT_EQ(flvhost("record --append=as-is --flush-every 1ms " + file, rest).exitCode, 0);
-  ASSERT_TRUE(TempDir::read(file) == stream.bytes());
-  EXPECT_EQ(str(TempDir::read(beside)), list(changes));
+  const i64 end = stream.tags()[appended].position;
+  const std::vector<std::size_t> later(changes.begin() + 4, changes.end());
+  for (const bool isKept : {false, true}) {
+    const std::string begun = "record --overwrite --keep-metadata " + file;
+    EXPECT_EQ(flvhost(begun, cut(stream, 0, appended)).exitCode, 0);
+    EXPECT_NE(str(TempDir::read(beside)), "");
+    if (!isKept) std::filesystem::remove(beside);  // What stands in front of the rest is looked for.
+    EXPECT_EQ(flvhost("record --append=as-is --flush-every 1ms " + file, rest).exitCode, 0);
+    ASSERT_TRUE(TempDir::read(file) == stream.bytes());
+    EXPECT_EQ(str(TempDir::read(beside)), isKept ? list(changes) : list(later, 0, end));
+    EXPECT_EQ(found(file, 2), (std::pair{avc(2), aac(2)})) << isKept;
+    EXPECT_EQ(found(file, 1), (std::pair{avc(1), aac(0)})) << isKept;
+  }
 
   const std::string huge = list({changes[0]}).substr(0, 40) + "99999999999999999999 1 1 9 7\n";
   for (const std::string& text : {list(changes), list(changes, 1), list({changes[0]}, 700'000), huge,
