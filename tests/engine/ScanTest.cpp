@@ -131,16 +131,17 @@ TEST_F(ScanTest, growthIsSeenByTheFilesTimeAlone) {
   EXPECT_EQ(stream.size() + stream.endPosition() + stream.duration(), 2 * film.size() + 99);
   EXPECT_EQ(host.calls.size(), 3u);
   EXPECT_EQ(host.count(Op::stat), 3u);
+}
 
+TEST_F(ScanTest, refreshThatFindsLessOrFails) {
+  Stream stream = open(threeTags());
   ASSERT_TRUE(stream.atTime(120));
   host.cut(kFile, 13);  // No tag is left, and none is found by its time.
   EXPECT_EQ(stream.duration(), 0u);
   EXPECT_FALSE(stream.atTime(120));
   EXPECT_EQ(stream.size(), 13);
-}
 
-TEST_F(ScanTest, refreshThatFails) {
-  Stream stream = open(threeTags());
+  host.put(kFile, threeTags().bytes());
   host.overwrite(kFile, 13, {1});  // the first tag is none any more
   EXPECT_EQ(stream.size(), 0);
   EXPECT_EQ(stream.size(), 148);  // what the failed scan left: it isn't tried again
