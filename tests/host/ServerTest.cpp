@@ -1,6 +1,7 @@
 #include "host/server/HttpServer.h"
 
 #include <arpa/inet.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -15,9 +16,12 @@
 namespace orv::host::test {
 namespace {
 
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
+
+constexpr char kLastChunk[] = "\r\n0\r\n\r\n";
 
 // A request as text: "media a.flv from 90000 to -5000 (bad)".
 std::string meaning(const std::string& target) {
@@ -46,24 +50,17 @@ TEST(ServerRequest, meansWhatItSaysOrNothing) {
       {"/a%2.flv", "unknown (bad)"},
   };
   for (const auto& [target, text] : kCases) EXPECT_EQ(meaning(target), text) << target;
-  for (const std::string target :
-       {"/..%2fa.flv", "/a/../b.flv", "/a//b.flv", "//etc/a.flv", "/.hidden.flv", "/a\\b.flv", "/a%00b.flv",
-        "/a%0ab.flv", "/.flv", "/a.mp4", "a.flv", "", "/1/2/3/4/5/6/7/8/9.flv"}) {
+  const std::string longest = "/" + std::string(300, 'a') + ".flv";
+  for (const std::string& target : std::initializer_list<std::string>{
+           "/..%2fa.flv", "/a/../b.flv", "/a//b.flv", "//etc/a.flv", "/.hidden.flv", "/a\\b.flv",
+           "/a%00b.flv", "/a%0ab.flv", "/.flv", "/a.mp4", "a.flv", "", "/1/2/3/4/5/6/7/8/9.flv", longest})
     EXPECT_EQ(meaning(target), "unknown") << target;
-  }
-  EXPECT_EQ(meaning("/" + std::string(300, 'a') + ".flv"), "unknown");
   EXPECT_TRUE(isSameSecret("abc", "abc"));
-  for (const char* wrong : {"", "ab", "abcd", "abcabc", "xbc"}) {
-    EXPECT_FALSE(isSameSecret(wrong, "abc")) << wrong;
-  }
+  for (const char* wrong : {"", "ab", "abcd", "abcabc", "xbc"}) EXPECT_FALSE(isSameSecret(wrong, "abc"));
 }
 
 TEST(PieceCache, keepsWhatWasUsedLastWithinItsBudget) {
-  const auto piece = [] {
-    auto made = std::make_shared<Piece>();
-    made->bytes.resize(1000);
-    return made;
-  };
+  const auto piece = [] { return std::make_shared<Piece>(Piece{Bytes(1000), {}, 0}); };
   struct Owner : PieceOwner {
     void onFreed(i64 position) override { freed.push_back(position); }
     std::vector<i64> freed;
@@ -90,17 +87,13 @@ class Wire {
  public:
   explicit Wire(u16 port, const std::string& request = "")
       : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     const timeval patience{30, 0};
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     send(request);
   }
   Wire(const Wire&) = delete;
-  Wire& operator=(const Wire&) = delete;
   ~Wire() { ::close(fd_); }
 
   void send(const std::string& bytes) const { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
@@ -130,11 +123,21 @@ std::string bodyOf(const std::string& answer) {
   return answer.substr(answer.find("\r\n\r\n") + 4);
 }
 
+// What a publisher sends that has not ended yet.
+std::string putting(const std::string& bytes, const std::string& name = "live.flv") {
+  return "PUT /" + name + " HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n" + bytes;
+}
+
 // Of live.flv; -1 where there is none.
 i64 durationAt(u16 port) {
   const std::string answer = Wire(port, "GET /live.json HTTP/1.0\r\n\r\n").rest();
   const auto json = nlohmann::json::parse(bodyOf(answer), nullptr, false);
   return json.is_object() ? json["duration"].value("ms", i64{-1}) : -1;
+}
+
+// The one at the end of an address.
+u16 portIn(const std::string& address) {
+  return static_cast<u16>(std::stoi(address.substr(address.rfind(':') + 1)));
 }
 
 class Server : public testing::Test {
@@ -148,8 +151,7 @@ class Server : public testing::Test {
     options.allowPublish = true;
     change(options);
     server_.emplace(options);
-    const std::string address = server_->address();
-    port = static_cast<u16>(std::stoi(address.substr(address.rfind(':') + 1)));
+    port = portIn(server_->address());
     thread_ = std::thread([this] { server_->run(); });
   }
   // A file that nobody has written to for a while: it has an end.
@@ -158,27 +160,18 @@ class Server : public testing::Test {
                                      std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
   }
   void stop() {
-    if (!thread_.joinable()) return;
-    server_->stop();
-    thread_.join();
+    if (thread_.joinable()) server_->stop(), thread_.join();
     server_.reset();
   }
   ~Server() override { stop(); }
 
-  std::string ask(const std::string& line, const std::string& fields = "",
-                  const std::string& body = "") const {
-    const Wire wire(port, line + " HTTP/1.0\r\n" + fields + "\r\n" + body);
-    return wire.rest();
+  std::string ask(const std::string& line, const std::string& fields = "") const {
+    return Wire(port, line + " HTTP/1.0\r\n" + fields + "\r\n").rest();
   }
-  std::string put(const std::string& name, const Bytes& bytes, const std::string& fields = "") const {
-    return ask("PUT /" + name, "Content-Length: " + std::to_string(bytes.size()) + "\r\n" + fields,
-               str(bytes));
-  }
-  // 0 while there is no such file.
-  std::uintmax_t sizeOf(const std::string& name) const {
-    std::error_code none;
-    const auto size = std::filesystem::file_size(dir.path(name), none);
-    return none ? 0 : size;
+  std::string put(const std::string& name, const Bytes& bytes) const {
+    const std::string size = std::to_string(bytes.size());
+    return Wire(port, "PUT /" + name + " HTTP/1.0\r\nContent-Length: " + size + "\r\n\r\n" + str(bytes))
+        .rest();
   }
   std::string metric(const std::string& name) const {
     const std::string text = "\n" + ask("GET /metrics"), key = "\nflvhost_" + name + " ";
@@ -198,33 +191,29 @@ TEST_F(Server, playsWhatTheCommandPlays) {
   const FlvBuilder source = movie(1500);
   film("film.flv", source.bytes());
   film("torn.flv", Bytes(source.bytes().begin(), source.bytes().begin() + 600'007));
-  Bytes damaged = source.bytes();
-  std::fill_n(damaged.begin() + 400'000, 5'000, u8{0xEE});
-  film("damaged.flv", damaged);
+  film("damaged.flv", Damage(source).overwrite(400'000, Bytes(5'000, 0xEE)).bytes());
   start();
   EXPECT_EQ(bodyOf(ask("GET /film.flv")), str(source.bytes()));
   const auto played = [&](const std::string& rest) { return flvhost("play -o - " + dir.path(rest)).out; };
   EXPECT_EQ(metric("damaged_total"), "0");
   EXPECT_TRUE(bodyOf(ask("GET /damaged.flv")) == played("damaged.flv"));
-  EXPECT_NE(metric("damaged_total"), "0");
-  EXPECT_NE(metric("recovered_tags_total"), "0");
+  EXPECT_TRUE(metric("damaged_total") != "0" && metric("recovered_tags_total") != "0");
   EXPECT_EQ(bodyOf(ask("GET /film.flv?from=12.5&to=20")), played("film.flv --from 12.5 --to 20"));
   EXPECT_EQ(bodyOf(ask("GET /film.flv?from=-3s")), played("film.flv --from 26.98"));
   EXPECT_EQ(tagsOf(bodyOf(ask("GET /torn.flv"))).size(), 590u);
-  const std::string head = ask("HEAD /film.flv");
-  EXPECT_THAT(head, StartsWith("HTTP/1.0 200"));
-  EXPECT_EQ(bodyOf(head), "");
+  EXPECT_THAT(ask("HEAD /film.flv"), AllOf(StartsWith("HTTP/1.0 200"), EndsWith("\r\n\r\n")));
   EXPECT_THAT(ask("GET /film.json"), HasSubstr("\"file\": \"film.flv\""));
   EXPECT_THAT(ask("GET /film/segments.json"), HasSubstr("\"segments\""));
   EXPECT_THAT(ask("GET /list.json"), HasSubstr("\"name\": \"torn.flv\""));
   EXPECT_THAT(ask("GET /"), HasSubstr("<video"));
 
   // One connection, one request behind the other; each loaded segment serves both.
-  const Wire wire(port, "GET /film.flv?from=29 HTTP/1.1\r\nHost: localhost\r\n\r\n");
-  const std::string first = wire.until("\r\n0\r\n\r\n");
+  const std::string get = "GET /film.flv?from=29 HTTP/1.1\r\nHost: localhost\r\n\r\n";
+  const Wire wire(port, get);
+  const std::string first = wire.until(kLastChunk);
   EXPECT_THAT(first, HasSubstr("chunked"));
-  wire.send("GET /film.flv?from=29 HTTP/1.1\r\nHost: localhost\r\n\r\n");
-  EXPECT_EQ(wire.until("\r\n0\r\n\r\n"), first);
+  wire.send(get);
+  EXPECT_EQ(wire.until(kLastChunk), first);
   EXPECT_NE(metric("cache_hits_total"), "0");
 }
 
@@ -236,37 +225,28 @@ TEST_F(Server, refusesWhatItShouldNotDo) {
   std::filesystem::create_symlink(outside.path("secret.flv"), dir.path("link.flv"));
   std::filesystem::create_directory_symlink(outside.path(""), dir.path("door"));
   start([](ServerOptions& options) { options.token = "sesame"; });
-  const std::string length = "Content-Length: 0\r\n";
-  const struct {
-    const char* line;
-    std::string fields;
-    const char* status;
-  } kCases[] = {
-      {"GET /film.flv", "", "200"},
-      {"GET /nix.flv", "", "404"},
-      {"GET /link.flv", "", "404"},
-      {"GET /door/secret.flv", "", "404"},
-      {"PUT /door/new.flv", length + "Authorization: Bearer sesame\r\n", "404"},
-      {"GET /../x.flv", "", "404"},
-      {"GET /text.flv", "", "422"},
-      {"GET /film.flv?from=1:00:00", "", "422"},
-      {"GET /film.flv?from=soon", "", "400"},
-      {"DELETE /film.flv", "", "405"},
-      {"GET /film.flv", "Host: evil.example\r\n", "403"},
-      {"GET /film.flv", "X: " + std::string(20'000, 'x') + "\r\n", "400"},
-      {"PUT /new.flv", length, "401"},
-      {"PUT /new.flv", length + "Authorization: Bearer sesam\r\n", "401"},
-      {"PUT /new.flv",
-       length + "Authorization: Bearer sesame\r\nHost: localhost\r\nOrigin: http://evil.example\r\n", "403"},
-      {"PUT /new.txt?token=sesame", length, "404"},
-      {"PUT /text.flv?token=sesame", length, "422"},
-      {"nonsense", "", "400"},
+  // Requests with '|' between them, and their fields behind '#'.
+  const std::pair<std::string, std::string> kCases[] = {
+      {"200", "GET /film.flv"},
+      {"400", "GET /film.flv?from=soon|nonsense|GET /film.flv#X: " + std::string(20'000, 'x')},
+      {"401", "PUT /new.flv|PUT /new.flv#Authorization: Bearer sesam|PUT /new.flv?token=sesam"},
+      {"403",
+       "GET /film.flv#Host: evil.example|PUT /new.flv?token=sesame#Host: localhost\r\nOrigin: "
+       "http://evil.example"},
+      {"404", "GET /nix.flv|GET /link.flv|GET /door/secret.flv|GET /../x.flv|PUT /new.txt?token=sesame"},
+      {"404", "PUT /door/new.flv#Authorization: Bearer sesame"},
+      {"405", "DELETE /film.flv"},
+      {"422", "GET /text.flv|GET /film.flv?from=1:00:00|PUT /text.flv?token=sesame"},
   };
-  for (const auto& c : kCases) {
-    const std::string answer = ask(c.line, c.fields);
-    EXPECT_THAT(answer, HasSubstr(std::string(" ") + c.status + " "))
-        << c.line << " " << c.fields.substr(0, 80);
-    EXPECT_EQ(answer.find(dir.path("")), std::string::npos) << answer;
+  for (const auto& [status, requests] : kCases) {
+    std::istringstream all(requests);
+    for (std::string one; std::getline(all, one, '|');) {
+      const std::size_t at = std::min(one.find('#'), one.size());
+      const std::string fields = at < one.size() ? one.substr(at + 1) + "\r\n" : "";
+      const std::string answer = ask(one.substr(0, at), "Content-Length: 0\r\n" + fields);
+      EXPECT_THAT(answer, HasSubstr(" " + status + " ")) << one.substr(0, 80);
+      EXPECT_EQ(answer.find(dir.path("")), std::string::npos) << answer;
+    }
   }
   EXPECT_FALSE(std::filesystem::exists(outside.path("new.flv")));
   EXPECT_THAT(put("junk.flv?token=sesame", Bytes(100'000, 'x')), HasSubstr(" 422 "));
@@ -277,24 +257,20 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   const FlvBuilder film = movie(1200, FlvBuilder().tag(18, 0, onMetaData()));
   const std::string bytes = str(film.bytes());
   start([&](ServerOptions& options) { options.library.mirrorFolder = dir.path("mirror"); });
-  const auto chunk = [](const std::string& text) {
-    char size[20];
-    std::snprintf(size, sizeof size, "%zx\r\n", text.size());
-    return size + text + "\r\n";
-  };
-  auto publisher = std::make_unique<Wire>(
+  const auto chunk = [](const std::string& text) { return fmt::format("{:x}\r\n{}\r\n", text.size(), text); };
+  const Wire publisher(
       port, "POST /live.flv HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk(bytes.substr(0, 13)));
-  ASSERT_TRUE(eventually([&] { return sizeOf("live.flv") == 13; }));
+  ASSERT_TRUE(eventually([&] { return TempDir::read(dir.path("live.flv")).size() == 13; }));
   const Wire early(port, "GET /live.flv HTTP/1.0\r\n\r\n");
   ASSERT_TRUE(eventually([&] { return metric("viewers") == "1"; }));
   EXPECT_THAT(put("live.flv", film.bytes()), HasSubstr(" 409 "));
-  publisher->send(chunk(bytes.substr(13, 500'000)));
+  publisher.send(chunk(bytes.substr(13, 500'000)));
   std::string seen = early.until("\r\n\r\n");
   ASSERT_TRUE(eventually([&] { return durationAt(port) > 9'000; }));
   const Wire late(port, "GET /live.flv?from=-2s HTTP/1.0\r\n\r\n");
   ASSERT_TRUE(eventually([&] { return metric("viewers") == "2"; }));
-  publisher->send(chunk(bytes.substr(500'013)) + "0\r\n\r\n");
-  EXPECT_THAT(publisher->until("flushes"), HasSubstr("200 OK"));
+  publisher.send(chunk(bytes.substr(500'013)) + "0\r\n\r\n");
+  EXPECT_THAT(publisher.until("flushes"), HasSubstr("200 OK"));
 
   seen += early.rest();
   const TagList tags = tagsOf(bodyOf(seen)), behind = tagsOf(bodyOf(late.rest()));
@@ -304,18 +280,14 @@ TEST_F(Server, liveStreamsReachTheirViewersAndTheFile) {
   EXPECT_TRUE(std::equal(behind.rbegin(), behind.rend() - 1, tags.rbegin()));
   EXPECT_EQ(TempDir::read(dir.path("mirror/live.flv")), TempDir::read(dir.path("live.flv")));
 
-  {
-    // In the middle of a tag.
-    const Wire vanishing(
-        port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + bytes.substr(0, 300'500));
-    ASSERT_TRUE(
-        eventually([&] { return std::stoul(metric("published_bytes_total")) >= 300'500 + bytes.size(); }));
-  }
+  std::optional<Wire> vanishing(std::in_place, port, putting(bytes.substr(0, 300'500)));  // Inside a tag.
+  const u64 sent = bytes.size() + 300'500;
+  ASSERT_TRUE(eventually([&] { return std::stoul(metric("published_bytes_total")) >= sent; }));
+  vanishing.reset();
   ASSERT_TRUE(eventually([&] { return metric("publishers") == "0"; }));
   EXPECT_THAT(put("live.flv", film.bytes()), HasSubstr("200 OK"));
   const Outcome checked = flvhost("play --verify " + dir.path("live.flv"));
-  EXPECT_EQ(checked.exitCode, 0) << checked.err;
-  EXPECT_THAT(checked.out, HasSubstr("checked   2696 tags"));
+  EXPECT_TRUE(checked.exitCode == 0 && checked.out.find("checked   2696 tags") != std::string::npos);
 }
 
 // Of a file as of one that is being recorded.
@@ -330,8 +302,7 @@ TEST_F(Server, aViewerInTheMiddleGetsTheSetupsOfItsPlace) {
         flvhost("play -o - --to 21 --from " + (part + (" " + dir.path("coded.flv")))).out;
     EXPECT_TRUE(bodyOf(ask(std::string("GET /coded.flv?to=21&from=") + part)) == played) << part;
   }
-  const Wire publisher(port,
-                       "PUT /live.flv HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + str(coded.bytes()));
+  const Wire publisher(port, putting(str(coded.bytes())));
   ASSERT_TRUE(eventually([&] { return durationAt(port) == coded.tags().back().time; }));
   EXPECT_EQ(tagsOf(bodyOf(ask("GET /live.flv?from=20&to=21")))[1].data, late);
 }
@@ -357,12 +328,10 @@ TEST(Library, callsThoseWhoCameBeforeAPublishersFile) {
   Library library(options, [](const std::function<void()>& work) { work(); });
   int calls = 0;
   const auto waits = [&] { return library.awaitBeginning("a.flv", [&] { ++calls; }); };
-  EXPECT_FALSE(waits());
-  EXPECT_TRUE(library.claim("a.flv") && waits() && waits());
+  EXPECT_TRUE(!waits() && library.claim("a.flv") && waits() && waits());
   EXPECT_FALSE(library.claim("a.flv") || calls);
   library.begun("a.flv");
-  EXPECT_FALSE(waits());
-  EXPECT_EQ(calls, 2);
+  EXPECT_TRUE(!waits() && calls == 2);
   library.release("a.flv");
   EXPECT_TRUE(library.claim("a.flv") && waits());
   library.release("a.flv");
@@ -373,22 +342,18 @@ TEST(Library, callsThoseWhoCameBeforeAPublishersFile) {
 TEST_F(Server, viewersMayComeBeforeTheFileAndStayToTheEnd) {
   start([](ServerOptions& options) { options.library.flushInterval = std::chrono::hours(1); });
   const FlvBuilder film = movie(50);
-  const std::string put = " HTTP/1.1\r\nContent-Length: 9999999\r\n\r\n" + str(film.bytes());
-  std::deque<Wire> publishers, viewers;
-  for (int i = 0; i < 20; ++i) {
-    const std::string name = "/live" + std::to_string(i) + ".flv";
-    publishers.emplace_back(port, "PUT " + name + put);
-    viewers.emplace_back(port, "GET " + name + " HTTP/1.0\r\n\r\n");
+  std::deque<Wire> wires;
+  for (char name = 'a'; name < 'a' + 20; ++name) {
+    wires.emplace_back(port, putting(str(film.bytes()), name + std::string(".flv")));
+    wires.emplace_back(port, std::string("GET /") + name + ".flv HTTP/1.0\r\n\r\n");
   }
   const u64 sent = 20 * film.bytes().size();
   ASSERT_TRUE(eventually([&] { return std::stoul(metric("published_bytes_total")) == sent; }));
-  EXPECT_EQ(metric("viewers"), "20");
-  EXPECT_EQ(metric("refused_total"), "0");
+  EXPECT_TRUE(metric("viewers") == "20" && metric("refused_total") == "0");
   stop();
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(tagsOf(str(TempDir::read(dir.path("live" + std::to_string(i) + ".flv")))).size(),
-              film.tags().size() + 1)
-        << "the metadata's place in front";
+  for (char name = 'a'; name < 'a' + 20; ++name) {
+    const std::string recorded = str(TempDir::read(dir.path(name + std::string(".flv"))));
+    EXPECT_EQ(tagsOf(recorded).size(), film.tags().size() + 1) << "the metadata's place in front";
   }
 }
 
@@ -406,29 +371,28 @@ TEST_F(Server, viewersOfAFileThatLostItsNameGetToItsEnd) {
   for (const auto& move : kMoves) {
     ASSERT_TRUE(eventually([&] { return metric("publishers") == "0"; }));
     std::filesystem::remove(old);
-    const Wire publisher(port,
-                         "PUT /live.flv HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n" + str(source.bytes()));
+    const Wire publisher(port, putting(str(source.bytes())));
     ASSERT_TRUE(eventually([&] { return durationAt(port) == source.tags().back().time; }));
-    const std::string get = " HTTP/1.1\r\nHost: localhost\r\n\r\n", last = "\r\n0\r\n\r\n";
+    const std::string get = " HTTP/1.1\r\nHost: localhost\r\n\r\n";
     const Wire slow(port, "GET /live.flv" + get), waiting(port, "GET /live.flv?from=199" + get);
     std::string seen = slow.until("\r\n\r\n"), tail = waiting.until("\r\n\r\n");
     move();
     publisher.send(str(more.bytes()).substr(flv::kFirstTagPosition));
-    EXPECT_THAT(tail += waiting.until(last), EndsWith(last));
-    EXPECT_THAT(seen += slow.until(last), EndsWith(last));
+    EXPECT_THAT(tail += waiting.until(kLastChunk), EndsWith(kLastChunk));
+    EXPECT_THAT(seen += slow.until(kLastChunk), EndsWith(kLastChunk));
     EXPECT_GE(seen.size(), source.bytes().size());
   }
 }
 
-std::string serving(const TempDir& dir) {
-  return "serve " + dir.path("") + " --listen 127.0.0.1:0 --allow-publish --flush-every 1ms";
-}
-
-u16 portOf(const Running& server) {
-  EXPECT_TRUE(eventually([&] { return server.out().find("/\n") != std::string::npos; })) << server.out();
-  const std::string out = server.out();
-  return static_cast<u16>(std::stoi(out.substr(out.rfind(':') + 1)));
-}
+// The server as a process.
+struct Process : Running {
+  explicit Process(const TempDir& dir)
+      : Running("serve " + dir.path("") + " --listen 127.0.0.1:0 --allow-publish --flush-every 1ms") {
+    EXPECT_TRUE(eventually([&] { return out().find("/\n") != std::string::npos; })) << out();
+    port = portIn(out());
+  }
+  u16 port;
+};
 
 // Killed under load; FLV_KILLS tells how often (default 3). What a viewer was sent had been flushed before.
 TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
@@ -436,14 +400,12 @@ TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
   const FlvBuilder film = movie(6000, FlvBuilder().tag(18, 0, onMetaData()));
   for (int kill = 0; kill < (wish ? std::atoi(wish) : 3); ++kill) {
     const TempDir dir;
-    Running server(serving(dir));
-    const u16 port = portOf(server);
-    const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: 99999999\r\n\r\n");
+    Process server(dir);
+    const Wire publisher(server.port, putting(""));
     std::thread sender([&] { publisher.send(str(film.bytes())); });
     const std::string name = dir.path("live.flv");
-    std::error_code none;
-    ASSERT_TRUE(eventually([&] { return std::filesystem::file_size(name, none) > 13 && !none; }));
-    const Wire viewer(port, "GET /live.flv HTTP/1.0\r\n\r\n");
+    ASSERT_TRUE(eventually([&] { return TempDir::read(name).size() > 13; }));
+    const Wire viewer(server.port, "GET /live.flv HTTP/1.0\r\n\r\n");
     std::string seen = viewer.until("\r\n\r\n");
     while (bodyOf(seen).size() < 100'000u * static_cast<unsigned>(kill % 10 + 1)) seen += viewer.some();
     server.signal(SIGKILL);
@@ -451,13 +413,8 @@ TEST(ServerProcess, killedItKeepsAllThatWasFlushed) {
     server.wait();
     sender.join();
 
-    TagList shown;
-    FlvReader reader(into(shown));
-    const std::string body = bodyOf(seen);
-    EXPECT_TRUE(reader.feed(reinterpret_cast<const u8*>(body.data()), body.size())) << reader.fault();
-    const Outcome played = flvhost("play -o - " + name);
-    const TagList kept = tagsOf(played.out);
-    ASSERT_GE(kept.size(), shown.size()) << played.err;
+    const TagList kept = tagsOf(flvhost("play -o - " + name).out);
+    ASSERT_GE(kept.size(), tagsOf(bodyOf(seen)).size());
     EXPECT_TRUE(isPart(kept, 1, film));
   }
 }
@@ -469,28 +426,19 @@ TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
   const char* const wish = std::getenv("FLV_DAY_STEP_MS");
   const u32 step = wish ? static_cast<u32>(std::atoi(wish)) : 8000, count = 24 * kHour / step;
   const TempDir dir;
-  Running server(serving(dir));
-  const u16 port = portOf(server);
+  const Process server(dir);
   const auto timeOf = [&](u32 i) { return i * step - 12 * kHour; };
   const auto part = [&](u32 i) { return dir.path("part" + std::to_string(i) + ".flv"); };
-  const Wire publisher(port, "PUT /live.flv HTTP/1.1\r\nContent-Length: " +
-                                 std::to_string(13 + u64{count} * (100 + flv::kTagOverhead)) + "\r\n\r\n" +
-                                 str(FlvBuilder().bytes()));
+  const Wire publisher(server.port, putting(str(FlvBuilder().bytes())));
   [[maybe_unused]] u64 memory[kParts] = {};
   for (u32 i = 0, at = 0; i < kParts; ++i) {
-    while (at < count / kParts * (i + 1)) {
-      Bytes tags;
-      for (const u32 end = std::min(at + 1000, count / kParts * (i + 1)); at < end; ++at) {
-        tags = join(tags, tagBytes(8, timeOf(at), orv::test::payload(flv::kTypeAudio, 100, at)));
-      }
-      publisher.send(str(tags));
-    }
-    ASSERT_TRUE(eventually([&] { return durationAt(port) == timeOf(at - 1); }));
+    FlvBuilder tags;
+    for (; at < count / kParts * (i + 1); ++at) tags.tag(8, timeOf(at), orv::test::payload(8, 100, at));
+    publisher.send(str(tags.bytes()).substr(flv::kFirstTagPosition));
+    ASSERT_TRUE(eventually([&] { return durationAt(server.port) == timeOf(at - 1); }));
     memory[i] = server.memory();
-    if (i + 1 < kParts) std::filesystem::rename(dir.path("live.flv"), part(i));
+    std::filesystem::rename(dir.path("live.flv"), part(i));
   }
-  EXPECT_THAT(publisher.until("flush"), HasSubstr("200 OK"));
-  std::filesystem::rename(dir.path("live.flv"), part(kParts - 1));
 #if !defined(ORV_ASAN) && !defined(ORV_TSAN)  // They keep what was freed.
   EXPECT_LT(memory[3], memory[1] + 1024) << "pages after 24 and after 12 hours";
 #endif
@@ -502,14 +450,14 @@ TEST(ServerProcess, aDayOfTimesRunsOnThroughRotationAndTheWrap) {
     for (const auto& tag : tagsOf(flvhost("play -o - " + part(i)).out)) {
       if (tag.type != flv::kTypeAudio) continue;
       ASSERT_EQ(tag.time, timeOf(next)) << next;
-      ASSERT_EQ(tag.data, orv::test::payload(flv::kTypeAudio, 100, next)) << next;
-      ++next;
+      ASSERT_EQ(tag.data, orv::test::payload(8, 100, next++)) << next;
     }
   }
   EXPECT_EQ(next, count);
 }
 
-TEST_F(Server, clientsThatTakeNothingAreDroppedAndThoseThatLeaveForgotten) {
+// Those that take nothing are dropped, those that leave forgotten, and the others told where a file was cut.
+TEST_F(Server, viewersEndInOrder) {
   film("film.flv", movie(20'000).bytes());
   start([](ServerOptions& options) { options.patience = std::chrono::seconds(1); });
   const Wire stuck(port, "GET /film.flv HTTP/1.0\r\n\r\n");
@@ -517,16 +465,12 @@ TEST_F(Server, clientsThatTakeNothingAreDroppedAndThoseThatLeaveForgotten) {
   EXPECT_TRUE(eventually([&] { return metric("viewers") == "0"; }));
   { const Wire leaves(port, "GET /film.flv HTTP/1.0\r\n\r\n"); }
   EXPECT_TRUE(eventually([&] { return metric("connections") == "1"; })) << "the question's own";
-}
 
-TEST_F(Server, aViewerCanTellThatTheRestCouldNotBeRead) {
-  film("film.flv", movie(20'000).bytes());
-  start();
   const Wire viewer(port, "GET /film.flv HTTP/1.1\r\nHost: localhost\r\n\r\n");
   EXPECT_THAT(viewer.until("\r\n\r\n"), HasSubstr("chunked"));
   std::filesystem::resize_file(dir.path("film.flv"), 1000);
   const std::string rest = viewer.rest();
-  EXPECT_TRUE(rest.size() > 100'000 && !rest.ends_with("\r\n0\r\n\r\n"));
+  EXPECT_TRUE(rest.size() > 100'000 && !rest.ends_with(kLastChunk));
   EXPECT_EQ(metric("failed_loads_total"), "1");
 }
 
