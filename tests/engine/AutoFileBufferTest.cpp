@@ -2,7 +2,7 @@
 
 #include "util/autofilebuffer.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstring>
 
@@ -26,7 +26,7 @@ class AutoFileBufferTest : public testing::Test {
     fd = host.open("f", openflags::readOnly, 0, 0);
     host.clearCalls();
   }
-  // Tells how many bytes came. As far as the file has them, they must be the file's.
+  // Reads, and tells how many bytes came: the file's, as far as it has them.
   u32 read(autofilebuffer& buffer, i64 position, u32 size, u32 where) {
     const auto placement = static_cast<autofilebuffer::Placement>(where);
     Bytes out(size), real = host.file("f").image.bytes(position, size);
@@ -35,12 +35,14 @@ class AutoFileBufferTest : public testing::Test {
     EXPECT_EQ(std::memcmp(out.data(), real.data(), common), 0) << position << ' ' << size << ' ' << placement;
     return static_cast<u32>(out.size());
   }
-  // What the host was asked for since the last call.
-  Reads reads() {
-    Reads out;
-    for (const Call& call : host.calls) out.emplace_back(call.position, call.size);
+  // So many bytes come, and the host is asked for these.
+  void expectRead(autofilebuffer& buffer, i64 position, u32 size, u32 placement, u32 got,
+                  const Reads& asked) {
     host.clearCalls();
-    return out;
+    EXPECT_EQ(read(buffer, position, size, placement), got) << position << ' ' << size << ' ' << placement;
+    Reads seen;
+    for (const Call& call : host.calls) seen.emplace_back(call.position, call.size);
+    EXPECT_EQ(seen, asked) << position << ' ' << size << ' ' << placement;
   }
 
   QuietReads reads_;
@@ -56,87 +58,65 @@ TEST_F(AutoFileBufferTest, placementOfTheBlock) {
   for (const auto& [placement, position, blockStart] : kBlocks) {
     autofilebuffer buffer(1003, &host);
     EXPECT_TRUE(buffer.prime(fd, position, static_cast<autofilebuffer::Placement>(placement)));
-    read(buffer, blockStart, 1003, 0);  // all of it is there, and nothing more
-    read(buffer, blockStart + 1003, 1, 0);
-    EXPECT_EQ(reads(), (Reads{{blockStart, 1003}, {blockStart + 1003, 1003}})) << placement;
+    expectRead(buffer, blockStart, 1003, 0, 1003, {});
+    expectRead(buffer, blockStart + 1003, 1, 0, 1, {{blockStart + 1003, 1003}});
   }
 }
 
-TEST_F(AutoFileBufferTest, readsAtTheEndOfTheFile) {
+TEST_F(AutoFileBufferTest, whatKeepsAndWhatMovesTheBlock) {
   autofilebuffer buffer(1000, &host);
-  read(buffer, 6500, 1, 0);
-  EXPECT_EQ(read(buffer, 6995, 11, 0), 5u);
-  EXPECT_EQ(read(buffer, 6500, 500, 0), 500u);
-  EXPECT_EQ(reads(), (Reads{{6500, 1000}, {7000, 1000}}));  // the block stays where nothing comes
-  EXPECT_EQ(read(buffer, 7000, 11, 0), 0u);
-  EXPECT_EQ(read(buffer, 6995, 11, 1), 11u);  // full, with earlier bytes behind those that exist
-  host.put("f", Bytes());
-  buffer.release();
-  for (const u32 placement : {0u, 1u, 2u}) EXPECT_EQ(read(buffer, 0, 4, placement), 0u) << placement;
-}
-
-TEST_F(AutoFileBufferTest, aLongReadInATinyFileTakesFewCalls) {
-  host.put("f", Bytes(3, 'x'));
-  autofilebuffer buffer(1024, &host);
-  EXPECT_EQ(read(buffer, 2, 65536, 1), 65536u);
-  EXPECT_LE(reads().size(), 4u);
-}
-
-TEST_F(AutoFileBufferTest, whatKeepsAndWhatDropsTheBlock) {
-  autofilebuffer buffer(1000, &host);
-  read(buffer, 100, 1, 0);
-  reads();
+  expectRead(buffer, 6500, 1, 0, 1, {{6500, 1000}});
+  expectRead(buffer, 6995, 11, 0, 5, {{7000, 1000}});
+  expectRead(buffer, 6500, 500, 0, 500, {});  // It stays where nothing comes.
+  expectRead(buffer, 7000, 11, 0, 0, {{7000, 1000}});
+  // Full, with earlier bytes behind those that exist.
+  expectRead(buffer, 6995, 11, 1, 11, {{6495, 1000}, {7000, 1000}, {6000, 1000}});
+  expectRead(buffer, 100, 1, 0, 1, {{100, 1000}});
   {
     const PassThroughScope scope(buffer);
     { const PassThroughScope nested(buffer); }
-    EXPECT_TRUE(buffer.prime(fd, 3000, autofilebuffer::forward));  // loads nothing
-    EXPECT_EQ(read(buffer, 3000, 20, 1), 20u);
-    EXPECT_EQ(read(buffer, 1090, 20, 0), 20u);  // half from the block, half behind it
-    EXPECT_EQ(read(buffer, 6990, 20, 1), 10u);  // and here the end is the end
-    EXPECT_EQ(reads(), (Reads{{3000, 20}, {1100, 10}, {6990, 20}, {7000, 10}}));
+    EXPECT_TRUE(buffer.prime(fd, 3000, autofilebuffer::forward));  // Loads nothing.
+    expectRead(buffer, 3000, 20, 1, 20, {{3000, 20}});
+    expectRead(buffer, 1090, 20, 0, 20, {{1100, 10}});              // Half from the block, half behind it.
+    expectRead(buffer, 6990, 20, 1, 10, {{6990, 20}, {7000, 10}});  // And here the end is the end.
   }
-  EXPECT_EQ(read(buffer, 100, 1000, 0), 1000u);
-  EXPECT_TRUE(reads().empty());
-  for (const bool release : {false, true}) {
-    release ? buffer.release() : buffer.reset(fd, 0);
-    EXPECT_EQ(read(buffer, 0, 9, 0), 9u);
-    EXPECT_EQ(reads(), (Reads{{0, 1000}}));
-  }
+  expectRead(buffer, 100, 1000, 0, 1000, {});
+  buffer.reset(fd, 0);
+  expectRead(buffer, 0, 9, 0, 9, {{0, 1000}});
+  host.put("f", Bytes(3, 'x'));
+  buffer.release();
+  expectRead(buffer, 2, 65536, 1, 65536, {{0, 1000}, {3, 1000}, {0, 1000}});  // No thousand calls.
+  host.put("f", Bytes());
+  buffer.release();
+  for (const u32 placement : {0u, 1u, 2u}) expectRead(buffer, 0, 4, placement, 0, {{0, 1000}});
   fd = -1;
-  EXPECT_TRUE(read(buffer, 0, 9, 0) == 0 && reads().empty());
+  expectRead(buffer, 0, 9, 0, 0, {});
 }
 
 TEST_F(AutoFileBufferTest, textsOfShortReads) {
+  const std::string end = " file descriptor 3 in file unit line 7 error-code [0-9]+";
   const struct {
     i64 position;
-    bool exactly;
-    std::string text;  // From its middle.
+    bool throws;
+    std::string told;
   } kReads[] = {
-      {6995, false, "underrun, wanted 11 bytes, got 5"},
-      {6995, true, "underrun, wanted 11 bytes, got 5"},
-      {7000, true, "failed, wanted 11 bytes, got 0"},
+      {6995, false, "FLV file read underrun, wanted 11 bytes, got 5" + end},
+      {6995, true, "FLV file read underrun, wanted 11 bytes, got 5" + end},
+      {7000, true, "FLV file read failed, wanted 11 bytes, got 0" + end},
       {-1, false, ""},
       {-1, true, ""},
   };
-  for (const auto& [position, throws, text] : kReads) {
+  for (const auto& [position, throws, told] : kReads) {
     autofilebuffer buffer(1000, &host);
     u8 out[11];
-    bool thrown = false;
     reads_.printed();
-    try {
-      if (throws)
-        buffer.readExactly(fd, position, out, sizeof out, 7, "unit");
-      else
-        buffer.readOrReport(fd, position, out, sizeof out, 7, "unit", autofilebuffer::forward);
-    } catch (const util::FileReadException&) {
-      thrown = true;
-    }
-    const std::string told = reads_.printed();
-    std::string expected = text.empty() ? "" : "FLV file read ";
-    if (!text.empty()) expected.append(text).append(" file descriptor 3 in file unit line 7 error-code ");
-    EXPECT_EQ(told.substr(0, told.find_last_not_of("0123456789") + 1), expected);
-    EXPECT_EQ(thrown, throws) << position;
-    EXPECT_EQ(reads().empty(), position < 0);
+    host.clearCalls();
+    if (throws)
+      EXPECT_THROW(buffer.readExactly(fd, position, out, sizeof out, 7, "unit"), util::FileReadException);
+    else
+      buffer.readOrReport(fd, position, out, sizeof out, 7, "unit", autofilebuffer::forward);
+    EXPECT_THAT(reads_.printed(), testing::MatchesRegex(told));
+    EXPECT_EQ(host.calls.empty(), position < 0);
   }
 }
 
