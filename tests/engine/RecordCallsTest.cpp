@@ -1,5 +1,8 @@
 // What recording asks of the host and of the mirror, call by call, and the bytes that come of it.
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "RecordTest.h"
 
 namespace orv::test {
@@ -198,6 +201,95 @@ TEST_F(RecordCallsTest, flushesThatFail) {
     EXPECT_EQ(stream.flush().has_value(), !flushed) << failure.name;
     EXPECT_EQ(script(), failure.next) << failure.name;
     EXPECT_EQ(bytes(), flushed ? failure.file : whole) << failure.name;
+  }
+}
+
+// For the copy that a mirror gets when it is attached late, which the module reads itself, the host gives out
+// a real descriptor: a socket, from which the file comes in pieces.
+class LateMirrorTest : public RecordTest {
+ protected:
+  LateMirrorTest() {
+    host.beforeCall = [this, note = host.beforeCall](const Call& call) {
+      note(call);
+      const bool forCopy = call.op == Op::open && call.flags == openflags::readOnly && call.mode == 0;
+      host.firstDescriptor = forCopy ? startFeed() : 1000;  // Above the real ones.
+    };
+  }
+  ~LateMirrorTest() override { ::close(feed_); }
+
+  std::size_t missing = 0;  // Bytes at the end that don't come.
+
+ private:
+  int startFeed() {
+    ::close(std::exchange(feed_, -1));
+    int ends[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const Bytes file = bytes();
+    for (std::size_t at = 0, size = 0; at < file.size() - missing; at += size) {
+      size = std::min<std::size_t>(100, file.size() - missing - at);
+      EXPECT_EQ(::write(ends[1], &file[at], size), static_cast<ssize_t>(size));
+    }
+    ::close(ends[1]);
+    return feed_ = ends[0];
+  }
+
+  int feed_ = -1;
+};
+
+// What is written later arrives in any case.
+TEST_F(LateMirrorTest, copyOfAFile) {
+  const std::string copied = "open 32768 0, fstat, m:open 33538 384, m:write 1000, m:close, close";
+  const struct {
+    const char* name;
+    bool isRecording;
+    std::size_t missing;
+    u32 fault;  // The call of its kind that fails.
+    Op op;
+    std::string calls;
+    bool isCopied = false, goesOn = true;
+  } kCopies[] = {
+      {"in pieces", false, 0, 0, Op::open, copied, true},
+      {"one byte short", false, 1, 0, Op::open, "open 32768 0, fstat, close"},
+      {"no descriptor", false, 0, 1, Op::open, "open 32768 0"},
+      {"no size", false, 0, 1, Op::fstat, "open 32768 0, fstat, close"},
+      {"during a recording", true, 0, 0, Op::open, "close, " + copied + ", open 32770 384", true},
+      {"no file any more", true, 0, 2, Op::open, "close, " + copied + ", open 32770 384", true, false},
+  };
+  for (const auto& copy : kCopies) {
+    mirror->files.clear();
+    mirror->answer = -1;  // Of no consequence.
+    {
+      Stream stream = open(FlvBuilder().tag(kVideo, 1, 400).tag(kVideo, 2, 557));
+      const auto attach = [&](IBackupConn* conn) { adaptor().setUserData(stream.handle, conn); };
+      if (copy.isRecording) stage(stream, {{kVideo, 20, payload(kVideo, 100, 1)}});
+      attach(nullptr);
+      adaptor().setUserData(nullptr, mirror.get());
+      script();
+      missing = copy.missing;
+      host.failCall(copy.fault, Fault::fails, copy.op);
+      attach(mirror.get());
+      EXPECT_EQ(script(), copy.calls) << copy.name;
+      const KTPtr<MirrorConn> other{new MirrorConn};
+      attach(other.get());
+      attach(nullptr);
+      EXPECT_EQ(script(), "") << copy.name;
+      EXPECT_EQ(mirror->getRefCount(), 2) << copy.name;
+      EXPECT_EQ(other->getRefCount(), 1) << copy.name;
+      for (u32 i = 0; i < 3; ++i) {
+        stage(stream, {{kAudio, 50 + i, payload(kAudio, 30, i)}});
+        EXPECT_EQ(stream.flush().has_value(), copy.goesOn) << copy.name;
+      }
+    }
+    EXPECT_EQ(mirror->getRefCount(), 1) << copy.name;
+    Bytes expected = bytes();
+    EXPECT_EQ(expected.size(), !copy.goesOn       ? 1000u
+                               : copy.isRecording ? 1000u + 115 + 3 * 45
+                                                  : 1000u + 3 * 45);
+    if (!copy.isCopied) {
+      std::fill(expected.begin(), expected.begin() + 1000, 0);
+      expected[flv::kTypeFlagsPosition] = 5;
+    }
+    EXPECT_EQ(mirror->files[kFile].bytes(), expected) << copy.name;
   }
 }
 
